@@ -1,0 +1,159 @@
+// The codec's handles: what they hold, how a request comes in and how an answer leaves.
+//
+// Decoding is strict, so that the service never sees a text that a C string or D-Bus could not carry.
+#include "codec.h"
+
+#include <climits>
+#include <initializer_list>
+#include <iterator>
+#include <string_view>
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/wire_format_lite.h>
+
+using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
+
+// An empty pair takes two bytes on the wire and fifty in memory, so that the size of a request says nothing about what
+// it costs to unpack.
+constexpr int pairs_max = 65536;
+
+constexpr int path_to_pairs[] = {wire::Message::kRequestFieldNumber, wire::Request::kMultiWriteFieldNumber,
+                                 wire::MultiWrite::kPairsFieldNumber};
+
+static google::protobuf::LogHandler *previous_log_handler;
+
+// protobuf reports every malformed message on the standard error, where anybody could then write.
+void proto_init(int, int) { previous_log_handler = google::protobuf::SetLogHandler(nullptr); }
+
+void proto_deinit(void) { google::protobuf::SetLogHandler(previous_log_handler); }
+
+Proto *proto_new(void) { return new Proto{}; }
+
+Proto *proto_new_full(const void *bytes, size_t length) {
+    Proto *handle = proto_new();
+    if (bytes != nullptr) handle->received.assign(static_cast<const char *>(bytes), length);
+    return handle;
+}
+
+void proto_destroy(Proto **handle) {
+    if (handle == nullptr) return;
+    delete *handle;
+    *handle = nullptr;
+}
+
+void proto_set_discovery(Proto *handle, const char *text) { handle->discovery = text; }
+void proto_set_private(Proto *handle, void *pointer) { handle->private_data = pointer; }
+void *proto_get_private(const Proto *handle) { return handle->private_data; }
+void proto_set_cb_read(Proto *handle, ProtoReadCallback callback) { handle->callbacks.read = callback; }
+void proto_set_cb_auth(Proto *handle, ProtoAuthCallback callback) { handle->callbacks.auth = callback; }
+void proto_set_cb_get_login_info(Proto *handle, ProtoLoginInfoCallback callback) {
+    handle->callbacks.get_login_info = callback;
+}
+void proto_set_cb_write(Proto *handle, ProtoWriteCallback callback) { handle->callbacks.write = callback; }
+void proto_set_cb_multiwrite(Proto *handle, ProtoMultiWriteCallback callback) {
+    handle->callbacks.multi_write = callback;
+}
+void proto_set_cb_change(Proto *handle, ProtoChangeCallback callback) { handle->callbacks.change = callback; }
+void proto_set_cb_action(Proto *handle, ProtoActionCallback callback) { handle->callbacks.action = callback; }
+void proto_set_getchange(Proto *handle, ProtoGetChangeCallback callback) { handle->callbacks.get_change = callback; }
+
+// Counts the pairs without unpacking them, and stops beyond the limit. Where the bytes are malformed it stops like the
+// parser, which then refuses them.
+static int count_pairs(CodedInputStream &in, size_t depth) {
+    int count = 0;
+    while (count <= pairs_max) {
+        const uint32_t tag = in.ReadTag();
+        if (tag == 0) break;
+        const bool on_path =
+            tag == WireFormatLite::MakeTag(path_to_pairs[depth], WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+        if (on_path && depth + 1 < std::size(path_to_pairs)) {
+            const CodedInputStream::Limit limit = in.ReadLengthAndPushLimit();
+            count += count_pairs(in, depth + 1);
+            in.PopLimit(limit);
+        } else {
+            if (on_path) ++count;
+            if (!WireFormatLite::SkipField(&in, tag)) break;
+        }
+    }
+    return count;
+}
+
+static bool has_few_pairs(const std::string &bytes) {
+    CodedInputStream in(reinterpret_cast<const uint8_t *>(bytes.data()), static_cast<int>(bytes.size()));
+    return count_pairs(in, 0) <= pairs_max;
+}
+
+static bool without_nul(std::initializer_list<std::string_view> texts) {
+    for (const std::string_view text : texts) {
+        if (text.find('\0') != std::string_view::npos) return false;
+    }
+    return true;
+}
+
+static bool pairs_without_nul(const wire::MultiWrite &write) {
+    for (const wire::Pair &pair : write.pairs()) {
+        if (!without_nul({pair.key(), pair.value()})) return false;
+    }
+    return true;
+}
+
+// A text with a NUL byte would reach the service cut.
+static bool texts_are_whole(const wire::Request &request) {
+    if (!without_nul({request.client_id()})) return false;
+    switch (request.operation_case()) {
+        case wire::Request::kLogin:
+            return without_nul({request.login().user_name(), request.login().password(), request.login().discovery()});
+        case wire::Request::kRead: return without_nul({request.read().key()});
+        case wire::Request::kWrite: return without_nul({request.write().key(), request.write().value()});
+        case wire::Request::kMultiWrite: return pairs_without_nul(request.multi_write());
+        case wire::Request::kAuthorize: return without_nul({request.authorize().key()});
+        default: return true;
+    }
+}
+
+int proto_decode(Proto *handle) {
+    wire::Message &request = handle->request;
+    handle->answer.Clear();
+    handle->buffer.clear();
+    if (handle->received.size() <= INT_MAX && has_few_pairs(handle->received) &&
+        request.ParseFromString(handle->received) && request.has_request() && texts_are_whole(request.request())) {
+        return 0;
+    }
+    request.Clear();
+    return -1;
+}
+
+const char *proto_id(const Proto *handle) {
+    const std::string &id = handle->request.request().client_id();
+    return id.empty() ? nullptr : id.c_str();
+}
+
+void proto_change(Proto *handle) {
+    if (handle->callbacks.change != nullptr) handle->callbacks.change(handle);
+}
+
+int proto_encode(Proto *handle) {
+    handle->buffer.clear();
+    if (!handle->answer.has_reply()) return -1;
+    const ProtoGetChangeCallback get_change = handle->callbacks.get_change;
+    handle->answer.mutable_reply()->set_change_count(get_change != nullptr ? get_change() : 0);
+    return codec_store(handle, handle->answer);
+}
+
+const void *proto_buffer(const Proto *handle) { return handle->buffer.empty() ? nullptr : handle->buffer.data(); }
+
+size_t proto_buffer_size(const Proto *handle) { return handle->buffer.empty() ? SIZE_MAX : handle->buffer.size(); }
+
+int codec_store(Proto *handle, const wire::Message &message) {
+    if (message.SerializeToString(&handle->buffer)) return 0;
+    handle->buffer.clear();
+    return -1;
+}
+
+bool codec_set_text(std::string *field, const char *text) {
+    if (!g_utf8_validate(text, -1, nullptr)) return false;
+    *field = text;
+    return true;
+}

@@ -1,0 +1,41 @@
+/* codec.h - what the codec's sources share: the record behind a handle. */
+#ifndef KESTO_SRC_CODEC_H
+#define KESTO_SRC_CODEC_H
+
+#include <string>
+
+#include <kesto/proto.h>
+
+#include "access.pb.h"
+
+namespace wire = kesto::access::v1;
+
+struct ProtoCallbacks {
+    ProtoReadCallback read;
+    ProtoAuthCallback auth;
+    ProtoLoginInfoCallback get_login_info;
+    ProtoWriteCallback write;
+    ProtoMultiWriteCallback multi_write;
+    ProtoChangeCallback change;
+    ProtoActionCallback action;
+    ProtoGetChangeCallback get_change;
+};
+
+struct Proto {
+    std::string received;
+    wire::Message request; /* its body is a request once decoded */
+    wire::Message answer;  /* its body is a reply once processed */
+    std::string buffer;    /* never empty once encoded: a message always has a body */
+    const char *discovery; /* the static discovery text, borrowed */
+    void *private_data;
+    ProtoCallbacks callbacks;
+};
+
+/* Serializes the message into the handle's buffer. 0, or -1 with an empty buffer. */
+int codec_store(Proto *handle, const wire::Message &message);
+
+/* Copies a text from the service. False, and nothing is copied, when it is not UTF-8: protobuf would send it, and no
+ * client could parse the message. */
+bool codec_set_text(std::string *field, const char *text);
+
+#endif
