@@ -1,0 +1,23 @@
+/* owned.h - how a std::unique_ptr releases what a C library made. */
+#ifndef ACCESS_COMMON_OWNED_H
+#define ACCESS_COMMON_OWNED_H
+
+/* For a function that takes the pointer: release(p). */
+template <auto release>
+struct ByPointer {
+    template <typename T>
+    void operator()(T *owned) const {
+        release(owned);
+    }
+};
+
+/* For a function that takes the address of the owning reference and clears it: release(&p). */
+template <auto release>
+struct ByAddress {
+    template <typename T>
+    void operator()(T *owned) const {
+        release(&owned);
+    }
+};
+
+#endif

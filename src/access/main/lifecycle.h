@@ -1,0 +1,17 @@
+/* lifecycle.h - the operations through which the platform starts and stops the service. Main thread only. */
+#ifndef ACCESS_MAIN_LIFECYCLE_H
+#define ACCESS_MAIN_LIFECYCLE_H
+
+#include <kesto/process.h>
+
+/* For kesto_process_add_ops. */
+extern const KestoOps kesto_access_ops;
+
+/* Creates the private data with its queue and starts the network thread. 0, or -1 when there is no memory. */
+int kesto_access_start(KestoProcess *process);
+
+/* Asks the network thread to stop, waits for its end (as long as its running D-Bus call needs) and releases the private
+ * data. 0, or -1 when the process has none. */
+int kesto_access_stop(KestoProcess *process);
+
+#endif
