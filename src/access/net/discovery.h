@@ -1,0 +1,18 @@
+/* discovery.h - answers the UDP requests by which control software finds the device, and remembers who asked.
+ * Network thread only, inside the reactor's callback; each request may block for a few D-Bus calls. */
+#ifndef ACCESS_NET_DISCOVERY_H
+#define ACCESS_NET_DISCOVERY_H
+
+#include <czmq.h>
+
+struct Client;
+
+/* Reactor handler of the discovery socket; `server` is the AccessServer. Handles one datagram. Returns 0. */
+int server_discovery(zloop_t *loop, zmq_pollitem_t *item, void *server);
+
+/* Stores the request's key and id in the record and wraps the shared key. 0, or -1 with the reason in the log.
+ * `request` is a framed datagram of at most 8191 bytes, terminated; what stands behind a NUL byte in it counts as not
+ * there. */
+int client_process_discovery(Client *client, const char *request);
+
+#endif

@@ -1,0 +1,33 @@
+/* session.h - the private command and event sockets of one logged-in client.
+ * Network thread only, inside reactor callbacks; nothing is locked. */
+#ifndef ACCESS_NET_SESSION_H
+#define ACCESS_NET_SESSION_H
+
+#include <cstdint>
+
+#include <glib.h>
+
+struct Client;
+
+/* What a login asked for; non-zero means yes. */
+struct SessionRequest {
+    int32_t monitor;
+    int32_t discard_my_feedback;
+    int32_t hide_secure_info;
+    int32_t no_lock;
+};
+
+struct SessionPorts {
+    int32_t command;
+    int32_t event;
+};
+
+/* Opens a session for `client`, which has none. 0, or -1 with the reason in the log; then the record is marked
+ * (cl_destroy 1), keeps what was opened so far, and is the caller's to free after the answer. On success the mark is
+ * set as well, and the caller's to clear. Two ports are spent either way. */
+int session_open(Client *client, const SessionRequest &want);
+
+/* "(a{sv})" with one entry, "ports"; floating: the caller sinks it or hands it on. */
+GVariant *session_login_reply(SessionPorts ports);
+
+#endif
