@@ -2,6 +2,8 @@
 #include "common/private.h"
 #include "net/authentication.h"
 #include "net/client.h"
+#include "net/command_channel.h"
+#include "net/monitor.h"
 #include "net/discovery.h"
 #include "net/notification.h"
 #include "net/server.h"
@@ -12,7 +14,8 @@ void identity_clear(DeviceIdentity *) {}
 void ensure_static_discovery(AccessServer *) {}
 int server_discovery(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
 int server_auth(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
-gboolean client_free_callback(void *, void *, void *) { return TRUE; }
+int client_read(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
+void client_start_monitor(Client *) {}
 int server_mq_timer(zloop_t *, int, void *server) {
     const AccessPrivate *priv = access_private(static_cast<AccessServer *>(server)->owner);
     bool stop = false;

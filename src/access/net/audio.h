@@ -1,0 +1,11 @@
+/* audio.h - tells the device's audio service who has come and who has gone. Nothing is waited for, and nothing is said
+ * without a session bus. Network thread only. */
+#ifndef ACCESS_NET_AUDIO_H
+#define ACCESS_NET_AUDIO_H
+
+struct Client;
+
+void audio_client_authenticated(const Client *client);
+void audio_client_deauthenticated(const Client *client);
+
+#endif
