@@ -6,8 +6,6 @@
 #include "net/server.h"
 #include "net/static_discovery.h"
 
-int server_load_identity(AccessServer *) { return 0; }
-void identity_clear(DeviceIdentity *) {}
 void ensure_static_discovery(AccessServer *) {}
 int server_discovery(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
 int server_auth(zloop_t *, zmq_pollitem_t *, void *) { return 0; }

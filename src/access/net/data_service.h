@@ -1,0 +1,19 @@
+/* data_service.h - the calls to the device's data service. Network thread only; each blocks the loop, and with it every
+ * client, until the data service answers or the time-out has passed. */
+#ifndef ACCESS_NET_DATA_SERVICE_H
+#define ACCESS_NET_DATA_SERVICE_H
+
+#include <gio/gio.h>
+
+constexpr int default_timeout_ms = -1; /* GDBus's own: 25 s */
+constexpr int multi_write_timeout_ms = 65000;
+
+/* Calls a method and waits. Takes over a floating `arguments`. The reply, a tuple of any type, is the caller's; nothing
+ * with `error` set on failure, which includes that no descriptor is free for the call. There must be a bus_connection.
+ */
+GVariant *data_service_call(const char *method, GVariant *arguments, int timeout_ms, GError **error);
+
+/* Reads the text of one key. The caller releases it with g_free; nothing when it cannot be read. */
+char *data_service_read_text(const char *key);
+
+#endif
