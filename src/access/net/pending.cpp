@@ -2,12 +2,10 @@
 #include "net/client.h"
 #include "net/command_channel.h"
 #include "net/monitor.h"
-#include "net/discovery.h"
 #include "net/server.h"
 #include "net/static_discovery.h"
 
 void ensure_static_discovery(AccessServer *) {}
-int server_discovery(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
 int server_auth(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
 int client_read(zloop_t *, zmq_pollitem_t *, void *) { return 0; }
 void client_start_monitor(Client *) {}
