@@ -1,0 +1,177 @@
+/* The request goes to every broadcast address of this machine, since none of them alone reaches everybody:
+ * 255.255.255.255 needs a route, and a device on this very machine may listen to the loopback interface only. */
+#include "discovery.h"
+
+#include <algorithm>
+#include <charconv>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <set>
+
+#include <gio/gio.h>
+
+#include "failure.h"
+#include "key_pair.h"
+
+namespace {
+
+constexpr guint16 discovery_port = 8004;
+constexpr char separator = '\x1c';
+constexpr std::string_view request_head = "@?", reply_head = "@?D", port_head = "ZMQ:";
+constexpr size_t reply_limit_bytes = 8192;
+constexpr gint64 repeat_ms = 500;  // a datagram may get lost
+constexpr gint64 us_per_ms = 1000;
+constexpr const char *loopback_address = "127.0.0.1", *loopback_broadcast = "127.255.255.255",
+                     *limited_broadcast = "255.255.255.255";
+
+struct InterfacesRelease {
+    void operator()(ifaddrs *list) const { freeifaddrs(list); }
+};
+
+std::set<std::string> broadcast_addresses() {
+    std::set<std::string> addresses = {loopback_broadcast, limited_broadcast};
+    ifaddrs *found = nullptr;
+    if (getifaddrs(&found) != 0) return addresses;
+    const std::unique_ptr<ifaddrs, InterfacesRelease> list(found);
+    for (const ifaddrs *i = list.get(); i != nullptr; i = i->ifa_next) {
+        const bool usable = (i->ifa_flags & IFF_BROADCAST) != 0 && (i->ifa_flags & IFF_UP) != 0;
+        if (!usable || i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET || i->ifa_broadaddr == nullptr)
+            continue;
+        g_autoptr(GSocketAddress) broadcast = g_socket_address_new_from_native(i->ifa_broadaddr, sizeof(sockaddr_in));
+        if (broadcast == nullptr) continue;
+        g_autofree char *text =
+            g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(broadcast)));
+        addresses.insert(text);
+    }
+    return addresses;
+}
+
+GSocket *open_socket() {
+    g_autoptr(GError) error = nullptr;
+    GSocket *socket = g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &error);
+    if (socket == nullptr) throw Failure{ExitStatus::not_reachable, std::string("not reachable: ") + error->message};
+    g_socket_set_broadcast(socket, TRUE);
+    return socket;
+}
+
+/* Some of the addresses are out of reach on most machines, so it takes all of them to fail. */
+void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const std::string &request) {
+    std::string reason;
+    size_t failed_count = 0;
+    for (const std::string &address : addresses) {
+        g_autoptr(GError) error = nullptr;
+        g_autoptr(GSocketAddress) target = g_inet_socket_address_new_from_string(address.c_str(), discovery_port);
+        if (g_socket_send_to(socket, target, request.data(), request.size(), nullptr, &error) >= 0) continue;
+        reason = error->message;
+        ++failed_count;
+    }
+    if (failed_count == addresses.size()) throw Failure{ExitStatus::not_reachable, "not reachable: " + reason};
+}
+
+std::string build_request(const std::string &public_key, const std::string &client_id) {
+    std::string request(request_head);
+    for (const std::string &field : {std::string("kesto-client"), std::string(), public_key})
+        request += field + separator;
+    return request + client_id + "!";
+}
+
+bool take_prefix(std::string &text, std::string_view prefix) {
+    if (!text.starts_with(prefix)) return false;
+    text.erase(0, prefix.size());
+    return true;
+}
+
+std::vector<std::string> split_fields(std::string_view text) {
+    std::vector<std::string> fields;
+    for (size_t begin = 0, end = 0; end != std::string_view::npos; begin = end + 1) {
+        end = text.find(separator, begin);
+        fields.emplace_back(text.substr(begin, end - begin));
+    }
+    return fields;
+}
+
+std::optional<int> parse_port(const std::string &text) {
+    int port = 0;
+    const char *text_end = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), text_end, port);
+    if (error != std::errc() || end != text_end || port < 0 || port > port_max) return std::nullopt;
+    return port;
+}
+
+std::optional<Device> parse_reply(std::string text) {
+    if (!take_prefix(text, reply_head) || !text.ends_with('!')) return std::nullopt;
+    text.pop_back();
+    std::vector<std::string> fields = split_fields(text);
+    if (fields.size() != discovery_fields.size()) return std::nullopt;
+    for (const int field : {field_auth_port, field_second_port}) {
+        if (!take_prefix(fields[static_cast<size_t>(field)], port_head)) return std::nullopt;
+    }
+    const std::optional<int> login_port = parse_port(fields[field_auth_port]);
+    if (!login_port) return std::nullopt;
+    Device device;
+    device.login_port = *login_port;
+    std::move(fields.begin(), fields.end(), device.fields.begin());
+    return device;
+}
+
+/* The answer to one request differs from the next only in the wrapped key, whose padding is random. */
+bool same_device(const Device &a, const Device &b) {
+    return a.fields[field_model] == b.fields[field_model] && a.fields[field_serial] == b.fields[field_serial];
+}
+
+void remember(std::vector<Device> &devices, Device device, const std::string &address) {
+    const auto known =
+        std::find_if(devices.begin(), devices.end(), [&](const Device &other) { return same_device(device, other); });
+    if (known == devices.end()) {
+        device.addresses = {address};
+        devices.push_back(std::move(device));
+        return;
+    }
+    auto &addresses = known->addresses;
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) addresses.push_back(address);
+}
+
+void receive_reply(GSocket *socket, const KeyPair &pair, std::vector<Device> &devices) {
+    char buffer[reply_limit_bytes];
+    g_autoptr(GSocketAddress) source = nullptr;
+    const gssize length = g_socket_receive_from(socket, &source, buffer, sizeof buffer, nullptr, nullptr);
+    if (length <= 0) return;
+    std::optional<Device> device = parse_reply(std::string(buffer, static_cast<size_t>(length)));
+    if (!device) return;
+    device->key_is_right = key_pair_unwrap(pair, device->fields[field_wrapped_key]) == shared_key;
+    g_autofree char *address =
+        g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(source)));
+    remember(devices, std::move(*device), address);
+}
+
+}  // namespace
+
+std::vector<Device> discover_devices(const DiscoverySearch &search) {
+    const KeyPair pair = key_pair_new();
+    const std::string request = build_request(key_pair_public_pem(pair), search.client_id);
+    const std::set<std::string> targets =
+        search.address ? std::set<std::string>{*search.address} : broadcast_addresses();
+    g_autoptr(GSocket) socket = open_socket();
+
+    std::vector<Device> devices;
+    const gint64 end_us = g_get_monotonic_time() + search.wait_ms * us_per_ms;
+    gint64 send_us = 0;
+    for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
+        if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
+        if (search.address && !devices.empty()) break;
+        if (now_us >= send_us) {
+            send_to_all(socket, targets, request);
+            send_us = now_us + repeat_ms * us_per_ms;
+        }
+        const gint64 wait_us = std::min(end_us, send_us) - now_us;
+        if (g_socket_condition_timed_wait(socket, G_IO_IN, wait_us, nullptr, nullptr))
+            receive_reply(socket, pair, devices);
+    }
+    return devices;
+}
+
+Endpoint device_login_endpoint(const Device &device) {
+    if (device.login_port == 0) return {loopback_address, auth_port};
+    return {device.addresses.front(), device.login_port};
+}

@@ -1,0 +1,62 @@
+#include "key_pair.h"
+
+#include <charconv>
+#include <vector>
+
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include "failure.h"
+
+namespace {
+
+constexpr unsigned key_bits = 2048;
+
+struct BioRelease {
+    void operator()(BIO *bio) const { BIO_free(bio); }
+};
+struct ContextRelease {
+    void operator()(EVP_PKEY_CTX *context) const { EVP_PKEY_CTX_free(context); }
+};
+using Bytes = std::vector<unsigned char>;
+
+std::optional<Bytes> bytes_of_hex(const std::string &hex) {
+    if (hex.empty() || hex.size() % 2 != 0) return std::nullopt;
+    Bytes bytes(hex.size() / 2);
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        const char *digits = hex.data() + 2 * i;
+        const auto [end, error] = std::from_chars(digits, digits + 2, bytes[i], 16);
+        if (error != std::errc() || end != digits + 2) return std::nullopt;
+    }
+    return bytes;
+}
+
+}  // namespace
+
+KeyPair key_pair_new() {
+    KeyPair pair(EVP_RSA_gen(key_bits));
+    if (!pair) throw Failure{ExitStatus::refused, "cannot make an RSA key on this machine"};
+    return pair;
+}
+
+std::string key_pair_public_pem(const KeyPair &pair) {
+    const std::unique_ptr<BIO, BioRelease> memory(BIO_new(BIO_s_mem()));
+    PEM_write_bio_PUBKEY(memory.get(), pair.get());
+    std::string pem(BIO_ctrl_pending(memory.get()), '\0');
+    BIO_read(memory.get(), pem.data(), static_cast<int>(pem.size()));
+    return pem;
+}
+
+std::optional<std::string> key_pair_unwrap(const KeyPair &pair, const std::string &hex) {
+    const std::optional<Bytes> wrapped = bytes_of_hex(hex);
+    if (!wrapped) return std::nullopt;
+    const std::unique_ptr<EVP_PKEY_CTX, ContextRelease> context(EVP_PKEY_CTX_new(pair.get(), nullptr));
+    if (!context || EVP_PKEY_decrypt_init(context.get()) <= 0) return std::nullopt;
+    if (EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) <= 0) return std::nullopt;
+    Bytes text(static_cast<size_t>(EVP_PKEY_get_size(pair.get())));
+    size_t length = text.size();
+    if (EVP_PKEY_decrypt(context.get(), text.data(), &length, wrapped->data(), wrapped->size()) <= 0)
+        return std::nullopt;
+    return std::string(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(length));
+}

@@ -1,0 +1,64 @@
+/* options.h - the command line: common options, a command, its own options and arguments. */
+#ifndef CLIENT_OPTIONS_H
+#define CLIENT_OPTIONS_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct Options {
+    std::string address;  // numeric IPv4 of --host
+    bool host_given;
+    std::string client_id;
+    bool own_id;  // the id is this run's own, so nobody else has a session under it
+    std::string user;
+    std::string password;  // empty for a command that does not log in
+    bool json;
+    int timeout_ms;
+
+    bool recursive;
+    bool lock;
+    bool keep;
+    bool monitor;
+    bool discard_my_feedback;
+    bool hide_secure_info;
+    bool no_lock;
+    bool with_discovery;
+    uint32_t type;
+    int count;   // 0: without end
+    int for_ms;  // 0: without end
+    int wait_ms;
+    int alarm_wait_ms;  // 0: leave the step out
+
+    std::vector<std::string> arguments;
+};
+
+/* One row of the command table. */
+struct Command {
+    const char *name;
+    const char *arguments;  // as the help shows them
+    const char *summary;
+    size_t arguments_min, arguments_max;
+    bool logs_in;     // needs a password
+    bool id_per_run;  // its default id has the process id in it
+    std::vector<const char *> option_names;
+    int (*run)(const Options &options);  // returns the exit status, or throws a Failure
+};
+
+struct Invocation {
+    const Command *command;
+    Options options;
+};
+
+/* Throws a Failure (usage) for anything wrong. --help and --version print and end the program with 0. */
+Invocation parse_command_line(int argc, char **argv, const std::vector<Command> &commands);
+
+/* A word of the form KEY=VALUE. */
+struct Assignment {
+    std::string key, value;
+};
+Assignment parse_assignment(const std::string &word);
+void require_key(const std::string &key); /* throws when it is empty */
+
+#endif

@@ -1,0 +1,217 @@
+#include "output.h"
+
+#include <charconv>
+#include <cstdio>
+
+#include <gio/gio.h>
+
+namespace {
+
+std::string local_time(const char *format) {
+    g_autoptr(GDateTime) now = g_date_time_new_now_local();
+    g_autofree char *seconds = g_date_time_format(now, format);
+    g_autofree char *text = g_strdup_printf("%s.%03d", seconds, g_date_time_get_microsecond(now) / 1000);
+    return text;
+}
+
+std::string assignment_text(const std::string &key, const std::string &value) {
+    return printable(key) + " = " + printable(value);
+}
+
+void add_line(std::string &text, const std::string &line) {
+    if (!text.empty()) text += '\n';
+    text += line;
+}
+
+std::string device_text(const Device &device) {
+    std::string text;
+    for (const std::string &address : device.addresses) text += (text.empty() ? "device at " : ", ") + address;
+    for (size_t i = 0; i < discovery_fields.size(); ++i) {
+        g_autofree char *title = g_strdup_printf("  %-20s ", discovery_fields[i].title);
+        add_line(text, title + printable(device.fields[i]));
+    }
+    add_line(text, std::string("  unwrapped key        ") + (device.key_is_right ? "right" : "WRONG"));
+    add_line(text, "  log in at            " + endpoint_text(device_login_endpoint(device)));
+    return text;
+}
+
+Json device_json(const Device &device) {
+    Json json;
+    json["addresses"] = device.addresses;
+    for (size_t i = 0; i < discovery_fields.size(); ++i) json[discovery_fields[i].name] = device.fields[i];
+    json["key_is_right"] = device.key_is_right;
+    json["login"] = endpoint_text(device_login_endpoint(device));
+    return json;
+}
+
+/* The shortest decimal that is this float: as a double, 84.9f would print as 84.9000015258789. */
+double short_decimal(float value) {
+    char text[32];
+    const auto [end, error] = std::to_chars(text, text + sizeof text - 1, value);
+    *end = '\0';
+    return error == std::errc() ? g_ascii_strtod(text, nullptr) : static_cast<double>(value);
+}
+
+Saying say_alarm(const wire::Alarm &alarm) {
+    g_autofree char *text = g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code(), alarm.channel(),
+                                            static_cast<double>(alarm.value()), alarm.active() != 0 ? ", active" : "");
+    return {
+        {{"event", "alarm"},
+         {"code", alarm.code()},
+         {"active", alarm.active()},
+         {"channel", alarm.channel()},
+         {"value", short_decimal(alarm.value())}},
+        text
+    };
+}
+
+Saying say_change(const wire::Change &change) {
+    Json json = {
+        {"event", "change"      },
+        {"key",   change.key()  },
+        {"value", change.value()}
+    };
+    std::string text = "changed " + assignment_text(change.key(), change.value());
+    if (change.has_type()) {
+        json["type"] = change.type();
+        if (!change.type().empty()) text += " (" + printable(change.type()) + ")";
+    }
+    return {json, text};
+}
+
+Saying say_event(const wire::Event &event) {
+    switch (event.kind_case()) {
+        case wire::Event::kAlarm: return say_alarm(event.alarm());
+        case wire::Event::kChange: return say_change(event.change());
+        case wire::Event::kSnapshotLoaded: {
+            const uint32_t slot = event.snapshot_loaded().slot();
+            return {
+                {{"event", "snapshot_loaded"}, {"slot", slot}},
+                "snapshot " + std::to_string(slot) + " loaded"
+            };
+        }
+        case wire::Event::kSpeakerPresetLoaded: return {{{"event", "speaker_preset_loaded"}}, "speaker preset loaded"};
+        case wire::Event::KIND_NOT_SET: break;
+    }
+    return {{{"event", "unknown"}}, "event of an unknown kind"};
+}
+
+/* The reply to another client's write, as that client got it; on one line, as every event. */
+Saying say_echo(const wire::Reply &reply) {
+    const bool several = reply.has_multi_write();
+    const Saying what = several ? say_write_all(reply.multi_write()) : say_write(reply.write());
+    std::string text = what.text;
+    for (size_t end = 0; (end = text.find('\n', end)) != std::string::npos;) text.replace(end, 1, "; ");
+    Json json = {
+        {"event",     "echo"           },
+        {"client_id", reply.client_id()}
+    };
+    json[several ? "multi_write" : "write"] = what.json;
+    return {json, "client " + printable(reply.client_id()) + " wrote " + text};
+}
+
+}  // namespace
+
+void print_saying(bool json, const Saying &saying) {
+    // What devices say comes unchecked from the network; a byte that is not UTF-8 must not end the program.
+    const std::string text = json ? saying.json.dump(-1, ' ', false, Json::error_handler_t::replace) : saying.text;
+    printf("%s\n", text.c_str());
+    fflush(stdout);
+}
+
+std::string printable(std::string_view text) {
+    g_autofree char *valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+    std::string shown;
+    for (const char *c = valid; *c != '\0'; c = g_utf8_next_char(c)) {
+        const gunichar code = g_utf8_get_char(c);
+        if (g_unichar_iscntrl(code)) {
+            g_autofree char *escaped = g_strdup_printf("\\x%02x", code);
+            shown += escaped;
+        } else {
+            shown.append(c, static_cast<size_t>(g_utf8_next_char(c) - c));
+        }
+    }
+    return shown;
+}
+
+Saying say_devices(const std::vector<Device> &devices) {
+    Saying saying{Json::array(), ""};
+    for (const Device &device : devices) {
+        saying.json.push_back(device_json(device));
+        add_line(saying.text, device_text(device));
+    }
+    return saying;
+}
+
+Saying say_login(const Account &account, const wire::Session &ports, bool stays) {
+    const std::string id = printable(account.client_id);
+    const std::string end =
+        stays ? "it logs out: kesto-client --id " + id + " logout" : "its last command connection closes";
+    g_autofree char *text = g_strdup_printf(
+        "logged in as %s with client id %s\ncommand port  %d\nevent port    %d\nthe session stays until %s",
+        printable(account.user).c_str(), id.c_str(), ports.command_port(), ports.event_port(), end.c_str());
+    return {
+        {{"client_id", account.client_id},
+         {"user", account.user},
+         {"command_port", ports.command_port()},
+         {"event_port", ports.event_port()}},
+        text
+    };
+}
+
+Saying say_value(const wire::Value &value) {
+    Saying saying{
+        {{"key", value.key()}, {"signature", value.signature()}},
+        ""
+    };
+    if (value.signature() != "a{ss}") {
+        saying.json["value"] = value.text();
+        saying.text = printable(value.text());
+        return saying;
+    }
+    Json &entries = saying.json["entries"] = Json::object();
+    for (const wire::Pair &pair : value.entries()) {
+        entries[pair.key()] = pair.value();
+        add_line(saying.text, assignment_text(pair.key(), pair.value()));
+    }
+    return saying;
+}
+
+Saying say_write(const wire::WriteResult &result) {
+    const Json json = {
+        {"key",    result.key()   },
+        {"value",  result.value() },
+        {"type",   result.type()  },
+        {"result", result.result()}
+    };
+    std::string text = assignment_text(result.key(), result.value());
+    if ((result.type() & write_is_lock) != 0) text += " (a lock)";
+    if (result.result() != 0) text += " (result " + std::to_string(result.result()) + ")";
+    return {json, text};
+}
+
+Saying say_write_all(const wire::MultiWriteResult &result) {
+    Saying saying{Json::array(), ""};
+    for (int i = 0; i < result.pairs_size(); ++i) {
+        const wire::Pair &pair = result.pairs(i);
+        Json json = {
+            {"key",   pair.key()  },
+            {"value", pair.value()}
+        };
+        std::string line = assignment_text(pair.key(), pair.value());
+        if (i < result.results_size()) {
+            json["result"] = result.results(i);
+            line += " (" + printable(result.results(i)) + ")";
+        }
+        saying.json.push_back(json);
+        add_line(saying.text, line);
+    }
+    return saying;
+}
+
+Saying say_published(const wire::Message &message) {
+    const Saying what = message.has_event() ? say_event(message.event()) : say_echo(message.reply());
+    Saying saying{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + what.text};
+    saying.json.update(what.json);
+    return saying;
+}

@@ -1,0 +1,209 @@
+/* A refusal on the wire has no reason in it. Whether the user's rights were it is asked afterwards, with the request
+ * that touches nothing. */
+#include "session.h"
+
+#include <string_view>
+#include <utility>
+
+#include "failure.h"
+
+namespace {
+
+Failure refused(const std::string &what, const std::string &why) {
+    return {ExitStatus::refused, "refused: " + what + ": " + why};
+}
+
+Failure unsupported(const std::string &what) { return refused(what, "the device does not know this request"); }
+
+wire::Reply ask_login_socket(const Account &account, wire::Request request) {
+    // A REQ socket hides that nothing listens until the time-out; a refused connection says so at once.
+    if (!accepts_connections(account.login, account.timeout_ms)) {
+        throw Failure{ExitStatus::not_reachable,
+                      "not reachable: no device takes logins at " + endpoint_text(account.login)};
+    }
+    request.set_client_id(account.client_id);
+    return exchange(connect_commands(account.login), account.login, request, account.timeout_ms);
+}
+
+wire::Reply session_ask(Session &session, wire::Request request, const std::string &what) {
+    request.set_client_id(session.account.client_id);
+    request.set_sequence(++session.sequence);
+    wire::Reply reply =
+        exchange(session.commands, session_command_endpoint(session), request, session.account.timeout_ms);
+    if (reply.status() == wire::STATUS_UNSUPPORTED) throw unsupported(what);
+    return reply;
+}
+
+Failure refused_by_data_service(const std::string &what, const std::string &detail) {
+    return refused(what, "the user's rights allow it, but the device's data service " + detail);
+}
+
+Failure refused_read(Session &session, const std::string &key, bool recursive) {
+    const std::string what = (recursive ? "read everything below " : "read ") + key;
+    if (!session_may(session, operation_read, key, recursive)) {
+        return refused(what, "user " + session.account.user + " may not read this" + (recursive ? " recursively" : ""));
+    }
+    return refused_by_data_service(what, "gave no value; there may be no such key");
+}
+
+Failure refused_write(Session &session, const std::string &key, bool asks_for_rights, int result) {
+    const std::string what = "write " + key;
+    if (asks_for_rights && !session_may(session, operation_write, key, false)) {
+        return refused(what, "user " + session.account.user + " may not write this key");
+    }
+    return refused_by_data_service(what, "did not accept it (result " + std::to_string(result) + ")");
+}
+
+Failure refused_write_all(Session &session, const std::vector<Assignment> &assignments) {
+    for (const Assignment &assignment : assignments) {
+        if (session_may(session, operation_write, assignment.key, false)) continue;
+        return refused("multi-write", "user " + session.account.user + " may not write " + assignment.key +
+                                          ", so nothing was written");
+    }
+    return refused_by_data_service("multi-write", "did not accept it");
+}
+
+bool is_port(int number) { return number > 0 && number <= port_max; }
+
+/* Fresh sessions are monitored, so that they end with this program however it ends. */
+LoginWishes passing_wishes(const Options &options) {
+    LoginWishes wishes;
+    wishes.monitor = !options.keep;
+    wishes.discard_my_feedback = true;
+    return wishes;
+}
+
+}  // namespace
+
+Account account_from_options(const Options &options) {
+    return {
+        {options.address, auth_port},
+        options.client_id, options.user, options.password, options.timeout_ms
+    };
+}
+
+wire::Session log_in(const Account &account, const LoginWishes &wishes) {
+    wire::Request request;
+    wire::Login &login = *request.mutable_login();
+    login.set_user_name(account.user);
+    login.set_password(account.password);
+    login.set_monitor(wishes.monitor);
+    login.set_discard_my_feedback(wishes.discard_my_feedback);
+    login.set_hide_secure_info(wishes.hide_secure_info);
+    login.set_no_lock(wishes.no_lock);
+    if (wishes.discovery) login.set_discovery(*wishes.discovery);
+    const wire::Reply reply = ask_login_socket(account, request);
+    if (reply.status() == wire::STATUS_OK && is_port(reply.session().command_port()) &&
+        is_port(reply.session().event_port())) {
+        return reply.session();
+    }
+    throw refused("log in as " + account.user, "wrong user name or password, a session of another user under id " +
+                                                   account.client_id +
+                                                   (wishes.discovery ? ", another device's discovery text" : "") +
+                                                   ", or no free port on the device");
+}
+
+void log_out(const Account &account) {
+    wire::Request request;
+    request.mutable_login();
+    if (ask_login_socket(account, request).status() != wire::STATUS_OK) {
+        throw refused("log out", "the device did not say why");
+    }
+}
+
+std::string ask_static_discovery(const Account &account) {
+    wire::Request request;
+    request.mutable_discovery();
+    const wire::Reply reply = ask_login_socket(account, request);
+    if (reply.result_case() != wire::Reply::kDiscovery) throw unsupported("static discovery");
+    return reply.discovery();
+}
+
+Session session_open(const Account &account, const LoginWishes &wishes) {
+    const wire::Session ports = log_in(account, wishes);
+    Session session{account, ports.command_port(), ports.event_port(), nullptr, nullptr};
+    session.commands = connect_commands(session_command_endpoint(session));
+    return session;
+}
+
+void session_listen(Session &session) { session.events = connect_events(session_event_endpoint(session)); }
+
+Endpoint session_command_endpoint(const Session &session) {
+    return {session.account.login.address, session.command_port};
+}
+
+Endpoint session_event_endpoint(const Session &session) { return {session.account.login.address, session.event_port}; }
+
+Session session_enter(const Options &options) {
+    return session_open(account_from_options(options), passing_wishes(options));
+}
+
+/* A session under an id of our own is nobody else's. Under any other id a session that was there before stays, and a
+ * fresh one, being monitored, ends with its connection. */
+void session_leave(const Options &options, const Session &session) {
+    if (options.own_id && !options.keep) log_out(session.account);
+}
+
+void with_session(const Options &options, const std::function<void(Session &)> &work) {
+    Session session = session_enter(options);
+    try {
+        work(session);
+    } catch (const Failure &failure) {
+        if (failure.status != ExitStatus::not_reachable) session_leave(options, session);
+        throw;
+    }
+    session_leave(options, session);
+}
+
+wire::Value session_read(Session &session, const std::string &key, bool recursive) {
+    wire::Request request;
+    request.mutable_read()->set_key(key);
+    request.mutable_read()->set_flags(recursive ? 0 : read_this_key_alone);
+    const wire::Reply reply = session_ask(session, request, "read " + key);
+    if (reply.status() != wire::STATUS_OK || !reply.has_value()) throw refused_read(session, key, recursive);
+    return reply.value();
+}
+
+wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type) {
+    wire::Request request;
+    wire::Write &write = *request.mutable_write();
+    write.set_key(assignment.key);
+    write.set_value(assignment.value);
+    write.set_type(type);
+    const wire::Reply reply = session_ask(session, request, "write " + assignment.key);
+    if (reply.status() == wire::STATUS_OK && reply.write().result() >= 0) return reply.write();
+    const bool asks_for_rights = (type & write_is_lock) == 0;
+    throw refused_write(session, assignment.key, asks_for_rights, reply.write().result());
+}
+
+wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments) {
+    wire::Request request;
+    for (const Assignment &assignment : assignments) {
+        wire::Pair &pair = *request.mutable_multi_write()->add_pairs();
+        pair.set_key(assignment.key);
+        pair.set_value(assignment.value);
+    }
+    const wire::Reply reply = session_ask(session, request, "multi-write");
+    if (reply.status() != wire::STATUS_OK) throw refused_write_all(session, assignments);
+    return reply.multi_write();
+}
+
+bool session_may(Session &session, uint32_t operation, const std::string &key, bool recursive) {
+    wire::Request request;
+    request.mutable_authorize()->set_operation(operation);
+    request.mutable_authorize()->set_key(key);
+    request.mutable_authorize()->set_recursive(recursive);
+    return session_ask(session, request, "may " + key).authorization().allowed();
+}
+
+std::string session_static_discovery(Session &session) {
+    wire::Request request;
+    request.mutable_discovery();
+    return session_ask(session, request, "static discovery").discovery();
+}
+
+uint32_t session_change_count(Session &session) {
+    wire::Request request;
+    request.mutable_change_count();
+    return session_ask(session, request, "changes").change_count();
+}

@@ -1,0 +1,62 @@
+/* session.h - logging in and out, and what a logged-in client asks.
+ *
+ * A session lives in the device under the client id. A second login under the id finds the same session, with the flags
+ * of the first. A monitored session ends with its last command connection; any other stays until it logs out.
+ * Everything throws a Failure: refused with the key and the reason as far as the wire tells, or not_reachable. */
+#ifndef CLIENT_SESSION_H
+#define CLIENT_SESSION_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "wire.h"
+
+struct Account {
+    Endpoint login;
+    std::string client_id, user, password;
+    int timeout_ms;
+};
+Account account_from_options(const Options &options);
+
+struct LoginWishes {
+    bool monitor = false;
+    bool discard_my_feedback = false;
+    bool hide_secure_info = false;
+    bool no_lock = false;
+    std::optional<std::string> discovery;  // the static discovery text to present
+};
+
+struct Session {
+    Account account;
+    int command_port, event_port;
+    Socket commands;
+    Socket events;  // only after session_listen
+    uint64_t sequence = 0;
+};
+
+/* On the authentication socket, without a session. */
+wire::Session log_in(const Account &account, const LoginWishes &wishes);
+void log_out(const Account &account);
+std::string ask_static_discovery(const Account &account);
+
+Session session_open(const Account &account, const LoginWishes &wishes);
+void session_listen(Session &session); /* from now on, or a moment later, what the device publishes arrives */
+Endpoint session_command_endpoint(const Session &session);
+Endpoint session_event_endpoint(const Session &session);
+
+/* A session that leaves the device as it was: at the end it goes again, unless it was there before or --keep asks for
+ * it. Without session_leave the device ends it by itself, once the connection is closed. */
+Session session_enter(const Options &options);
+void session_leave(const Options &options, const Session &session);
+void with_session(const Options &options, const std::function<void(Session &)> &work);
+
+wire::Value session_read(Session &session, const std::string &key, bool recursive);
+wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type);
+wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments);
+bool session_may(Session &session, uint32_t operation, const std::string &key, bool recursive);
+std::string session_static_discovery(Session &session);
+uint32_t session_change_count(Session &session);
+
+#endif

@@ -1,0 +1,205 @@
+#include "shell.h"
+
+#include <cstdio>
+#include <set>
+
+#include <glib.h>
+
+#include "commands.h"
+#include "failure.h"
+#include "line_editor.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+struct Shell {
+    const Options &options;
+    std::optional<Session> session;  // none after the device did not answer; the next command opens another
+    bool watching = false;
+    bool ended = false;
+    ExitStatus first_failure = ExitStatus::fine;
+    std::set<std::string> keys;  // for completion
+};
+
+struct ShellCommand {
+    const char *name;
+    const char *arguments;
+    const char *summary;
+    size_t arguments_min, arguments_max;
+    void (*run)(Shell &shell, const Words &arguments);
+};
+extern const std::vector<ShellCommand> shell_commands;
+
+/* Where a user finds keys; the first that the user's rights allow to be read recursively comes first. */
+constexpr const char *key_roots[] = {"/", "/Device/Config", "/Device/Audio/Presets/Live"};
+
+Failure wrong_line(const std::string &problem) { return {ExitStatus::usage, problem + " (try help)"}; }
+
+Session &session_of(Shell &shell) {
+    if (shell.session) return *shell.session;
+    shell.session = session_enter(shell.options);
+    if (shell.watching) session_listen(*shell.session);
+    return *shell.session;
+}
+
+void say(const Shell &shell, const Saying &saying) { print_saying(shell.options.json, saying); }
+
+void learn_keys(Shell &shell, const wire::Value &value) {
+    for (const wire::Pair &pair : value.entries()) shell.keys.insert(pair.key());
+}
+
+void shell_read(Shell &shell, const Words &arguments) {
+    const bool recursive = arguments.front() == "-r";
+    if (arguments.size() != (recursive ? 2 : 1)) throw wrong_line("read takes [-r] KEY");
+    require_key(arguments.back());
+    const wire::Value value = session_read(session_of(shell), arguments.back(), recursive);
+    learn_keys(shell, value);
+    if (!recursive) shell.keys.insert(arguments.back());
+    say(shell, say_value(value));
+}
+
+void shell_write(Shell &shell, const Words &arguments) {
+    require_key(arguments[0]);
+    say(shell, say_write(session_write(session_of(shell), {arguments[0], arguments[1]}, shell.options.type)));
+}
+
+void shell_multi_write(Shell &shell, const Words &arguments) {
+    say(shell, say_write_all(session_write_all(session_of(shell), parse_assignments(arguments))));
+}
+
+void shell_may(Shell &shell, const Words &arguments) {
+    require_key(arguments[0]);
+    say(shell, ask_rights(session_of(shell), arguments[0]));
+}
+
+void shell_watch(Shell &shell, const Words &arguments) {
+    const bool on = arguments[0] == "on";
+    if (!on && arguments[0] != "off") throw wrong_line("watch takes on or off");
+    shell.watching = on;
+    Session &session = session_of(shell);
+    if (!on) session.events.reset();
+    if (on && !session.events) session_listen(session);
+}
+
+void shell_help(Shell &, const Words &) {
+    for (const ShellCommand &command : shell_commands) {
+        printf("%-12s %-13s %s\n", command.name, command.arguments, command.summary);
+    }
+    printf("Words with spaces go in quotes. Tab completes commands and keys.\n");
+    fflush(stdout);
+}
+
+void shell_quit(Shell &shell, const Words &) { shell.ended = true; }
+
+constexpr size_t any_number = SIZE_MAX;
+const std::vector<ShellCommand> shell_commands = {
+    {"read",        "[-r] KEY",     "Read a key, with -r everything at or below it", 1, 2,          shell_read       },
+    {"write",       "KEY VALUE",    "Write a key",                                   2, 2,          shell_write      },
+    {"multi-write", "KEY=VALUE...", "Write all of the keys or none",                 1, any_number, shell_multi_write},
+    {"may",         "KEY",          "Ask what the user may do with a key",           1, 1,          shell_may        },
+    {"watch",       "on|off",       "Show alarms and changes as they come",          1, 1,          shell_watch      },
+    {"help",        "",             "Show this",                                     0, 0,          shell_help       },
+    {"quit",        "",             "Log out and end",                               0, 0,          shell_quit       },
+};
+
+Words split_line(const std::string &line) {
+    g_auto(GStrv) words = nullptr;
+    g_autoptr(GError) error = nullptr;
+    if (g_shell_parse_argv(line.c_str(), nullptr, &words, &error)) return {words, words + g_strv_length(words)};
+    if (g_error_matches(error, G_SHELL_ERROR, G_SHELL_ERROR_EMPTY_STRING)) return {};
+    throw wrong_line(error->message);
+}
+
+void run_line(Shell &shell, const std::string &line) {
+    if (!g_utf8_validate(line.c_str(), static_cast<gssize>(line.size()), nullptr))
+        throw wrong_line("the line is not UTF-8");
+    Words words = split_line(line);
+    if (words.empty()) return;
+    const std::string name = words.front();
+    words.erase(words.begin());
+    for (const ShellCommand &command : shell_commands) {
+        if (name != command.name) continue;
+        if (words.size() < command.arguments_min || words.size() > command.arguments_max) {
+            throw wrong_line(name + " takes " + (*command.arguments != '\0' ? command.arguments : "no arguments"));
+        }
+        command.run(shell, words);
+        return;
+    }
+    throw wrong_line("unknown command " + name);
+}
+
+void run_line_and_report(Shell &shell, const std::string &line) {
+    try {
+        run_line(shell, line);
+    } catch (const Failure &failure) {
+        fprintf(stderr, "kesto-client: %s\n", failure.sentence.c_str());
+        if (shell.first_failure == ExitStatus::fine) shell.first_failure = failure.status;
+        const bool connection_is_lost = failure.status != ExitStatus::refused && failure.status != ExitStatus::usage;
+        if (connection_is_lost) shell.session.reset();
+    }
+}
+
+/* The next levels of what begins like `word`: a whole tree of keys would fill screens. */
+Words next_levels(const std::set<std::string> &keys, const std::string &word) {
+    std::set<std::string> levels;
+    for (auto key = keys.lower_bound(word); key != keys.end() && key->starts_with(word); ++key) {
+        const size_t slash = key->find('/', std::max<size_t>(word.size(), 1));
+        levels.insert(slash == std::string::npos ? *key : key->substr(0, slash + 1));
+    }
+    return {levels.begin(), levels.end()};
+}
+
+Words complete_line(const Shell &shell, const std::string &line) {
+    const size_t space = line.find_last_of(' ');
+    if (space != std::string::npos) return next_levels(shell.keys, line.substr(space + 1));
+    Words names;
+    for (const ShellCommand &command : shell_commands) {
+        if (std::string_view(command.name).starts_with(line)) names.emplace_back(command.name);
+    }
+    return names;
+}
+
+void learn_tree(Shell &shell) {
+    for (const char *root : key_roots) {
+        if (!session_may(*shell.session, operation_read, root, true)) continue;
+        try {
+            learn_keys(shell, session_read(*shell.session, root, true));
+        } catch (const Failure &failure) {
+            if (failure.status != ExitStatus::refused) throw;  // a device without these keys
+            continue;
+        }
+        if (std::string_view(root) == "/") return;
+    }
+}
+
+LineEditorCallbacks callbacks_of(Shell &shell) {
+    LineEditorCallbacks callbacks;
+    callbacks.socket = [&shell]() -> void * {
+        return shell.session && shell.session->events ? zsock_resolve(shell.session->events.get()) : nullptr;
+    };
+    callbacks.serve = [&shell] {
+        const std::optional<wire::Message> message = receive_published(shell.session->events, 0);
+        if (message) say(shell, say_published(*message));
+    };
+    callbacks.complete = [&shell](const std::string &line) { return complete_line(shell, line); };
+    return callbacks;
+}
+
+}  // namespace
+
+int run_shell(const Options &options) {
+    Shell shell{options, {}, false, false, ExitStatus::fine, {}};
+    session_of(shell);  // a wrong password is said at once
+    const LineEditorOwner editor = line_editor_new("kesto> ", callbacks_of(shell));
+    const bool interactive = line_editor_is_interactive(*editor);
+    if (interactive) learn_tree(shell);
+    while (!shell.ended) {
+        const std::optional<std::string> line = line_editor_read(*editor);
+        if (!line) break;
+        run_line_and_report(shell, *line);
+    }
+    if (shell.session) session_leave(options, *shell.session);
+    const bool fine = interactive || zsys_interrupted;
+    return static_cast<int>(fine ? ExitStatus::fine : shell.first_failure);
+}

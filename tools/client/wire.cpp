@@ -1,0 +1,121 @@
+/* The transport. A REQ socket alternates strictly, so one that did not get its answer is never used again. */
+#include "wire.h"
+
+#include <algorithm>
+#include <netdb.h>
+
+#include <gio/gio.h>
+
+#include "failure.h"
+
+namespace {
+
+struct FrameRelease {
+    void operator()(zframe_t *frame) const { zframe_destroy(&frame); }
+};
+using Frame = std::unique_ptr<zframe_t, FrameRelease>;
+
+struct AddressRelease {
+    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+using AddressList = std::unique_ptr<addrinfo, AddressRelease>;
+
+Socket connect_socket(int type, const Endpoint &endpoint) {
+    Socket socket(zsock_new(type));
+    zsock_set_linger(socket.get(), 0);
+    if (zsock_connect(socket.get(), "tcp://%s:%d", endpoint.address.c_str(), endpoint.port) != 0) {
+        throw Failure{ExitStatus::not_reachable,
+                      "not reachable: " + endpoint_text(endpoint) + " is no address to connect to"};
+    }
+    return socket;
+}
+
+bool wait_readable(const Socket &socket, int timeout_ms) {
+    zmq_pollitem_t item = {zsock_resolve(socket.get()), 0, ZMQ_POLLIN, 0};
+    return zmq_poll(&item, 1, timeout_ms) == 1;
+}
+
+Frame receive_frame(const Socket &socket, int timeout_ms) {
+    return wait_readable(socket, timeout_ms) ? Frame(zframe_recv(socket.get())) : nullptr;
+}
+
+bool parse(const Frame &frame, wire::Message &message) {
+    return message.ParseFromArray(zframe_data(frame.get()), static_cast<int>(zframe_size(frame.get())));
+}
+
+void send_request(const Socket &socket, const Endpoint &endpoint, const wire::Request &request) {
+    wire::Message message;
+    *message.mutable_request() = request;
+    const std::string bytes = message.SerializeAsString();
+    zframe_t *frame = zframe_new(bytes.data(), bytes.size());
+    if (zframe_send(&frame, socket.get(), ZFRAME_DONTWAIT) != 0) {
+        zframe_destroy(&frame);
+        throw Failure{ExitStatus::not_reachable, "not reachable: cannot send to " + endpoint_text(endpoint)};
+    }
+}
+
+Failure no_answer(const Endpoint &endpoint, int timeout_ms) {
+    if (zsys_interrupted) return {ExitStatus::interrupted, "interrupted"};
+    g_autofree char *sentence = g_strdup_printf("not reachable: no answer from %s within %g s",
+                                                endpoint_text(endpoint).c_str(), timeout_ms / 1000.0);
+    return {ExitStatus::not_reachable, sentence};
+}
+
+}  // namespace
+
+std::string endpoint_text(const Endpoint &endpoint) { return endpoint.address + ":" + std::to_string(endpoint.port); }
+
+std::string resolve_host(const std::string &host) {
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int error = getaddrinfo(host.c_str(), nullptr, &wanted, &found);
+    const AddressList list(found);
+    char text[NI_MAXHOST];
+    if (error != 0 ||
+        getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) != 0) {
+        throw Failure{ExitStatus::not_reachable, "not reachable: no IPv4 address is known for host " + host};
+    }
+    return text;
+}
+
+bool accepts_connections(const Endpoint &endpoint, int timeout_ms) {
+    constexpr int ms_per_s = 1000;
+    g_autoptr(GSocketClient) client = g_socket_client_new();
+    g_socket_client_set_enable_proxy(client, FALSE);
+    g_socket_client_set_timeout(client, static_cast<guint>((timeout_ms + ms_per_s - 1) / ms_per_s));
+    g_autoptr(GSocketConnection) connection = g_socket_client_connect_to_host(
+        client, endpoint.address.c_str(), static_cast<guint16>(endpoint.port), nullptr, nullptr);
+    return connection != nullptr;
+}
+
+Socket connect_commands(const Endpoint &endpoint) { return connect_socket(ZMQ_REQ, endpoint); }
+
+Socket connect_events(const Endpoint &endpoint) {
+    Socket socket = connect_socket(ZMQ_SUB, endpoint);
+    zsock_set_subscribe(socket.get(), "");
+    return socket;
+}
+
+wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire::Request &request, int timeout_ms) {
+    send_request(socket, endpoint, request);
+    const Frame frame = receive_frame(socket, timeout_ms);
+    if (!frame) throw no_answer(endpoint, timeout_ms);
+    if (zframe_size(frame.get()) == 0) {
+        throw Failure{ExitStatus::refused, "refused: the device could not make anything of the request"};
+    }
+    wire::Message message;
+    if (!parse(frame, message) || !message.has_reply() || message.reply().sequence() != request.sequence()) {
+        throw Failure{ExitStatus::refused,
+                      "refused: " + endpoint_text(endpoint) + " answered with something else than a reply"};
+    }
+    return message.reply();
+}
+
+std::optional<wire::Message> receive_published(const Socket &events, int timeout_ms) {
+    const Frame frame = receive_frame(events, std::max(timeout_ms, 0));
+    wire::Message message;
+    if (!frame || !parse(frame, message)) return std::nullopt;
+    return message;
+}

@@ -1,0 +1,58 @@
+/* wire.h - requests, replies and events of the wire contract over ZeroMQ sockets.
+ *
+ * One thread. Everything that waits is bounded by a time-out in milliseconds. Failures are thrown (failure.h):
+ * not_reachable when nothing answers in time, refused when the answer is none, interrupted after Ctrl-C. */
+#ifndef CLIENT_WIRE_H
+#define CLIENT_WIRE_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <czmq.h>
+
+#include "access.pb.h"
+
+namespace wire = kesto::access::v1;
+
+constexpr int auth_port = 60000;
+constexpr int port_max = 65535;
+
+/* Bits and codes that the contract gives as numbers. */
+constexpr uint32_t read_this_key_alone = 0x2000;
+constexpr uint32_t write_is_lock = 0x1000;
+constexpr uint32_t operation_read = 2;
+constexpr uint32_t operation_write = 4;
+
+struct Endpoint {
+    std::string address;  // numeric IPv4
+    int port;
+};
+
+struct SocketRelease {
+    void operator()(zsock_t *socket) const { zsock_destroy(&socket); }
+};
+using Socket = std::unique_ptr<zsock_t, SocketRelease>;
+
+std::string endpoint_text(const Endpoint &endpoint); /* "127.0.0.1:60000" */
+
+/* The numeric IPv4 address of a host name or address. */
+std::string resolve_host(const std::string &host);
+
+/* Whether something accepts TCP connections there; takes one and closes it at once. Never ask this of the command port
+ * of a monitored session: the service takes the closing for the client's own. */
+bool accepts_connections(const Endpoint &endpoint, int timeout_ms);
+
+/* Sockets connect in the background: that nothing is there shows at the first exchange. */
+Socket connect_commands(const Endpoint &endpoint);
+Socket connect_events(const Endpoint &endpoint);
+
+/* Sends one request and waits for its reply. After a failure the socket is of no further use. */
+wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire::Request &request, int timeout_ms);
+
+/* Waits for what the service publishes: an Event, or the Reply to another client's write. None after the time-out,
+ * after Ctrl-C (zsys_interrupted), and for a frame that is not a message. */
+std::optional<wire::Message> receive_published(const Socket &events, int timeout_ms);
+
+#endif
