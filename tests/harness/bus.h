@@ -1,0 +1,49 @@
+/* bus.h - a session bus of the test's own, with the stock configuration. */
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+#include <gio/gio.h>
+
+#include "harness/process.h"
+
+/* Where a method is found. */
+struct BusObject {
+    const char *name, *path, *interface;
+};
+inline constexpr BusObject access_object = {"com.quillmont.kesto.Access", "/com/quillmont/kesto/Access",
+                                            "com.quillmont.kesto.Access.Service"};
+inline constexpr BusObject device_control = {"com.quillmont.kesto.Data", "/com/quillmont/kesto/Device",
+                                             "com.quillmont.kesto.Device.Control"};
+inline constexpr BusObject the_bus = {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"};
+
+/* What came back: the reply in GVariant's text format ("()" for an empty one), or an error's name and message. */
+struct Answer {
+    std::string reply, error, message;
+    bool operator==(const Answer &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Answer &answer);
+inline const Answer empty_reply = {"()", "", ""};
+
+class Bus {
+  public:
+    Bus();
+    ~Bus();
+    Bus(const Bus &) = delete;
+    Bus &operator=(const Bus &) = delete;
+
+    const std::string &address() const { return address_; }
+
+    /* Takes a floating `arguments` over; nothing stands for (). No answer within the patience is an error as well. */
+    Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr);
+    bool has_owner(const char *name);
+    void take_name(const char *name);  // for the test itself
+
+    void end();  // as when the bus daemon is killed
+
+  private:
+    Process daemon_;
+    std::string address_;
+    GDBusConnection *connection_ = nullptr;
+};

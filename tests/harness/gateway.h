@@ -1,0 +1,67 @@
+/* gateway.h - one whole gateway for one test: a bus, the simulated device and the access service, the real programs.
+ *
+ * At its end the service gets SIGTERM, unless the test has seen its exit (service().wait_exit()), and must end with
+ * status 0; it must not have complained either (Process::allow_complaint). The recordings are printed when the test has
+ * failed. The service's ports and files are fixed, so that a test has one gateway at a time. */
+#pragma once
+
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "harness/bus.h"
+#include "harness/process.h"
+
+struct GatewayOptions {
+    bool with_device = true;
+    std::vector<std::string> device_options = {};  // beside --trace
+    bool with_service = true;
+    std::vector<std::string> arguments = {};  // of the service
+    Environment environment = {};             // beside KESTO_DEBUG=1 and the bus; nothing else reaches the service
+    bool wait_until_up = true;                // by its log; false for a service that says nothing or does not come up
+};
+
+struct Device : Process {
+    using Process::Process;
+
+    /* A call to the audio service, by its method and the client id in it; for other calls: expect_log of the trace,
+     * "Write (0, '/Device/Config/Name', 'Hall')". */
+    void expect_call(std::string_view method, std::string_view client_id, Where where = Where::current());
+};
+
+class Gateway {
+  public:
+    explicit Gateway(GatewayOptions options = {});
+    ~Gateway();
+    Gateway(const Gateway &) = delete;
+    Gateway &operator=(const Gateway &) = delete;
+
+    Bus &bus() { return bus_; }
+    Process &service() { return *service_; }
+    Device &device() { return *device_; }
+
+    /* As the options of the gateway say; each for one that does not run. */
+    void start_service();
+    void start_device();
+
+    /* SIGTERM, and the end that belongs to it. */
+    void stop_service();
+    void stop_device();
+
+    /* Of the service. */
+    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
+    Answer call(const char *method, GVariant *arguments = nullptr);
+
+    /* Of the device's control interface: control("Fault", "('read=never',)"); must succeed. */
+    void control(const char *method, const char *arguments, Where where = Where::current());
+
+  private:
+    void end_service();
+
+    GatewayOptions options_;
+    Bus bus_;
+    std::optional<Device> device_;
+    std::optional<Process> service_;
+};

@@ -1,0 +1,93 @@
+/* process.h - a program under test: started, recorded from its first line, ended by its process id.
+ *
+ * Log texts are compared with a line's message, which is what follows the prefix "[program|pid] {file:line} "; a line
+ * without the prefix is its own message. In an expected text "*" stands for any characters. The recording is read from
+ * a cursor that moves behind each line that was expected. Lines of the two streams stand in the order in which they
+ * were read, which need not be the one in which they were printed. For the test's own thread only. */
+#pragma once
+
+#include <condition_variable>
+#include <initializer_list>
+#include <iosfwd>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <thread>
+#include <vector>
+
+#include "harness/wait.h"
+
+using Environment = std::map<std::string, std::string>;
+
+struct Exit {
+    int status = 0;
+    int signal = 0;  // that killed it, or 0
+    bool operator==(const Exit &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const Exit &exit);
+
+class Process {
+  public:
+    /* `environment` is all that it gets beside the search path and the sanitizers' settings. */
+    Process(std::vector<std::string> command, const Environment &environment);
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+    ~Process();  // kills what still runs; prints the recording when the test has failed
+
+    /* Waits for these messages in this order; others may stand between them. */
+    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
+
+    /* Waits for `fence`, which must come, and fails when `message` stands before it. */
+    void expect_no_log_before(std::string_view message, std::string_view fence, Where where = Where::current());
+
+    /* Waits for `fence` and gives the messages from the cursor up to it, the fence excluded. */
+    std::vector<std::string> log_until(std::string_view fence, Where where = Where::current());
+
+    /* The cursor back to the first line. */
+    void rewind() { cursor_ = 0; }
+
+    /* Everything so far, one line each. After wait_exit that is everything there will be. */
+    std::string standard_output();
+    std::string standard_error();
+
+    pid_t pid() const { return pid_; }
+    bool running();
+    void send_signal(int number);  // nothing when it has ended already
+    Exit wait_exit(Where where = Where::current());
+
+    /* SIGTERM, then status 0; nothing more when the test has seen the exit (wait_exit). Records a failure, never
+     * throws. */
+    void expect_orderly_end();
+
+    /* That GLib, CZMQ, the sanitizers and assert had nothing to report, but for lines that contain an allowed text. */
+    void expect_no_complaints();
+    void allow_complaint(std::string text) { allowed_.push_back(std::move(text)); }
+
+  private:
+    struct Line {
+        int stream;
+        std::string text;
+    };
+
+    void read_until_end(int standard_output, int standard_error);
+    void add_lines(int stream, std::string &rest, std::string_view bytes);
+    void note_exit();
+    bool is_allowed(const std::string &line) const;
+    std::optional<Exit> exit_until(Clock::time_point end);
+    size_t wait_for(std::string_view message, const Where &where);  // the line's index
+    std::string text_of(int stream);
+
+    std::string name_;
+    pid_t pid_ = -1;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Line> lines_;   // guarded by mutex_
+    std::optional<Exit> exit_;  // guarded by mutex_; set after the last line
+    size_t cursor_ = 0;
+    bool exit_seen_ = false;
+    std::vector<std::string> allowed_;
+    std::thread reader_;
+};

@@ -1,0 +1,206 @@
+#include "harness/remote_client.h"
+
+#include <ostream>
+#include <zmq.h>
+
+#include <gtest/gtest.h>
+
+static constexpr int authentication_port = 60000;
+static constexpr int32_t alarm_code = 40;                     // the only one that is published
+static constexpr int32_t fence_channel_first = 1'000'000;     // no device has that many
+static constexpr std::chrono::milliseconds resend_after{50};  // a first event that was published too early is lost
+
+std::ostream &operator<<(std::ostream &out, const Ports &ports) {
+    return out << "commands " << ports.command << ", events " << ports.event;
+}
+
+static void *context() {
+    static void *const shared = zmq_ctx_new();
+    return shared;
+}
+
+static int32_t publish_fence(Gateway &gateway, const Where &where) {
+    static int32_t channel = fence_channel_first;
+    const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel));
+    if (answer != empty_reply) abandon("the fence was not published: " + answer.message, where);
+    return channel;
+}
+
+/* The fence's channel, or 0 for any other message. */
+static int32_t fence_in(const wire::Message &message) {
+    const int32_t channel = message.event().alarm().channel();
+    return channel > fence_channel_first ? channel : 0;
+}
+
+void RemoteClient::Close::operator()(void *socket) const { zmq_close(socket); }
+
+RemoteClient::RemoteClient(std::string id, std::string address)
+    : id_(std::move(id)), address_(std::move(address)), authentication_(connect(ZMQ_REQ, authentication_port)) {}
+
+RemoteClient::~RemoteClient() = default;
+RemoteClient::RemoteClient(RemoteClient &&) noexcept = default;
+
+RemoteClient::Socket RemoteClient::connect(int type, int port) const {
+    Socket socket(zmq_socket(context(), type));
+    const int linger_ms = 0, receive_ms = static_cast<int>(patience().count());
+    zmq_setsockopt(socket.get(), ZMQ_LINGER, &linger_ms, sizeof linger_ms);
+    zmq_setsockopt(socket.get(), ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
+    if (type == ZMQ_SUB) zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0);
+    const std::string endpoint = "tcp://" + address_ + ":" + std::to_string(port);
+    if (zmq_connect(socket.get(), endpoint.c_str()) != 0) throw Abandoned("no connection to " + endpoint);
+    return socket;
+}
+
+void *RemoteClient::socket_of(Channel channel, const Where &where) const {
+    void *socket = channel == Channel::command ? commands_.get() : authentication_.get();
+    if (socket == nullptr) abandon(id_ + " has no command socket", where);
+    return socket;
+}
+
+static std::optional<std::string> receive_frame(void *socket) {
+    zmq_msg_t frame;
+    zmq_msg_init(&frame);
+    std::optional<std::string> bytes;
+    if (zmq_msg_recv(&frame, socket, 0) >= 0)
+        bytes.emplace(static_cast<char *>(zmq_msg_data(&frame)), zmq_msg_size(&frame));
+    EXPECT_FALSE(bytes && zmq_msg_more(&frame) != 0) << "a message of several frames";
+    zmq_msg_close(&frame);
+    return bytes;
+}
+
+std::string RemoteClient::exchange(Channel channel, const std::vector<std::string> &frames, Where where) {
+    void *socket = socket_of(channel, where);
+    for (size_t i = 0; i < frames.size(); i++) {
+        const int flags = i + 1 < frames.size() ? ZMQ_SNDMORE : 0;
+        if (zmq_send(socket, frames[i].data(), frames[i].size(), flags) < 0) abandon(id_ + " cannot send", where);
+    }
+    const auto answer = receive_frame(socket);
+    if (!answer) abandon(id_ + " got no reply", where);
+    return *answer;
+}
+
+wire::Reply RemoteClient::ask(Channel channel, wire::Request request, Where where) {
+    if (request.client_id().empty()) request.set_client_id(id_);
+    request.set_sequence(++sequence_);
+    wire::Message sent, received;
+    *sent.mutable_request() = request;
+    const std::string bytes = exchange(channel, {sent.SerializeAsString()}, where);
+    if (!received.ParseFromString(bytes) || !received.has_reply())
+        abandon(id_ + " got something that is no reply", where);
+    EXPECT_EQ(received.reply().client_id(), request.client_id());
+    EXPECT_EQ(received.reply().sequence(), request.sequence());
+    return received.reply();
+}
+
+static wire::Request login_request(const LoginOptions &options) {
+    wire::Request request;
+    wire::Login &login = *request.mutable_login();
+    if (options.user_name) login.set_user_name(*options.user_name);
+    if (options.password) login.set_password(*options.password);
+    if (options.discovery) login.set_discovery(*options.discovery);
+    login.set_monitor(options.monitor);
+    login.set_discard_my_feedback(options.discard_my_feedback);
+    login.set_hide_secure_info(options.hide_secure_info);
+    login.set_no_lock(options.no_lock);
+    return request;
+}
+
+Ports RemoteClient::log_in(const LoginOptions &options, Where where) {
+    const wire::Reply reply = ask(Channel::authentication, login_request(options), where);
+    EXPECT_EQ(reply.has_session(), reply.status() == wire::STATUS_OK);
+    const Ports ports{reply.session().command_port(), reply.session().event_port()};
+    if (reply.has_session() && options.connect) connect_to(ports);
+    return ports;
+}
+
+void RemoteClient::connect_to(Ports ports) {
+    if (ports == ports_ && commands_) return;
+    commands_ = connect(ZMQ_REQ, ports.command);
+    events_ = connect(ZMQ_SUB, ports.event);
+    ports_ = ports;
+}
+
+wire::Reply RemoteClient::log_out(Channel channel, Where where) {
+    return ask(channel, login_request({.user_name = std::nullopt, .password = std::nullopt}), where);
+}
+
+wire::Reply RemoteClient::read(const std::string &key, uint32_t flags, Where where) {
+    wire::Request request;
+    request.mutable_read()->set_key(key);
+    request.mutable_read()->set_flags(flags);
+    return ask(Channel::command, request, where);
+}
+
+wire::Reply RemoteClient::write(const std::string &key, const OptionalText &value, uint32_t type, Where where) {
+    wire::Request request;
+    request.mutable_write()->set_key(key);
+    if (value) request.mutable_write()->set_value(*value);
+    request.mutable_write()->set_type(type);
+    return ask(Channel::command, request, where);
+}
+
+wire::Reply RemoteClient::multi_write(const std::vector<std::pair<OptionalText, OptionalText>> &pairs, Where where) {
+    wire::Request request;
+    request.mutable_multi_write();
+    for (const auto &[key, value] : pairs) {
+        wire::Pair &pair = *request.mutable_multi_write()->add_pairs();
+        if (key) pair.set_key(*key);
+        if (value) pair.set_value(*value);
+    }
+    return ask(Channel::command, request, where);
+}
+
+wire::Reply RemoteClient::authorize(uint32_t operation, const std::string &key, bool recursive, Where where) {
+    wire::Request request;
+    request.mutable_authorize()->set_operation(operation);
+    request.mutable_authorize()->set_key(key);
+    request.mutable_authorize()->set_recursive(recursive);
+    return ask(Channel::command, request, where);
+}
+
+void RemoteClient::hang_up() {
+    commands_.reset();
+    events_.reset();
+}
+
+std::optional<wire::Message> RemoteClient::event_until(Clock::time_point end) {
+    zmq_pollitem_t readable{events_.get(), 0, ZMQ_POLLIN, 0};
+    if (zmq_poll(&readable, 1, milliseconds_until(end)) != 1) return std::nullopt;
+    wire::Message message;
+    EXPECT_TRUE(message.ParseFromString(receive_frame(events_.get()).value_or(""))) << "no message of the contract";
+    return message;
+}
+
+void RemoteClient::subscribe(Gateway &gateway, Where where) {
+    const auto end = deadline();
+    int32_t sent = 0, seen = 0;
+    while (seen == 0) {
+        if (Clock::now() > end) abandon(id_ + " hears no event", where);
+        sent = publish_fence(gateway, where);
+        if (const auto message = event_until(Clock::now() + resend_after)) seen = fence_in(*message);
+    }
+    while (seen != sent) {
+        const auto message = event_until(end);
+        if (!message) abandon(id_ + " missed an event", where);
+        if (fence_in(*message) != 0) seen = fence_in(*message);
+    }
+}
+
+wire::Message RemoteClient::next_event(Where where) {
+    for (const auto end = deadline();;) {
+        const auto message = event_until(end);
+        if (!message) abandon(id_ + " got no event", where);
+        if (fence_in(*message) == 0) return *message;
+    }
+}
+
+std::vector<wire::Message> RemoteClient::events_so_far(Gateway &gateway, Where where) {
+    const int32_t fence = publish_fence(gateway, where);
+    std::vector<wire::Message> events;
+    for (const auto end = deadline();;) {
+        const auto message = event_until(end);
+        if (!message) abandon(id_ + " missed an event", where);
+        if (fence_in(*message) == fence) return events;
+        if (fence_in(*message) == 0) events.push_back(*message);
+    }
+}

@@ -1,0 +1,26 @@
+/* wait.h - how the scenario tests wait: always for an event, never for a time. A wait that finds no event ends the test
+ * with a failure that names what was waited for and the line that waited. */
+#pragma once
+
+#include <chrono>
+#include <source_location>
+#include <stdexcept>
+#include <string>
+
+using Clock = std::chrono::steady_clock;
+using Where = std::source_location;
+
+/* How long an event may take before it counts as never: far longer than it takes on a busy machine. */
+std::chrono::milliseconds patience();
+
+inline Clock::time_point deadline() { return Clock::now() + patience(); }
+
+/* What is left until then, in milliseconds for poll and the like; 0 when it is over. */
+int milliseconds_until(Clock::time_point end);
+
+/* Thrown after the failure has been recorded, so that nothing is waited for in vain after it. */
+struct Abandoned : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+[[noreturn]] void abandon(const std::string &reason, const Where &where);
