@@ -80,9 +80,24 @@ static int count_pairs(CodedInputStream &in, size_t depth) {
     return count;
 }
 
+static CodedInputStream stream_of(const std::string &bytes) {
+    return CodedInputStream(reinterpret_cast<const uint8_t *>(bytes.data()), static_cast<int>(bytes.size()));
+}
+
 static bool has_few_pairs(const std::string &bytes) {
-    CodedInputStream in(reinterpret_cast<const uint8_t *>(bytes.data()), static_cast<int>(bytes.size()));
+    CodedInputStream in = stream_of(bytes);
     return count_pairs(in, 0) <= pairs_max;
+}
+
+// A reply or an event in the place of the request, or beside it, would be unpacked whole before it is refused.
+static bool has_only_a_request(const std::string &bytes) {
+    CodedInputStream in = stream_of(bytes);
+    while (const uint32_t tag = in.ReadTag()) {
+        const int field = WireFormatLite::GetTagFieldNumber(tag);
+        if (field == wire::Message::kReplyFieldNumber || field == wire::Message::kEventFieldNumber) return false;
+        if (!WireFormatLite::SkipField(&in, tag)) break;
+    }
+    return true;
 }
 
 static bool without_nul(std::initializer_list<std::string_view> texts) {
@@ -117,7 +132,7 @@ int proto_decode(Proto *handle) {
     wire::Message &request = handle->request;
     handle->answer.Clear();
     handle->buffer.clear();
-    if (handle->received.size() <= INT_MAX && has_few_pairs(handle->received) &&
+    if (handle->received.size() <= INT_MAX && has_only_a_request(handle->received) && has_few_pairs(handle->received) &&
         request.ParseFromString(handle->received) && request.has_request() && texts_are_whole(request.request())) {
         return 0;
     }

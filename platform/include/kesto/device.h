@@ -8,18 +8,19 @@
 extern "C" {
 #endif
 
-/* The id of the slot that the process was started from; 0 to 3 are in use. */
+/* The id of the slot that the process was started from; 0 to 3 are in use, 0 also when it cannot be told. Any thread.
+ */
 int kesto_detect_slot_id(void);
 
 /* Reads one key of the data service: its text, which the caller releases with g_free, or nothing when it cannot be
  * read or is not a text. Blocks for one D-Bus call (at most 25 s). Any thread. */
 char *kesto_dbus_data_read_kv(const char *key);
 
-/* The amplifier's name, terminated and cut to `size` bytes. 0, or -1 when there is none. */
+/* The amplifier's name, terminated and cut to `size` bytes. 0, or -1 when there is none. Any thread. */
 int getampname(char *buffer, size_t size);
 
 /* From now on a fatal signal first writes its number, the time and a backtrace to `path`, which must stay valid; the
- * signal then has its usual effect. */
+ * signal then has its usual effect. A dump that cannot be written goes to standard error. Main thread, like its end. */
 void init_fault_dump(const char *path);
 void close_fault_dump(void);
 

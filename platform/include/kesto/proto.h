@@ -1,6 +1,7 @@
 /* proto.h - the protocol codec: decodes a client's request, carries it out through callbacks, encodes the answer.
  *
- * A handle belongs to one thread at a time. Texts that a callback receives are borrowed for the length of the call. */
+ * A handle belongs to one thread at a time. Callbacks run inside proto_process, on its thread; the
+ * texts that they receive are borrowed for the length of the call. */
 #ifndef KESTO_PROTO_H
 #define KESTO_PROTO_H
 
@@ -50,7 +51,7 @@ typedef GVariant *(*ProtoActionCallback)(Proto *handle, const char *user_name, c
 /* The change counter. */
 typedef uint32_t (*ProtoGetChangeCallback)(void);
 
-/* Once per process, before the first handle and after the last. The two numbers are 1 and 0. */
+/* Once per process, before the first handle and after the last, on the main thread. The two numbers are 1 and 0. */
 void proto_init(int first, int second);
 void proto_deinit(void);
 

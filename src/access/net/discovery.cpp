@@ -37,13 +37,24 @@ struct Datagram {
     sockaddr_in source;
 };
 
-// Copies the field at the cursor and moves the cursor behind its end mark, or to the end of the text.
-static void scan_field(const char **cursor, char end, char (&field)[buffer_size]) {
-    const size_t length = static_cast<size_t>(strchrnul(*cursor, end) - *cursor);
+// What is left of a request's fields. The mark that closes the request is not part of them.
+struct FieldScan {
+    const char *cursor, *end;
+};
+
+static FieldScan scan_of(const char *request) {
+    const char *end = request + strlen(request);
+    return {request + framing_start_length, end[-1] == end_mark ? end - 1 : end};
+}
+
+// Copies the next field, which goes up to the terminator or to the end of the request.
+static void scan_field(FieldScan *scan, char terminator, char (&field)[buffer_size]) {
+    const auto left = static_cast<size_t>(scan->end - scan->cursor);
+    const void *found = memchr(scan->cursor, terminator, left);
+    const char *field_end = found != nullptr ? static_cast<const char *>(found) : scan->end;
     memset(field, 0, sizeof(field));
-    memcpy(field, *cursor, length);
-    *cursor += length;
-    if (**cursor != '\0') *cursor += 1;
+    memcpy(field, scan->cursor, static_cast<size_t>(field_end - scan->cursor));
+    scan->cursor = found != nullptr ? field_end + 1 : scan->end;
 }
 
 static bool wrap_shared_key(Client *client) {
@@ -55,14 +66,14 @@ static bool wrap_shared_key(Client *client) {
 
 int client_process_discovery(Client *client, const char *request) {
     char field[buffer_size];
-    const char *cursor = request + framing_start_length;
-    scan_field(&cursor, field_separator, field);
+    FieldScan scan = scan_of(request);
+    scan_field(&scan, field_separator, field);
     LOG("client family in discovery: %s\n", field);
-    scan_field(&cursor, field_separator, field);
+    scan_field(&scan, field_separator, field);
     LOG("client serial in discovery: %s\n", field);
-    scan_field(&cursor, field_separator, field);
+    scan_field(&scan, field_separator, field);
     client->cl_pubkey = g_strdup(field);
-    scan_field(&cursor, end_mark, field);
+    scan_field(&scan, end_mark, field);
     client->cl_id = g_strdup(field);
 
     if (!wrap_shared_key(client)) {
@@ -145,8 +156,9 @@ static void remember_client(AccessServer *server, LocalClient client) {
             known->cl_id);
         return;
     }
-    LOG("[DISCOVERY] added client: %s\n", client->cl_id);
+    const char *id = client->cl_id;
     client_insert(server, client.release());
+    LOG("[DISCOVERY] added client: %s\n", id);
 }
 
 int server_discovery(zloop_t *, zmq_pollitem_t *item, void *argument) {

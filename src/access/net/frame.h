@@ -1,7 +1,7 @@
 /* frame.h - ZeroMQ frames, and the exchange of one request and one answer on a REP socket. Network thread only.
  *
  * A REP socket that has received owes an answer and is deaf until it is sent. Every exchange therefore ends with one of
- * exchange_send and send_empty_answer. */
+ * send_frame and send_empty_answer. */
 #ifndef ACCESS_NET_FRAME_H
 #define ACCESS_NET_FRAME_H
 

@@ -14,7 +14,9 @@ static constexpr const char *model_key = "/Device/Config/Hardware/Model/Model";
 static constexpr const char *channels_key = "/Device/Config/Hardware/Channels";
 static constexpr const char *easy_swap_id_key = "/Device/Config/EASY_SWAP_ID";
 
-static char extra_text[256];
+static constexpr size_t extra_size = 256;
+
+static char extra_text[extra_size];
 static int32_t discovery_extra_ready = 0;
 
 static char *load_serial() {

@@ -42,7 +42,7 @@ static constexpr const char *write_blacklist[] = {
 };
 static_assert(G_N_ELEMENTS(write_blacklist) == 85 + 1);
 
-// Whole branches that are too large for anybody to pull over the network in one go.
+// Whole branches that a restricted user is not to pull over the network in one go.
 static constexpr const char *recursive_read_blacklist[] = {
     "/", "/Device/Audio", "/Device/Audio/", "/Device/Audio/Presets", "/Device/Audio/Presets/", nullptr,
 };

@@ -15,7 +15,8 @@ void ensure_static_discovery(AccessServer *server);
 /* The text, of at most 8191 bytes; empty until it could be computed. The same buffer as long as the process lives. */
 const char *static_discovery_text();
 
-/* Creates the file with the text, unless a file of that path is there already. */
+/* Creates the file with the text, unless a file of that path is there already. A file that cannot be opened is logged
+ * and left out; a write that fails is not reported. */
 void write_file_once(const char *path, const char *text);
 
 #endif
