@@ -41,19 +41,19 @@ struct BusEvent {
     };
 };
 
-/* Zero-filled but for its kind; the caller's until it is pushed. Never nothing. */
+/* Any thread. Zero-filled but for its kind; the caller's until it is pushed. Never nothing. */
 BusEvent *bus_event_new(BusEventKind kind);
 
-/* Releases an event and its texts. */
+/* Any thread, for the event's owner: releases it with its texts. */
 void bus_event_free(void *event);
 
-/* A queue that releases the events still in it when it is released (g_async_queue_unref). */
+/* Main thread. A queue that releases the events still in it when it is released (g_async_queue_unref). */
 GAsyncQueue *bus_event_queue_new();
 
 /* Any thread; never blocks, never fails. The queue takes the event over. */
 void bus_event_push(GAsyncQueue *mq, BusEvent *event);
 
-/* The oldest event, now the caller's, or nothing when the queue is empty. Never waits. */
+/* Network thread. The oldest event, now the caller's, or nothing when the queue is empty. Never waits. */
 BusEvent *bus_event_try_pop(GAsyncQueue *mq);
 
 /* The count of changes, wrapping at 2^32. Any thread. */

@@ -15,6 +15,7 @@ void log_write(const char *file, int line, const char *format, ...) {
     g_autofree char *message = nullptr;
     const int length = g_vasprintf(&message, format, arguments);
     va_end(arguments);
+    if (length < 0) return;
     std::replace(message, message + length, '\0', '?');  // a "%c" of 0 must not cut the line
 
     _kesto_log_printf("[%-10s|%-4d] {%-17s:%-4d} %s", log_text(g_get_prgname()), getpid(), file, line, message);

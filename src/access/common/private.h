@@ -1,5 +1,6 @@
 /* private.h - what hangs on the process object while the service runs. Made before the network thread starts and
- * released after it has ended, so that neither thread sees it half-made. */
+ * released after it has ended, so that neither thread sees it half-made. The main thread writes both members; the
+ * network thread reads only mq. */
 #ifndef ACCESS_COMMON_PRIVATE_H
 #define ACCESS_COMMON_PRIVATE_H
 

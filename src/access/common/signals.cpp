@@ -1,16 +1,19 @@
 #include "common/signals.h"
 
 #include <pthread.h>
-#include <signal.h>
 
-static void change_mask(int how) {
+static void change_mask(int how, sigset_t *before) {
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(how, &stop_signals, nullptr);
+    pthread_sigmask(how, &stop_signals, before);
 }
 
-void stop_signals_block() { change_mask(SIG_BLOCK); }
+void stop_signals_block() { change_mask(SIG_BLOCK, nullptr); }
 
-void stop_signals_unblock() { change_mask(SIG_UNBLOCK); }
+void stop_signals_unblock() { change_mask(SIG_UNBLOCK, nullptr); }
+
+StopSignalsHeld::StopSignalsHeld() { change_mask(SIG_BLOCK, &before); }
+
+StopSignalsHeld::~StopSignalsHeld() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }

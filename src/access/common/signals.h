@@ -1,9 +1,22 @@
-/* signals.h - which thread takes SIGINT and SIGTERM. Only the network thread does, and not while it starts a monitor:
- * a signal in the middle of that would end the process. The mask is the calling thread's; threads inherit it. */
+/* signals.h - which thread takes SIGINT and SIGTERM. Only the network thread does, and not while it starts or stops a
+ * monitor: a signal in the middle of that would end the process. The mask is the calling thread's; threads inherit it.
+ */
 #ifndef ACCESS_COMMON_SIGNALS_H
 #define ACCESS_COMMON_SIGNALS_H
 
+#include <csignal>
+
 void stop_signals_block();
 void stop_signals_unblock();
+
+/* Keeps both signals waiting while it lives; then the mask is what it was. */
+struct StopSignalsHeld {
+    StopSignalsHeld();
+    ~StopSignalsHeld();
+    StopSignalsHeld(const StopSignalsHeld &) = delete;
+    StopSignalsHeld &operator=(const StopSignalsHeld &) = delete;
+
+    sigset_t before;
+};
 
 #endif

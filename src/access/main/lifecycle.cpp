@@ -3,6 +3,7 @@
 #include "common/bus_event.h"
 #include "common/log.h"
 #include "common/private.h"
+#include "common/signals.h"
 #include "net/server.h"
 #include "net/shutdown.h"
 
@@ -17,6 +18,7 @@ int kesto_access_start(KestoProcess *process) {
     auto *priv = static_cast<AccessPrivate *>(g_try_malloc0(sizeof(AccessPrivate)));
     if (priv == nullptr) {
         LOG_FAILED("g_try_new0");
+        stop_signals_unblock();  // there will be no network thread to take them
         return -1;
     }
     priv->mq = bus_event_queue_new();

@@ -7,11 +7,13 @@
 /* For kesto_process_add_ops. */
 extern const KestoOps kesto_access_ops;
 
-/* Creates the private data with its queue and starts the network thread. 0, or -1 when there is no memory. */
+/* Creates the private data with its queue and starts the network thread. 0, or -1 when there is no memory; SIGINT
+ * and SIGTERM then have their usual effect on the process. */
 int kesto_access_start(KestoProcess *process);
 
-/* Asks the network thread to stop, waits for its end (as long as its running D-Bus call needs) and releases the private
- * data. 0, or -1 when the process has none. */
+/* Asks the network thread to stop, waits for its end and releases the private data. The wait is as long as its running
+ * D-Bus calls need: up to 65 s for one, and at the start one after the other for each text of the identity. 0, or -1
+ * when the process has none. */
 int kesto_access_stop(KestoProcess *process);
 
 #endif

@@ -1,5 +1,7 @@
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <glib.h>
 
@@ -51,7 +53,17 @@ static void close_platform() {
     proto_deinit();
 }
 
+// Else the first sockets would get their numbers, and what is printed would go out on them.
+static void occupy_standard_streams() {
+    int descriptor = -1;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor != -1 && descriptor <= STDERR_FILENO);
+    if (descriptor != -1) close(descriptor);
+}
+
 int main(int argc, char **argv) {
+    occupy_standard_streams();
     stop_signals_block();  // before any thread exists, so that all but the network thread keep it so
     proto_init(1, 0);
     init_fault_dump(crash_dump_path);

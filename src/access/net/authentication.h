@@ -30,8 +30,9 @@ GVariant *server_auth_callback(Proto *handle, const char *user_name, const char 
                                int32_t discard_my_feedback, int32_t hide_secure_info, int32_t no_lock,
                                const char *discovery);
 
-/* Logs the client in or out. The floating login reply, which is the caller's; nothing for a log-out and for a refusal.
- * A record with cl_destroy 1 afterwards is to be freed by the caller, after the answer. */
+/* Logs the client in or out; may block for the D-Bus calls of the static discovery text and for a session's opening.
+ * The floating login reply, which is the caller's; nothing for a log-out and for a refusal. A record with cl_destroy 1
+ * afterwards is to be freed by the caller, after the answer. */
 GVariant *client_authenticate(Client *client, const LoginRequest &request);
 
 /* The codec's login-info callback: whether the handle's client asked for secrets to be hidden. */

@@ -3,6 +3,7 @@
 #include <cassert>
 
 #include "common/log.h"
+#include "common/signals.h"
 #include "net/audio.h"
 #include "net/server.h"
 
@@ -45,6 +46,7 @@ static void drop_monitor(Client *client) {
     }
     if (client->cl_monitor != nullptr) {
         LOG("free cl_monitor\n");
+        const StopSignalsHeld held;  // a signal would cut the wait for the actor's end short
         zsock_set_linger(client->cl_monitor, monitor_linger_ms);
         zactor_destroy(&client->cl_monitor);
     }

@@ -71,7 +71,8 @@ static void tear_down(Client *client) {
     g_usleep(pause_after_teardown_us);
 }
 
-static void start_undisturbed(Client *client) {
+void client_start_monitor(Client *client) {
+    const StopSignalsHeld held;
     if (actor_can_start()) client->cl_monitor = zactor_new(zmonitor, client->cl_cmds);
     if (client->cl_monitor == nullptr) {
         LOG("error creating monitor port\n");
@@ -79,12 +80,6 @@ static void start_undisturbed(Client *client) {
     }
     set_pipe_options(client->cl_monitor);
     if (!instruct_monitor(client->cl_monitor) || !register_monitor(client)) tear_down(client);
-}
-
-void client_start_monitor(Client *client) {
-    stop_signals_block();
-    start_undisturbed(client);
-    stop_signals_unblock();
 }
 
 static int log_off(Client *client) {

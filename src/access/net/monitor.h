@@ -7,8 +7,8 @@
 
 struct Client;
 
-/* Starts and registers the monitor of the client's cl_cmds, once per socket. Afterwards cl_monitor is a running,
- * registered monitor, or empty with the reason in the log. */
+/* Starts and registers the monitor of the client's cl_cmds, once per socket; may block for three waits of 600 ms.
+ * Afterwards cl_monitor is a running, registered monitor, or empty with the reason in the log. */
 void client_start_monitor(Client *client);
 
 /* Reactor handler of cl_monitor_item. Returns 0. May free the client. */

@@ -27,7 +27,8 @@ int server_mq_timer(zloop_t *loop, int timer_id, void *server);
 /* Visit function for the table of clients: sends the context's message to one of them. */
 void client_notify(void *key, void *client, void *context);
 
-/* Runs client_notify over the whole table and logs how many were reached. */
+/* Runs client_notify over the whole table and logs how many were reached. The handle is borrowed and has been encoded;
+ * `source` may be absent. */
 void broadcast(const AccessServer *server, Proto *handle, Client *source);
 
 /* The codec's change callback: marks the handle's client for the echo and counts the change. */

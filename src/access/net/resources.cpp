@@ -1,7 +1,7 @@
 #include "net/resources.h"
 
-#include <fcntl.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,14 +9,18 @@
 
 static constexpr int descriptors_for_socket = 16;
 static constexpr int descriptors_for_bus_call = 2;
+static_assert(descriptors_for_bus_call <= descriptors_for_socket);
 
-void resources_raise_limits() {
+void resources_raise_descriptor_limit() {
     rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    zsys_set_max_sockets(0);  // as many as libzmq can have
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void resources_raise_socket_limit() {
+    constexpr size_t all_that_libzmq_can_have = 0;
+    zsys_set_max_sockets(all_that_libzmq_can_have);
 }
 
 // Opens that many descriptors and closes them again: the only way to know.
@@ -24,7 +28,7 @@ static bool descriptors_free(int wanted) {
     int opened[descriptors_for_socket];
     int count = 0;
     while (count < wanted) {
-        const int descriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        const int descriptor = eventfd(0, EFD_CLOEXEC);
         if (descriptor == -1) break;
         opened[count++] = descriptor;
     }

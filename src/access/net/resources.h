@@ -3,10 +3,11 @@
 #ifndef ACCESS_NET_RESOURCES_H
 #define ACCESS_NET_RESOURCES_H
 
-/* Lets the process have as many descriptors and ZeroMQ sockets as the system allows it. Once, before the first socket.
- */
-void resources_raise_limits();
+/* Lets the process have as many descriptors as the system allows it. Once, at the start of the network side. */
+void resources_raise_descriptor_limit();
 
+/* The same for ZeroMQ sockets; starts CZMQ, and so needs descriptors. Once, before the first socket. */
+void resources_raise_socket_limit();
 /* Enough descriptors for one more ZeroMQ socket or monitor, with a reserve for connections that come in meanwhile. */
 bool resources_for_socket();
 

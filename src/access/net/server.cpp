@@ -38,9 +38,19 @@ AccessServer *srv = nullptr;
 GDBusConnection *bus_connection = nullptr;
 zmq_pollitem_t discovery_item, auth_item;
 
+static void on_bus_closed(GDBusConnection *, gboolean, GError *, void *) { kesto_mainloop_stop(); }
+
+// GDBus would end the process by a signal that the main thread keeps blocked: the stop must not depend on it.
+static void connect_bus() {
+    bus_connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    if (bus_connection == nullptr) return;
+    g_dbus_connection_set_exit_on_close(bus_connection, FALSE);
+    g_signal_connect(bus_connection, "closed", G_CALLBACK(on_bus_closed), nullptr);
+}
+
 static void create_server(KestoProcess *process) {
     srv = g_new0(AccessServer, 1);
-    if (bus_connection == nullptr) bus_connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+    if (bus_connection == nullptr) connect_bus();
     srv->udp_fd = -1;
     srv->udp_port = discovery_udp_port;
     srv->auth_port = auth_tcp_port;
@@ -99,7 +109,9 @@ static bool create_clients() {
 }
 
 static bool init_czmq() {
-    resources_raise_limits();
+    resources_raise_descriptor_limit();
+    if (!resources_for_socket()) return false;
+    resources_raise_socket_limit();
     const bool ready = zsys_init() != nullptr;
     stop_signals_unblock();  // from here on this thread takes them, through CZMQ's handler
     return ready;

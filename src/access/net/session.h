@@ -24,7 +24,8 @@ struct SessionPorts {
 
 /* Opens a session for `client`, which has none. 0, or -1 with the reason in the log; then the record is marked
  * (cl_destroy 1), keeps what was opened so far, and is the caller's to free after the answer. On success the mark is
- * set as well, and the caller's to clear. Two ports are spent either way. */
+ * set as well, and the caller's to clear. Two ports are spent either way. May block as long as the start of a
+ * monitor does. */
 int session_open(Client *client, const SessionRequest &want);
 
 /* "(a{sv})" with one entry, "ports"; floating: the caller sinks it or hands it on. */

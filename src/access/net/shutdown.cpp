@@ -9,6 +9,8 @@
 #include "net/client.h"
 #include "net/server.h"
 
+static constexpr int auth_linger_ms = 0;  // answers that have not left are dropped
+
 void kesto_access_net_stop(KestoProcess *process) {
     if (process == nullptr || process->priv == nullptr) {
         LOG_FAILED("do nothing for stop");
@@ -29,7 +31,7 @@ static void stop_timer() {
 static void destroy_auth_socket() {
     if (srv->auth == nullptr) return;
     LOG("Stop auth destroy socket\n");
-    zsock_set_linger(srv->auth, 0);
+    zsock_set_linger(srv->auth, auth_linger_ms);
     zsock_destroy(&srv->auth);
 }
 
@@ -53,6 +55,7 @@ static void close_udp_socket() {
 
 void server_destroy() {
     if (srv == nullptr) return;
+    stop_signals_block();  // the stop has begun, and a further signal could only spoil it
     LOG("destroy srv\n");
     stop_timer();
     destroy_auth_socket();
@@ -62,7 +65,6 @@ void server_destroy() {
     identity_clear(&srv->identity);
     g_clear_pointer(&srv, g_free);
 
-    stop_signals_block();  // CZMQ gives its handlers up now; a second signal would kill the process
     LOG("zsys_shutdown\n");
     zsys_shutdown();
 }
