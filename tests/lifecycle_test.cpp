@@ -2,16 +2,15 @@
 #include <arpa/inet.h>
 #include <csignal>
 #include <filesystem>
-#include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "harness/discovery.h"
 #include "harness/gateway.h"
+#include "harness/port.h"
 #include "harness/remote_client.h"
 
 namespace {
@@ -22,27 +21,6 @@ constexpr Exit good_end = {.status = 0};
 GatewayOptions not_waiting(Environment environment = {}) {
     return {.environment = std::move(environment), .wait_until_up = false};
 }
-
-// A port of this machine that somebody else has, and does not share.
-class TakenPort {
-  public:
-    TakenPort(int type, uint16_t port) : socket_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
-        // Past what earlier connections left of a TCP port; on UDP it would mean sharing.
-        const int reuse = type == SOCK_STREAM;
-        setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(type == SOCK_STREAM ? listen(socket_, 1) : 0, 0);
-    }
-    ~TakenPort() { close(socket_); }
-    TakenPort(const TakenPort &) = delete;
-    TakenPort &operator=(const TakenPort &) = delete;
-
-  private:
-    int socket_;
-};
 
 TEST(Start, GoesThroughItsStepsInOrder) {
     Gateway gateway;

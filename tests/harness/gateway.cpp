@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/discovery.h"
+
 static void remove_discovery_files() {
     for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
         const std::string name = entry.path().filename();
@@ -75,4 +77,14 @@ void Gateway::control(const char *method, const char *arguments, Where where) {
     const Answer answer =
         bus_.call(device_control, method, g_variant_parse(nullptr, arguments, nullptr, nullptr, nullptr));
     if (answer != empty_reply) abandon(std::string(method) + ": " + answer.error + ": " + answer.message, where);
+}
+
+std::vector<std::string> Gateway::audio_calls(Where where) {
+    Discovery discovery;
+    discovery.send(discovery_request("fence"));
+    discovery.receive(where);
+    // The service read it for the reply, on the connection that carries its calls to the audio service.
+    std::vector<std::string> calls = device_->log_until("Read (uint32 8192, '/Device/Config/PROJECT_INFO')", where);
+    std::erase_if(calls, [](const std::string &line) { return !line.starts_with("Client"); });
+    return calls;
 }

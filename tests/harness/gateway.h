@@ -57,6 +57,11 @@ class Gateway {
     /* Of the device's control interface: control("Fault", "('read=never',)"); must succeed. */
     void control(const char *method, const char *arguments, Where where = Where::current());
 
+    /* What the service has told the audio service since the device's cursor, "ClientAuthenticated ('panel-1',)". A
+     * discovery request of the id "fence" tells when that is all: forget those that the test sent itself by calling
+     * this once more after them. */
+    std::vector<std::string> audio_calls(Where where = Where::current());
+
   private:
     void end_service();
 

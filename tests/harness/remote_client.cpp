@@ -68,13 +68,17 @@ static std::optional<std::string> receive_frame(void *socket) {
     return bytes;
 }
 
-std::string RemoteClient::exchange(Channel channel, const std::vector<std::string> &frames, Where where) {
+void RemoteClient::send(Channel channel, const std::vector<std::string> &frames, Where where) {
     void *socket = socket_of(channel, where);
     for (size_t i = 0; i < frames.size(); i++) {
         const int flags = i + 1 < frames.size() ? ZMQ_SNDMORE : 0;
         if (zmq_send(socket, frames[i].data(), frames[i].size(), flags) < 0) abandon(id_ + " cannot send", where);
     }
-    const auto answer = receive_frame(socket);
+}
+
+std::string RemoteClient::exchange(Channel channel, const std::vector<std::string> &frames, Where where) {
+    send(channel, frames, where);
+    const auto answer = receive_frame(socket_of(channel, where));
     if (!answer) abandon(id_ + " got no reply", where);
     return *answer;
 }

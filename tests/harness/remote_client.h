@@ -56,6 +56,7 @@ class RemoteClient {
 
     /* Bytes as they are, one frame each; the one frame of the answer. */
     std::string exchange(Channel channel, const std::vector<std::string> &frames, Where where = Where::current());
+    void send(Channel channel, const std::vector<std::string> &frames, Where where = Where::current());
 
     /* Closes both connections, as a client that goes without a word. */
     void hang_up();

@@ -1,0 +1,406 @@
+/* One call of the service fails on purpose: what the log then says, what the client gets, and that the service either
+ * ends in its normal way or goes on serving everybody else. "CALL:N" is the Nth call that the service makes of a
+ * function. */
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "harness/discovery.h"
+#include "harness/gateway.h"
+#include "harness/remote_client.h"
+#include "harness/wait.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+GatewayOptions failing(const char *call, bool wait_until_up = true) {
+    return {
+        .environment = {{"LD_PRELOAD", INTERPOSER_LIBRARY}, {"KESTO_FAIL", call}},
+          .wait_until_up = wait_until_up
+    };
+}
+
+void expect_texts(Gateway &gateway, const Texts &texts) {
+    for (const std::string &text : texts) gateway.expect_log({text});
+}
+
+void expect_service_for_others(const char *id = "other") {
+    RemoteClient other(id);
+    EXPECT_NE(other.log_in(), Ports{});
+    EXPECT_EQ(other.read("/Device/Config/Hardware/Channels").status(), wire::STATUS_OK);
+}
+
+// ---- the start ----------------------------------------------------------------------------------------------------
+
+struct FatalCase {
+    const char *call;
+    Texts log;       // why
+    Texts teardown;  // between "destroy srv" and "zsys_shutdown": what existed by then, and nothing else
+};
+
+const std::string in_start = "*kesto_access_net_start:* - ";
+const Texts nothing_yet = {}, the_loop = {"Stop s_loop poller and destroy"},
+            auth_and_loop = {"Stop auth destroy socket", "Stop s_loop poller and destroy"};
+
+const FatalCase fatal_cases[] = {
+    {"socket:1",                {in_start + "socket udp error"},                                          nothing_yet  },
+    {"fcntl:1",                 {in_start + "fcntl F_GETFL"},                                             nothing_yet  },
+    {"fcntl:2",                 {in_start + "fcntl F_SETFL to set not blocking"},                         nothing_yet  },
+    {"setsockopt:2",            {in_start + "setsockopt SO_REUSEADDR"},                                   nothing_yet  },
+    {"bind:1",                  {in_start + "bind on udp socket"},                                        nothing_yet  },
+    {"g_hash_table_new_full:1", {in_start + "error creating z hash"},                                     nothing_yet  },
+    {"zsys_init:1",             {in_start + "error init default context"},                                nothing_yet  },
+    {"zloop_new:1",             {in_start + "error creating z loop"},                                     nothing_yet  },
+    {"zsock_new_checked:1",     {in_start + "error creating REP socket"},                                 the_loop     },
+    {"zsock_bind:1",            {"[NET] auth port 60000 -1", "error auth socket"},                        auth_and_loop},
+    {"zloop_poller:2",          {"[NET] auth port 60000 60000", "error creating poller for auth socket"}, auth_and_loop},
+    {"zloop_timer:1",           {"[NET] auth port 60000 60000", "error creating timer"},                  auth_and_loop},
+};
+
+TEST(AStartThatCannotSucceed, EndsTheServiceInItsNormalWay) {
+    for (const FatalCase &row : fatal_cases) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call, false));
+        expect_texts(gateway, row.log);
+        gateway.expect_log({"destroy srv"});
+        EXPECT_EQ(gateway.service().log_until("zsys_shutdown"), row.teardown);
+        gateway.expect_log({"net thread joined...", "stopped access"});
+        EXPECT_EQ(gateway.service().wait_exit(), Exit{.status = 0});
+    }
+}
+
+struct ToleratedCase {
+    const char *call;
+    Texts log;
+};
+
+const ToleratedCase tolerated_cases[] = {
+    {"setsockopt:1",              {"[NET] error setting SO_LINGER on discovery"}                                             },
+    {"setsockopt:3",              {"setsockopt SO_BROADCAST"}                                                                },
+    {"zloop_poller:1",            {"error registering server_discovery"}                                                     },
+    {"open:2",                    {"error writing on /tmp/discovery_serial.txt", "writing on /tmp/discovery_hw_model.txt: *"}},
+    {"kesto_dbus_data_read_kv:4", {"error reading CHANNELS. it can failt will be reread later", "result: 0"}                 },
+};
+
+TEST(AStartWithoutSomethingInessential, Serves) {
+    for (const ToleratedCase &row : tolerated_cases) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        gateway.service().rewind();
+        expect_texts(gateway, row.log);
+        expect_service_for_others();
+    }
+}
+
+TEST(AStartWithoutMemory, LeavesTheMethodsAnsweringWithAnError) {
+    Gateway gateway(failing("g_try_malloc0:1", false));
+    gateway.expect_log({"*kesto_access_start:* - g_try_new0"});
+    const char *error = "com.quillmont.kesto.access.Error.Failed";
+    const char *private_data = "*:* - Unable to get presetd private data...";
+    EXPECT_EQ(gateway.call("Dispatch", g_variant_new("(idi)", 40, 1.0, 1)),
+              (Answer{"", error, "Failed to snapshot loaded dispatch"}));
+    EXPECT_EQ(gateway.call("GeneralDispatch", g_variant_new("(sss)", "/k", "v", "")),
+              (Answer{"", error, "Failed to general dispatch"}));
+    EXPECT_EQ(gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 1)),
+              (Answer{"", error, "Failed to snapshot loaded dispatch"}));
+    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch"),
+              (Answer{"", error, "Failed to speaker preset loaded dispatch"}));
+    gateway.expect_log({"dbus_mtod_dispatch", private_data, "dbus_mtod_general_dispatch", private_data,
+                        "dbus_mtod_snapshot_loaded_dispatch", private_data, "dbus_mtod_speakerpreset_loaded_dispatch",
+                        private_data});
+    gateway.service().send_signal(SIGTERM);
+    EXPECT_EQ(gateway.service().wait_exit(), Exit{.signal = SIGTERM});
+}
+
+TEST(AMethodWithoutItsProcess, AnswersWithAnError) {
+    Gateway gateway(failing("g_dbus_method_invocation_get_user_data:1"));
+    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch").message, "Failed to speaker preset loaded dispatch");
+    gateway.expect_log({"*dbus_mtod_speakerpreset_loaded_dispatch:* - Unable to get private data..."});
+    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch"), empty_reply);
+}
+
+TEST(AServiceWithoutAQueue, RefusesEventsAndServesTheRest) {
+    Gateway gateway(failing("g_async_queue_new_full:1"));
+    EXPECT_EQ(gateway.call("Dispatch", g_variant_new("(idi)", 40, 1.0, 1)), empty_reply);
+    EXPECT_EQ(gateway.call("GeneralDispatch", g_variant_new("(sss)", "/k", "v", "")).message,
+              "Failed to general dispatch");
+    EXPECT_EQ(gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 1)).message,
+              "Failed to snapshot loaded dispatch");
+    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch").message, "Failed to speaker preset loaded dispatch");
+    gateway.expect_log({"priv->mq == NULL"});
+    expect_service_for_others();
+}
+
+TEST(AServiceWithoutABus, RefusesLoginsAndTouchesNoRecord) {
+    Gateway gateway(failing("g_bus_get_sync:1", false));
+    RemoteClient panel("panel-1");
+    gateway.expect_log({"zsys_catch_interrupts"});
+    EXPECT_EQ(panel.log_in(), Ports{});
+    gateway.expect_log({"dbus connection missing", "[AUTH] > zmq_msg_send"});
+    EXPECT_EQ(panel.log_in(), Ports{});
+    gateway.expect_log({"login known client: panel-1", "dbus connection missing"});
+}
+
+// ---- sessions -----------------------------------------------------------------------------------------------------
+
+struct LoginCase {
+    const char *call;
+    bool monitor;
+    Texts log;
+};
+
+const LoginCase refused_logins[] = {
+    {"zsock_new_checked:2", false, {"zsocket_new (tcp://*:62001)"}                                                       },
+    {"zsock_bind:2",        false, {"panel-1: private cmd port on (*) 62001 -1", "error bind on port (tcp://*:62001)"}   },
+    {"zsock_new_checked:3", false, {"[AUTH] events=63001", "zsocket_new(tcp://*:63001)"}                                 },
+    {"zsock_bind:3",        true,  {"panel-1: private events port on (*) 63001 -1", "error bind on port (tcp://*:63001)"}},
+    {"zsock_resolve:2",     true,  {"MONITOR", "error in zsock_resolve [*]"}                                             },
+    {"zloop_poller:4",      true,  {"MONITOR", "error registering poller"}                                               },
+};
+
+TEST(ASessionThatCannotBeOpened, IsRefusedAndLeavesNothing) {
+    for (const LoginCase &row : refused_logins) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        RemoteClient panel("panel-1");
+        EXPECT_EQ(panel.log_in({.monitor = row.monitor}), Ports{});
+        expect_texts(gateway, row.log);
+        gateway.expect_log({"[AUTH] > zmq_msg_send", "free client",
+                            "client free cmd port = -1, event port -1 (type: 1)",
+                            "remove cl_id from list of known client", "free cl_id"});
+        gateway.device().expect_call("ClientDeauthenticated", "panel-1");
+        EXPECT_EQ(panel.log_in({.monitor = row.monitor}), (Ports{62002, 63002}));
+    }
+}
+
+const LoginCase unmonitored_logins[] = {
+    {"zactor_new:1",     true, {"try to enable MONITORING", "error creating monitor port"}             },
+    {"pthread_create:1", true, {"try to enable MONITORING", "error creating monitor port"}             },
+    {"zstr_sendx:1",     true, {"try to enable MONITORING", "error connecting [*]"}                    },
+    {"zstr_send:1",      true, {"try to enable MONITORING", "error starting MONITORING"}               },
+    {"zactor_resolve:1", true, {"try to enable MONITORING", "error starting MONITORING zactor_resolve"}},
+    {"zloop_poller:3",   true, {"try to enable MONITORING", "fail in register poller for monitor"}     },
+};
+
+TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
+    for (const LoginCase &row : unmonitored_logins) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        RemoteClient panel("panel-1");
+        EXPECT_EQ(panel.log_in({.monitor = true, .connect = false}), (Ports{62001, 63001}));
+        expect_texts(gateway, row.log);
+        gateway.device().expect_call("ClientAuthenticated", "panel-1");  // at once: no connection was made
+        expect_service_for_others();
+    }
+}
+
+TEST(AMonitorWithoutItsPipe, StillWatches) {
+    Gateway gateway(failing("zactor_sock:1"));
+    RemoteClient panel("panel-1");
+    panel.log_in({.monitor = true});
+    gateway.expect_log({"cl_monitor actor does not have socket", "MONITOR", "first same connection: (panel-1) 1"});
+}
+
+TEST(AMonitorEvent, ThatCannotBeReadIsDroppedOrReadLater) {
+    for (const char *call : {"zmsg_recv:1", "zmsg_popstr:1"}) {
+        SCOPED_TRACE(call);
+        Gateway gateway(failing(call));
+        RemoteClient panel("panel-1");
+        panel.log_in({.monitor = true});
+        gateway.expect_log({"client monitor event 62001"});
+        const bool dropped = std::string(call) == "zmsg_popstr:1";
+        gateway.expect_log({dropped ? "no event!!!" : "first same connection: (panel-1) 1"});
+        panel.hang_up();
+        gateway.expect_log({"no other command connection opened, so auto-logoff (panel-1)"});
+    }
+}
+
+// ---- requests -----------------------------------------------------------------------------------------------------
+
+std::string login_frame() {
+    wire::Message message;
+    message.mutable_request()->set_client_id("panel-1");
+    message.mutable_request()->mutable_login()->set_user_name("root");
+    message.mutable_request()->mutable_login()->set_password("vormi");
+    return message.SerializeAsString();
+}
+
+struct RequestCase {
+    const char *call;
+    Texts log;
+    bool answered;  // with more than the empty frame
+};
+
+const RequestCase login_requests[] = {
+    {"zmq_msg_recv:1",      {"[AUTH] >", "*server_auth:* - zmq_msg_recv", "[AUTH] error encoding..."}, true },
+    {"proto_decode:1",      {"*server_auth:* - error data not parsable", "[AUTH] error encoding..."},  false},
+    {"proto_id:1",          {"*server_auth:* - invalid client id", "[AUTH] error encoding..."},        false},
+    {"g_try_malloc0:2",     {"*server_auth:* - client_new", "[AUTH] error encoding..."},               false},
+    {"proto_buffer:1",      {"problem in proto_encode", "[AUTH] error encoding..."},                   false},
+    {"proto_buffer_size:1", {"problem in proto_encode", "[AUTH] error encoding..."},                   false},
+    {"zmq_msg_send:1",      {"error zmq_msg_send", "[AUTH] error encoding..."},                        false},
+};
+
+TEST(ALoginRequest, GetsExactlyOneAnswerWhateverFails) {
+    for (const RequestCase &row : login_requests) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        RemoteClient panel("panel-1");
+        EXPECT_EQ(!panel.exchange(Channel::authentication, {login_frame()}).empty(), row.answered);
+        expect_texts(gateway, row.log);
+        EXPECT_NE(panel.log_in(), Ports{});
+    }
+}
+
+const RequestCase command_requests[] = {
+    {"zmq_msg_recv:2",      {"*client_read:* - zmq_msg_recv", "[CLIENT] error encoding"},            true },
+    {"proto_decode:2",      {"*client_read:* - error data not parsable", "[CLIENT] error encoding"}, false},
+    {"proto_buffer:2",      {"problem in proto_encode", "[CLIENT] error encoding"},                  false},
+    {"proto_buffer_size:2", {"problem in proto_encode", "[CLIENT] error encoding"},                  false},
+};
+
+TEST(ACommand, GetsExactlyOneAnswerWhateverFails) {
+    for (const RequestCase &row : command_requests) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        RemoteClient panel("panel-1");
+        panel.log_in();
+        EXPECT_EQ(!panel.exchange(Channel::command, {login_frame()}).empty(), row.answered);
+        expect_texts(gateway, row.log);
+        EXPECT_EQ(panel.read("/Device/Config/Hardware/Channels").status(), wire::STATUS_OK);
+    }
+}
+
+TEST(AWriteWhoseAnswerIsLost, IsEchoedAllTheSame) {
+    Gateway gateway(failing("zmq_msg_send:3"));  // after the answers to two logins
+    RemoteClient writer("writer"), listener("listener");
+    writer.log_in({.discard_my_feedback = true});
+    listener.log_in();
+    wire::Message write;
+    write.mutable_request()->mutable_write()->set_key("/Device/Config/Name");
+    write.mutable_request()->mutable_write()->set_value("Hall");
+    writer.send(Channel::command, {write.SerializeAsString()});
+    gateway.expect_log({"write ok with retval=0", "[writer] Broadcasting to all clients.", "broadcast to 1 client"});
+}
+
+TEST(AHandleWithoutItsClient, ChangesNothingButTheCount) {
+    struct {
+        const char *call;
+        wire::Status write;
+        Texts log;
+    } const rows[] = {
+        {"proto_get_private:2", wire::STATUS_REFUSED, {"write k=*", "not autorized"}},
+        {"proto_get_private:3", wire::STATUS_OK,      {"write ok with retval=0"}    },
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        RemoteClient panel("panel-1");
+        panel.log_in();
+        const wire::Reply reply = panel.write("/Device/Config/Name", "Hall");
+        EXPECT_EQ(reply.status(), row.write);
+        EXPECT_EQ(reply.change_count(), row.write == wire::STATUS_OK ? 1u : 0u);
+        expect_texts(gateway, row.log);
+        gateway.service().rewind();
+        panel.log_out();
+        gateway.service().expect_no_log_before("set broadcast to other client", "free client");
+    }
+}
+
+TEST(AMultiWriteWithoutItsClient, WritesNothing) {
+    Gateway gateway(failing("proto_get_private:2"));
+    RemoteClient panel("panel-1");
+    panel.log_in();
+    EXPECT_EQ(panel
+                  .multi_write({
+                      {"/Device/Config/Name", "Hall"}
+    })
+                  .status(),
+              wire::STATUS_REFUSED);
+    gateway.expect_log({"NULL client"});
+}
+
+TEST(AReadWithoutItsClientsWishes, HidesNothing) {
+    Gateway gateway(failing("proto_get_private:3"));
+    RemoteClient panel("panel-1");
+    panel.log_in({.hide_secure_info = true});
+    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_OK);
+    gateway.expect_log({"missing client from client_action_get_login_info_callback"});
+}
+
+// ---- discovery ----------------------------------------------------------------------------------------------------
+
+const Texts wrapping_failed = {"*client_process_discovery:* - kesto_pubkey_encrypt", "[DISCOVERY] received malformed",
+                               "*server_discovery:* - client_discovery_process", "free local client no map remove"};
+
+Texts after(const char *first, const Texts &rest) {
+    Texts all = {first};
+    all.insert(all.end(), rest.begin(), rest.end());
+    return all;
+}
+
+const RequestCase discovery_requests[] = {
+    {"recvfrom:1",        {"*server_discovery:* - recvfrom"},   true            },
+    {"g_try_malloc0:2",   {"*server_discovery:* - client_new"}, false           },
+    {"g_try_malloc0:3",   wrapping_failed,                      false           },
+    {"BIO_new_mem_buf:2", after("Error opening KEY",            wrapping_failed), false},
+    {"EVP_PKEY_get1_RSA:1",                   wrapping_failed,                                   false                 },
+    {"BIO_read:1",                   after("Error reading input Data",                                            wrapping_failed),false},
+    {"RSA_public_encrypt:1",              after("RSA operation error",                                                  wrapping_failed),                                                     false},
+    {"sendto:1",   {"*server_discovery:* - sendto", "free local client no map remove"},false},
+};
+
+TEST(ADiscoveryRequest, ThatFailsLeavesNoRecordAndIsNotAnswered) {
+    const KeyPair key;
+    for (const RequestCase &row : discovery_requests) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        Discovery discovery;
+        EXPECT_EQ(discovery.ask(discovery_request("panel-1", key.public_pem())).has_value(), row.answered);
+        gateway.service().rewind();
+        expect_texts(gateway, row.log);
+        RemoteClient("panel-1").log_in();
+        gateway.expect_log({row.answered ? "login known client: panel-1" : "[AUTH] added non discovered client"});
+    }
+}
+
+// ---- events -------------------------------------------------------------------------------------------------------
+
+struct EventCase {
+    const char *call, *method, *arguments, *log;
+};
+
+constexpr EventCase lost_events[] = {
+    {"proto_encode_alarm_event:1",         "Alarm",             "(40, 1.5, 3)",     "DBUS: broadcasting code=40,*" },
+    {"proto_encode_kv:1",                  "Change",            "('/k', 'v', 't')", "DBUS: broadcasting key=/k,*"  },
+    {"proto_encode_RestoreSnapshot:1",     "LoadSnapshot",      "(uint32 4,)",      "DBUS: broadcasting command: 0"},
+    {"proto_encode_SpeakerPresetLoaded:1", "LoadSpeakerPreset", "()",               "DBUS: broadcasting command: 1"},
+    {"proto_buffer:1",                     "Change",            "('/k', 'v', 't')", "protobuf encoding error"      },
+    {"proto_buffer_size:1",                "Change",            "('/k', 'v', 't')", "protobuf encoding error"      },
+};
+
+TEST(AnEventThatCannotBeEncoded, IsLostAloneAndTheNextOneIsSent) {
+    for (const EventCase &row : lost_events) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
+        gateway.control(row.method, row.arguments);
+        gateway.control("Alarm", "(39, 0.5, 0)");
+        gateway.expect_log({row.log});
+        gateway.service().expect_no_log_before("DISPACH CHANGE TO ALL CLIENTS", "DBUS: DISCARD code=39");
+        gateway.control(row.method, row.arguments);
+        gateway.expect_log({"DISPACH CHANGE TO ALL CLIENTS", "broadcast to 0 client"});
+    }
+}
+
+TEST(ABroadcast, CountsOnlyTheClientsThatItReached) {
+    Gateway gateway(failing("zmq_msg_send:5"));  // three answers to logins, then one of three events
+    RemoteClient first("first"), second("second"), third("third");
+    for (RemoteClient *client : {&first, &second, &third}) client->log_in();
+    gateway.control("LoadSnapshot", "(uint32 4,)");
+    gateway.expect_log({"[*] Message broadcast to *...", "[*] Error broadcasting to *", "[*] Message broadcast to *...",
+                        "broadcast to 2 client"});
+}
+
+}  // namespace
