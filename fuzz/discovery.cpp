@@ -1,0 +1,58 @@
+// The discovery handler with any datagram, over a real socket: received, parsed, answered, and its records released.
+#include "net/discovery.h"
+
+#include <arpa/inet.h>
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+
+#include <kesto/device.h>
+
+#include "net/client.h"
+#include "net/server.h"
+
+constexpr size_t longest_datagram = 8191;
+
+// In the place of the libraries': no bus, no pauses.
+extern "C" char *kesto_dbus_data_read_kv(const char *) { return g_strdup("value"); }
+extern "C" void g_usleep(gulong) {}
+
+static int udp_socket(const sockaddr_in *bound_to, const sockaddr_in *connected_to) {
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    if (bound_to != nullptr) bind(descriptor, reinterpret_cast<const sockaddr *>(bound_to), sizeof(*bound_to));
+    if (connected_to != nullptr) {
+        connect(descriptor, reinterpret_cast<const sockaddr *>(connected_to), sizeof(*connected_to));
+    }
+    return descriptor;
+}
+
+struct World {
+    AccessServer server = {};
+    int asker;
+
+    World() {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        server.udp_fd = udp_socket(&address, nullptr);
+        socklen_t size = sizeof(address);
+        getsockname(server.udp_fd, reinterpret_cast<sockaddr *>(&address), &size);
+        asker = udp_socket(nullptr, &address);
+        server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
+    }
+};
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static World world;
+    if (size > longest_datagram + 1 || send(world.asker, data, size, 0) == -1) return 0;
+    zmq_pollitem_t item = {.socket = nullptr, .fd = world.server.udp_fd, .events = ZMQ_POLLIN, .revents = 0};
+    server_discovery(nullptr, &item, &world.server);
+
+    char reply[longest_datagram + 1];
+    const ssize_t length = recv(world.asker, reply, sizeof(reply), 0);
+    const bool answered = length > 0;
+    if (answered && (memcmp(reply, "@?D", 3) != 0 || reply[length - 1] != '!')) abort();
+    if (answered != (g_hash_table_size(world.server.clients) == 1)) abort();
+    g_hash_table_foreach_remove(world.server.clients, client_free_callback, nullptr);
+    return 0;
+}

@@ -1,0 +1,120 @@
+// Sequences of requests on the authentication and the command handler. An input is a row of requests, each: a byte for
+// the socket (bit 0) and the number of frames (bits 1 and 2, plus one), then for each frame a byte of length and the
+// bytes.
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gio/gio.h>
+
+#include "access.pb.h"
+#include "net/authentication.h"
+#include "net/client.h"
+#include "net/command_channel.h"
+#include "net/server.h"
+
+namespace wire = kesto::access::v1;
+
+// In the place of the libraries': a bus whose data service always answers, and no pauses.
+extern "C" GVariant *g_dbus_connection_call_sync(GDBusConnection *, const char *, const char *, const char *,
+                                                 const char *method, GVariant *arguments, const GVariantType *,
+                                                 GDBusCallFlags, int, GCancellable *, GError **) {
+    g_variant_unref(g_variant_ref_sink(arguments));
+    const std::string_view name = method;
+    GVariant *reply = name == "Read"    ? g_variant_new("(v)", g_variant_new_string("value"))
+                      : name == "Write" ? g_variant_new("(i)", 0)
+                                        : g_variant_new_parsed("(['OK'],)");
+    return g_variant_ref_sink(reply);
+}
+extern "C" void g_dbus_connection_call(GDBusConnection *, const char *, const char *, const char *, const char *,
+                                       GVariant *arguments, const GVariantType *, GDBusCallFlags, int, GCancellable *,
+                                       GAsyncReadyCallback, gpointer) {
+    g_variant_unref(g_variant_ref_sink(arguments));
+}
+extern "C" void g_usleep(gulong) {}
+
+struct Channel {
+    zsock_t *rep, *dealer;
+    explicit Channel(const char *endpoint) : rep(zsock_new_rep(endpoint)), dealer(zsock_new_dealer(endpoint)) {
+        zsock_set_rcvtimeo(dealer, 0);
+    }
+    ~Channel() {
+        zsock_destroy(&dealer);
+        zsock_destroy(&rep);
+    }
+};
+
+struct World {
+    AccessServer server = {};
+    Channel auth{"inproc://auth"}, commands{"inproc://commands"};
+
+    World() {
+        proto_init(1, 0);
+        server.loop = zloop_new();
+        server.next_cmd_port = cmd_port_first;
+        server.next_event_port = event_port_first;
+        server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
+        bus_connection = reinterpret_cast<GDBusConnection *>(this);
+    }
+    ~World() {
+        g_hash_table_unref(server.clients);
+        zloop_destroy(&server.loop);
+    }
+};
+
+static Client *client_with_commands(AccessServer *server) {
+    Client *client = client_lookup(server, "panel");
+    if (client != nullptr) return client;
+    client = client_new();
+    client->cl_server = server;
+    client->cl_id = g_strdup("panel");
+    client_insert(server, client);
+    return client;
+}
+
+static void require_one_answer(zsock_t *dealer) {
+    zmsg_t *answer = zmsg_recv(dealer);
+    if (answer == nullptr || zmsg_size(answer) != 2) abort();
+    zframe_t *last = zmsg_last(answer);
+    wire::Message message;
+    if (zframe_size(last) > 0 &&
+        (!message.ParseFromArray(zframe_data(last), static_cast<int>(zframe_size(last))) || !message.has_reply())) {
+        abort();
+    }
+    zmsg_destroy(&answer);
+    if (zmsg_recv(dealer) != nullptr) abort();
+}
+
+static void serve(World &world, bool on_commands, zmsg_t *request) {
+    Channel &channel = on_commands ? world.commands : world.auth;
+    zmsg_pushmem(request, "", 0);
+    zmsg_send(&request, channel.dealer);
+    zmq_pollitem_t item = {.socket = zsock_resolve(channel.rep), .fd = 0, .events = ZMQ_POLLIN, .revents = 0};
+    if (on_commands) client_read(world.server.loop, &item, client_with_commands(&world.server));
+    else server_auth(world.server.loop, &item, &world.server);
+    require_one_answer(channel.dealer);
+}
+
+static std::string_view take(std::string_view &input, size_t count) {
+    const std::string_view taken = input.substr(0, count);
+    input.remove_prefix(taken.size());
+    return taken;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static World world;
+    std::string_view input(reinterpret_cast<const char *>(data), size);
+    while (input.size() >= 2) {
+        const auto head = static_cast<uint8_t>(take(input, 1)[0]);
+        zmsg_t *request = zmsg_new();
+        for (int frame = 0; frame <= (head >> 1 & 3); ++frame) {
+            const std::string_view length = take(input, 1);
+            const std::string_view bytes = take(input, length.empty() ? 0 : static_cast<uint8_t>(length[0]));
+            zmsg_addmem(request, bytes.data(), bytes.size());
+        }
+        serve(world, (head & 1) != 0, request);
+    }
+    g_hash_table_foreach_remove(world.server.clients, client_free_callback, nullptr);
+    return 0;
+}
