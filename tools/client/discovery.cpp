@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -69,13 +70,6 @@ void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const 
     if (failed_count == addresses.size()) throw Failure{ExitStatus::not_reachable, "not reachable: " + reason};
 }
 
-std::string build_request(const std::string &public_key, const std::string &client_id) {
-    std::string request(request_head);
-    for (const std::string &field : {std::string("kesto-client"), std::string(), public_key})
-        request += field + separator;
-    return request + client_id + "!";
-}
-
 bool take_prefix(std::string &text, std::string_view prefix) {
     if (!text.starts_with(prefix)) return false;
     text.erase(0, prefix.size());
@@ -99,10 +93,8 @@ std::optional<int> parse_port(const std::string &text) {
     return port;
 }
 
-std::optional<Device> parse_reply(std::string text) {
-    if (!take_prefix(text, reply_head) || !text.ends_with('!')) return std::nullopt;
-    text.pop_back();
-    std::vector<std::string> fields = split_fields(text);
+std::optional<Device> device_from_reply(const std::string &reply) {
+    std::vector<std::string> fields = split_discovery_text(reply);
     if (fields.size() != discovery_fields.size()) return std::nullopt;
     for (const int field : {field_auth_port, field_second_port}) {
         if (!take_prefix(fields[static_cast<size_t>(field)], port_head)) return std::nullopt;
@@ -132,43 +124,84 @@ void remember(std::vector<Device> &devices, Device device, const std::string &ad
     if (std::find(addresses.begin(), addresses.end(), address) == addresses.end()) addresses.push_back(address);
 }
 
-void receive_reply(GSocket *socket, const KeyPair &pair, std::vector<Device> &devices) {
+struct Datagram {
+    std::string text, address;  // where it came from
+};
+
+std::optional<Datagram> receive_datagram(GSocket *socket) {
     char buffer[reply_limit_bytes];
     g_autoptr(GSocketAddress) source = nullptr;
     const gssize length = g_socket_receive_from(socket, &source, buffer, sizeof buffer, nullptr, nullptr);
-    if (length <= 0) return;
-    std::optional<Device> device = parse_reply(std::string(buffer, static_cast<size_t>(length)));
-    if (!device) return;
-    device->key_is_right = key_pair_unwrap(pair, device->fields[field_wrapped_key]) == shared_key;
+    if (length <= 0) return std::nullopt;
     g_autofree char *address =
         g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(source)));
-    remember(devices, std::move(*device), address);
+    return Datagram{std::string(buffer, static_cast<size_t>(length)), address};
 }
 
-}  // namespace
-
-std::vector<Device> discover_devices(const DiscoverySearch &search) {
-    const KeyPair pair = key_pair_new();
-    const std::string request = build_request(key_pair_public_pem(pair), search.client_id);
-    const std::set<std::string> targets =
-        search.address ? std::set<std::string>{*search.address} : broadcast_addresses();
+/* Asks and asks again, until the wait is over or `take` has seen enough and returns false. */
+void collect_replies(const std::set<std::string> &targets, const std::string &request, int wait_ms,
+                     const std::function<bool(const Datagram &)> &take) {
     g_autoptr(GSocket) socket = open_socket();
-
-    std::vector<Device> devices;
-    const gint64 end_us = g_get_monotonic_time() + search.wait_ms * us_per_ms;
+    const gint64 end_us = g_get_monotonic_time() + wait_ms * us_per_ms;
     gint64 send_us = 0;
     for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
         if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
-        if (search.address && !devices.empty()) break;
         if (now_us >= send_us) {
             send_to_all(socket, targets, request);
             send_us = now_us + repeat_ms * us_per_ms;
         }
         const gint64 wait_us = std::min(end_us, send_us) - now_us;
-        if (g_socket_condition_timed_wait(socket, G_IO_IN, wait_us, nullptr, nullptr))
-            receive_reply(socket, pair, devices);
+        if (!g_socket_condition_timed_wait(socket, G_IO_IN, wait_us, nullptr, nullptr)) continue;
+        const std::optional<Datagram> datagram = receive_datagram(socket);
+        if (datagram && !take(*datagram)) return;
     }
+}
+
+}  // namespace
+
+std::string discovery_request(const std::string &public_key, const std::string &client_id) {
+    std::string request(request_head);
+    for (const std::string &field : {std::string("kesto-client"), std::string(), public_key})
+        request += field + separator;
+    return request + client_id + "!";
+}
+
+std::vector<std::string> split_discovery_text(std::string text) {
+    if (!take_prefix(text, reply_head) || !text.ends_with('!')) return {};
+    text.pop_back();
+    return split_fields(text);
+}
+
+std::optional<Device> ask_device(const std::string &address, const std::string &request, int wait_ms,
+                                 std::string &datagram) {
+    datagram.clear();
+    collect_replies({address}, request, wait_ms, [&](const Datagram &reply) {
+        datagram = reply.text;
+        return false;
+    });
+    std::optional<Device> device = device_from_reply(datagram);
+    if (device) device->addresses = {address};
+    return device;
+}
+
+std::vector<Device> discover_devices(const DiscoverySearch &search) {
+    const KeyPair pair = key_pair_new();
+    const std::string request = discovery_request(key_pair_public_pem(pair), search.client_id);
+    const std::set<std::string> targets =
+        search.address ? std::set<std::string>{*search.address} : broadcast_addresses();
+    std::vector<Device> devices;
+    collect_replies(targets, request, search.wait_ms, [&](const Datagram &reply) {
+        std::optional<Device> device = device_from_reply(reply.text);
+        if (!device) return true;
+        device->key_is_right = wraps_shared_key(pair, *device);
+        remember(devices, std::move(*device), reply.address);
+        return !search.address;
+    });
     return devices;
+}
+
+bool wraps_shared_key(const KeyPair &pair, const Device &device) {
+    return key_pair_unwrap(pair, device.fields[field_wrapped_key]) == shared_key;
 }
 
 Endpoint device_login_endpoint(const Device &device) {

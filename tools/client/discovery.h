@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "key_pair.h"
 #include "wire.h"
 
 struct DiscoveryField {
@@ -36,10 +37,16 @@ constexpr std::array<DiscoveryField, 14> discovery_fields = {
 };
 enum DiscoveryFieldIndex {
     field_model = 0,
+    field_firmware = 1,
+    field_oem_serial = 2,
     field_auth_port = 3,
     field_second_port = 4,
     field_wrapped_key = 5,
-    field_serial = 10
+    field_slot = 6,
+    field_oem_manufacturer = 7,
+    field_oem_model = 8,
+    field_serial = 10,
+    field_extra = 13
 };
 
 struct Device {
@@ -58,6 +65,17 @@ struct DiscoverySearch {
 /* The devices that answered within the wait; a device that answered several times is one. What is no discovery reply is
  * passed over. */
 std::vector<Device> discover_devices(const DiscoverySearch &search);
+
+/* One datagram from one device: `datagram` is what it answered, empty when nothing came in time. None when that is no
+ * discovery reply. Whether the key is right is the caller's to ask. */
+std::optional<Device> ask_device(const std::string &address, const std::string &request, int wait_ms,
+                                 std::string &datagram);
+std::string discovery_request(const std::string &public_key_pem, const std::string &client_id);
+bool wraps_shared_key(const KeyPair &pair, const Device &device);
+
+/* The fields of a discovery reply or of a static discovery text, without "@?D" and "!"; none when it is not framed so.
+ */
+std::vector<std::string> split_discovery_text(std::string text);
 
 /* Where the device takes logins. One that is bound to the loopback interface says port 0. */
 Endpoint device_login_endpoint(const Device &device);

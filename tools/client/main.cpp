@@ -5,6 +5,7 @@
 #include <czmq.h>
 #include <google/protobuf/stubs/logging.h>
 
+#include "check.h"
 #include "commands.h"
 #include "failure.h"
 #include "shell.h"
@@ -58,6 +59,12 @@ const std::vector<Command> &commands() {
          true,                                                                                                                     true,
          {"alarm-wait"},
          run_tour                                                                                                                                                              },
+        {"check",
+         "[HOST]",                        "Try a device against the contract, point by point",
+         0,                                                                                                     1,
+         true,                                                                                                                     true,
+         {"other-password"},
+         run_check                                                                                                                                                             },
         {"shell",            "",          "Read commands from the terminal or standard input",               0, 0,          true,  true,  {},                       run_shell  },
     };
     return table;

@@ -28,7 +28,7 @@ constexpr int ms_per_s = 1000;
 
 /* What GOption writes into. The texts are file names for it, so that no locale changes their bytes. */
 struct Parsed {
-    char *host, *id, *user, *password;
+    char *host, *id, *user, *password, *other_password;
     double timeout_s = default_timeout_s, for_s, wait_s = default_wait_s, alarm_wait_s = default_alarm_wait_s;
     gboolean json, version, recursive, lock, keep, monitor, discard_my_feedback, hide_secure_info, no_lock,
         with_discovery;
@@ -45,8 +45,8 @@ const GOptionEntry common_entries[] = {
     {"user", 'u', 0, G_OPTION_ARG_FILENAME, &parsed.user, "User name (default: quillmont)", "NAME"},
     {"password",        'p', 0, G_OPTION_ARG_FILENAME, &parsed.password,
      "Password (default: $KESTO_PASSWORD, else asked on the terminal)", "TEXT"},
-    {"json",          'j', 0, G_OPTION_ARG_NONE, &parsed.json, "Print JSON: one value, or one line for each event or step",
-     nullptr},
+    {"json",          'j', 0, G_OPTION_ARG_NONE, &parsed.json,
+     "Print JSON: one value, or one line for each event, step or check", nullptr},
     {"timeout",            't', 0, G_OPTION_ARG_DOUBLE, &parsed.timeout_s, "Longest wait for an answer (default: 5)", "S"},
     {"version",   0, 0, G_OPTION_ARG_NONE, &parsed.version, "Print the version", nullptr},
     {       },
@@ -71,7 +71,9 @@ const GOptionEntry command_entries[] = {
     {"wait",           'w', 0, G_OPTION_ARG_DOUBLE, &parsed.wait_s, "Time to collect answers (default: 1)", "S"},
     {"alarm-wait",             0, 0, G_OPTION_ARG_DOUBLE, &parsed.alarm_wait_s,
      "Longest wait for the device's alarm (default: 20; 0 leaves the step out)", "S"},
-    {     },
+    {"other-password",                 0, 0, G_OPTION_ARG_FILENAME, &parsed.other_password,
+     "Password of the other user, root or else quillmont, to check that the two are kept apart", "TEXT"},
+    {          },
 };
 
 struct ContextRelease {
@@ -105,9 +107,11 @@ Context main_context(const std::vector<Command> &commands) {
         "one\n"
         "and leave it. A session that login opens without --monitor stays until logout, also after the program's "
         "end.\n\n"
-        "Exit status: 0 fine, 1 refused by the device, 2 device not reachable, 64 wrong usage, 130 interrupted.\n\n"
+        "Exit status: 0 fine, 1 refused by the device or a check failed, 2 device not reachable, 64 wrong usage, 130 "
+        "interrupted.\n\n"
         "Examples:\n"
         "  kesto-client discover\n"
+        "  kesto-client check 192.168.1.20\n"
         "  kesto-client --host 192.168.1.20 read -r /Device/Config/Hardware\n"
         "  kesto-client write /Device/Config/PROJECT_INFO \"Main hall\"\n");
     return context;
@@ -250,6 +254,7 @@ Options options_from_parsed(const Command &command, Words arguments) {
     o.wait_ms = milliseconds("wait", parsed.wait_s, false);
     o.alarm_wait_ms = milliseconds("alarm-wait", parsed.alarm_wait_s, true);
     o.arguments = std::move(arguments);
+    if (parsed.other_password != nullptr) o.other_password = parsed.other_password;
     if (command.logs_in) o.password = find_password(o.user);
     const char *host = parsed.host != nullptr ? parsed.host : environment_host;
     o.address = resolve_host(text_or(host, default_host));

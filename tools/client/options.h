@@ -16,6 +16,7 @@ struct Options {
     std::string password;  // empty for a command that does not log in
     bool json;
     int timeout_ms;
+    std::optional<std::string> other_password;  // of the device's other user
 
     bool recursive;
     bool lock;

@@ -15,21 +15,8 @@ Failure refused(const std::string &what, const std::string &why) {
 
 Failure unsupported(const std::string &what) { return refused(what, "the device does not know this request"); }
 
-wire::Reply ask_login_socket(const Account &account, wire::Request request) {
-    // A REQ socket hides that nothing listens until the time-out; a refused connection says so at once.
-    if (!accepts_connections(account.login, account.timeout_ms)) {
-        throw Failure{ExitStatus::not_reachable,
-                      "not reachable: no device takes logins at " + endpoint_text(account.login)};
-    }
-    request.set_client_id(account.client_id);
-    return exchange(connect_commands(account.login), account.login, request, account.timeout_ms);
-}
-
-wire::Reply session_ask(Session &session, wire::Request request, const std::string &what) {
-    request.set_client_id(session.account.client_id);
-    request.set_sequence(++session.sequence);
-    wire::Reply reply =
-        exchange(session.commands, session_command_endpoint(session), request, session.account.timeout_ms);
+wire::Reply ask_supported(Session &session, const wire::Request &request, const std::string &what) {
+    wire::Reply reply = session_ask(session, request);
     if (reply.status() == wire::STATUS_UNSUPPORTED) throw unsupported(what);
     return reply;
 }
@@ -82,7 +69,17 @@ Account account_from_options(const Options &options) {
     };
 }
 
-wire::Session log_in(const Account &account, const LoginWishes &wishes) {
+wire::Reply ask_login_socket(const Account &account, wire::Request request) {
+    // A REQ socket hides that nothing listens until the time-out; a refused connection says so at once.
+    if (!accepts_connections(account.login, account.timeout_ms)) {
+        throw Failure{ExitStatus::not_reachable,
+                      "not reachable: no device takes logins at " + endpoint_text(account.login)};
+    }
+    request.set_client_id(account.client_id);
+    return exchange(connect_commands(account.login), account.login, request, account.timeout_ms);
+}
+
+wire::Reply ask_to_log_in(const Account &account, const LoginWishes &wishes) {
     wire::Request request;
     wire::Login &login = *request.mutable_login();
     login.set_user_name(account.user);
@@ -92,7 +89,11 @@ wire::Session log_in(const Account &account, const LoginWishes &wishes) {
     login.set_hide_secure_info(wishes.hide_secure_info);
     login.set_no_lock(wishes.no_lock);
     if (wishes.discovery) login.set_discovery(*wishes.discovery);
-    const wire::Reply reply = ask_login_socket(account, request);
+    return ask_login_socket(account, request);
+}
+
+wire::Session log_in(const Account &account, const LoginWishes &wishes) {
+    const wire::Reply reply = ask_to_log_in(account, wishes);
     if (reply.status() == wire::STATUS_OK && is_port(reply.session().command_port()) &&
         is_port(reply.session().event_port())) {
         return reply.session();
@@ -155,35 +156,53 @@ void with_session(const Options &options, const std::function<void(Session &)> &
     session_leave(options, session);
 }
 
-wire::Value session_read(Session &session, const std::string &key, bool recursive) {
+wire::Request read_request(const std::string &key, bool recursive) {
     wire::Request request;
     request.mutable_read()->set_key(key);
     request.mutable_read()->set_flags(recursive ? 0 : read_this_key_alone);
-    const wire::Reply reply = session_ask(session, request, "read " + key);
-    if (reply.status() != wire::STATUS_OK || !reply.has_value()) throw refused_read(session, key, recursive);
-    return reply.value();
+    return request;
 }
 
-wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type) {
+wire::Request write_request(const Assignment &assignment, uint32_t type) {
     wire::Request request;
     wire::Write &write = *request.mutable_write();
     write.set_key(assignment.key);
     write.set_value(assignment.value);
     write.set_type(type);
-    const wire::Reply reply = session_ask(session, request, "write " + assignment.key);
-    if (reply.status() == wire::STATUS_OK && reply.write().result() >= 0) return reply.write();
-    const bool asks_for_rights = (type & write_is_lock) == 0;
-    throw refused_write(session, assignment.key, asks_for_rights, reply.write().result());
+    return request;
 }
 
-wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments) {
+wire::Request multi_write_request(const std::vector<Assignment> &assignments) {
     wire::Request request;
     for (const Assignment &assignment : assignments) {
         wire::Pair &pair = *request.mutable_multi_write()->add_pairs();
         pair.set_key(assignment.key);
         pair.set_value(assignment.value);
     }
-    const wire::Reply reply = session_ask(session, request, "multi-write");
+    return request;
+}
+
+wire::Reply session_ask(Session &session, wire::Request request) {
+    request.set_client_id(session.account.client_id);
+    request.set_sequence(++session.sequence);
+    return exchange(session.commands, session_command_endpoint(session), request, session.account.timeout_ms);
+}
+
+wire::Value session_read(Session &session, const std::string &key, bool recursive) {
+    const wire::Reply reply = ask_supported(session, read_request(key, recursive), "read " + key);
+    if (reply.status() != wire::STATUS_OK || !reply.has_value()) throw refused_read(session, key, recursive);
+    return reply.value();
+}
+
+wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type) {
+    const wire::Reply reply = ask_supported(session, write_request(assignment, type), "write " + assignment.key);
+    if (reply.status() == wire::STATUS_OK && reply.write().result() >= 0) return reply.write();
+    const bool asks_for_rights = (type & write_is_lock) == 0;
+    throw refused_write(session, assignment.key, asks_for_rights, reply.write().result());
+}
+
+wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments) {
+    const wire::Reply reply = ask_supported(session, multi_write_request(assignments), "multi-write");
     if (reply.status() != wire::STATUS_OK) throw refused_write_all(session, assignments);
     return reply.multi_write();
 }
@@ -193,17 +212,17 @@ bool session_may(Session &session, uint32_t operation, const std::string &key, b
     request.mutable_authorize()->set_operation(operation);
     request.mutable_authorize()->set_key(key);
     request.mutable_authorize()->set_recursive(recursive);
-    return session_ask(session, request, "may " + key).authorization().allowed();
+    return ask_supported(session, request, "may " + key).authorization().allowed();
 }
 
 std::string session_static_discovery(Session &session) {
     wire::Request request;
     request.mutable_discovery();
-    return session_ask(session, request, "static discovery").discovery();
+    return ask_supported(session, request, "static discovery").discovery();
 }
 
 uint32_t session_change_count(Session &session) {
     wire::Request request;
     request.mutable_change_count();
-    return session_ask(session, request, "changes").change_count();
+    return ask_supported(session, request, "changes").change_count();
 }

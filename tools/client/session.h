@@ -36,7 +36,9 @@ struct Session {
     uint64_t sequence = 0;
 };
 
-/* On the authentication socket, without a session. */
+/* On the authentication socket, without a session. The two that ask return whatever the device replies. */
+wire::Reply ask_login_socket(const Account &account, wire::Request request); /* fills in the client id */
+wire::Reply ask_to_log_in(const Account &account, const LoginWishes &wishes);
 wire::Session log_in(const Account &account, const LoginWishes &wishes);
 void log_out(const Account &account);
 std::string ask_static_discovery(const Account &account);
@@ -51,6 +53,13 @@ Endpoint session_event_endpoint(const Session &session);
 Session session_enter(const Options &options);
 void session_leave(const Options &options, const Session &session);
 void with_session(const Options &options, const std::function<void(Session &)> &work);
+
+wire::Request read_request(const std::string &key, bool recursive);
+wire::Request write_request(const Assignment &assignment, uint32_t type);
+wire::Request multi_write_request(const std::vector<Assignment> &assignments);
+
+/* Fills in client id and sequence; returns whatever the device replies, a refusal too. The functions below throw it. */
+wire::Reply session_ask(Session &session, wire::Request request);
 
 wire::Value session_read(Session &session, const std::string &key, bool recursive);
 wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type);

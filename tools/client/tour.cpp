@@ -1,25 +1,17 @@
-/* The tour may meet a real amplifier: the only value it really changes is the project information, a text for people;
- * audio parameters are written with the values that they have. */
+/* Audio parameters are written with the values that they have. */
 #include "tour.h"
 
 #include <cstdio>
 
 #include <glib.h>
 
-#include "failure.h"
 #include "output.h"
+#include "visit.h"
 
 namespace {
 
-constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial", *project_key = "/Device/Config/PROJECT_INFO",
-                     *hardware_keys = "/Device/Config/Hardware",
-                     *channel_keys = "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-0";
+constexpr const char *channel_keys = "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-0";
 constexpr size_t channel_writes_max = 2;
-constexpr uint32_t plain_write_type = 1;
-constexpr int poll_ms = 50;        // between two looks at something that is about to happen
-constexpr int echo_wait_ms = 500;  // then the change is made again: a fresh subscription may have missed it
-constexpr int echo_tries = 10;
-constexpr gint64 us_per_ms = 1000;
 
 struct Tour {
     const Options &options;
@@ -36,67 +28,13 @@ struct Step {
     std::string (*run)(Tour &tour);  // returns what a person wants to know of it
 };
 
-Failure tour_failure(const std::string &sentence) { return {ExitStatus::refused, sentence}; }
-
-Account account_named(const Tour &tour, const char *suffix) {
-    Account account = tour.account;
-    account.client_id += suffix;
-    return account;
-}
-
-LoginWishes monitored() {
-    LoginWishes wishes;
-    wishes.monitor = true;
-    wishes.discard_my_feedback = true;
-    return wishes;
-}
-
-void write_project_info(Session &session, const std::string &text) {
-    session_write(session, {project_key, text}, plain_write_type);
-}
-
-void expect_project_info(Tour &tour, const std::string &text) {
-    const std::string found = session_read(*tour.session, project_key, false).text();
-    if (found != text)
-        throw tour_failure(std::string(project_key) + " reads '" + found + "' instead of '" + text + "'");
-}
-
-gint64 deadline_us(int wait_ms) { return g_get_monotonic_time() + wait_ms * us_per_ms; }
-
-/* The next published message that `fits`; none when it does not come in time. */
-template <typename Fits>
-std::optional<wire::Message> wait_for_published(const Session &session, int wait_ms, Fits fits) {
-    const gint64 end_us = deadline_us(wait_ms);
-    for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
-        if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
-        std::optional<wire::Message> message =
-            receive_published(session.events, static_cast<int>((end_us - now_us) / us_per_ms) + 1);
-        if (message && fits(*message)) return message;
-    }
-    return std::nullopt;
-}
-
-void expect_closed(const Endpoint &endpoint, int wait_ms) {
-    const gint64 end_us = deadline_us(wait_ms);
-    while (accepts_connections(endpoint, wait_ms)) {
-        if (g_get_monotonic_time() >= end_us)
-            throw tour_failure("port " + std::to_string(endpoint.port) + " is still open");
-        zclock_sleep(poll_ms);
-    }
-}
-
-std::string ports_text(const Session &session) {
-    return "command port " + std::to_string(session.command_port) + ", event port " +
-           std::to_string(session.event_port);
-}
-
 std::string step_discover(Tour &tour) {
     const DiscoverySearch search{tour.options.address, tour.account.client_id, tour.options.timeout_ms};
     const std::vector<Device> devices = discover_devices(search);
     if (devices.empty())
         throw Failure{ExitStatus::not_reachable, "not reachable: no device answered at " + tour.options.address};
     tour.device = devices.front();
-    if (!tour.device.key_is_right) throw tour_failure("the device did not wrap the right key");
+    if (!tour.device.key_is_right) throw device_failure("the device did not wrap the right key");
     tour.account.login = device_login_endpoint(tour.device);
     return tour.device.fields[field_model] + ", serial " + tour.device.fields[field_serial] + ", takes logins at " +
            endpoint_text(tour.account.login) + "; the shared key unwraps";
@@ -115,7 +53,7 @@ std::string step_read(Tour &tour) {
 
 std::string step_read_recursively(Tour &tour) {
     const wire::Value value = session_read(*tour.session, hardware_keys, true);
-    if (value.entries().empty()) throw tour_failure(std::string("there is nothing below ") + hardware_keys);
+    if (value.entries().empty()) throw device_failure(std::string("there is nothing below ") + hardware_keys);
     return std::to_string(value.entries_size()) + " keys at or below " + hardware_keys;
 }
 
@@ -124,7 +62,7 @@ std::string step_write(Tour &tour) {
     const std::string found = session_read(*tour.session, project_key, false).text();
     tour.project_info = found;
     write_project_info(*tour.session, text);
-    expect_project_info(tour, text);
+    expect_project_info(*tour.session, text);
     return std::string(project_key) + ": '" + found + "' became '" + text + "'";
 }
 
@@ -140,7 +78,7 @@ std::string step_multi_write(Tour &tour) {
             assignments.push_back({pair.key(), pair.value()});
     }
     session_write_all(*tour.session, assignments);
-    expect_project_info(tour, text);
+    expect_project_info(*tour.session, text);
     return std::to_string(assignments.size()) + " keys at once, read back";
 }
 
@@ -154,26 +92,14 @@ std::string step_refused(Tour &tour) {
         if (session_may(*tour.session, operation_write, serial_key, false)) throw;
         return failure.sentence;
     }
-    throw tour_failure("user " + tour.account.user + " may write " + serial_key +
-                       "; take the tour as a restricted user");
-}
-
-bool hears_change(Tour &tour, const std::string &text) {
-    write_project_info(*tour.other, text);
-    const auto echo = wait_for_published(*tour.session, echo_wait_ms, [&](const wire::Message &message) {
-        return message.has_reply() && message.reply().client_id() == tour.other->account.client_id &&
-               message.reply().write().value() == text;
-    });
-    return echo.has_value();
+    throw device_failure("user " + tour.account.user + " may write " + serial_key +
+                         "; take the tour as a restricted user");
 }
 
 std::string step_hear_other(Tour &tour) {
-    tour.other = session_open(account_named(tour, "-other"), monitored());
+    tour.other = session_open(account_named(tour.account, "-other"), monitored());
     const std::string text = "written by another client";
-    int tries = 1;
-    while (!hears_change(tour, text)) {
-        if (++tries > echo_tries) throw tour_failure("the change of another client was not heard");
-    }
+    write_until_heard(*tour.other, *tour.session, text);
     return tour.other->account.client_id + " wrote it and " + tour.account.client_id + " heard: '" + text + "'";
 }
 
@@ -182,14 +108,14 @@ std::string step_hear_alarm(Tour &tour) {
     const auto alarm = wait_for_published(*tour.session, tour.options.alarm_wait_ms, [](const wire::Message &message) {
         return message.event().kind_case() == wire::Event::kAlarm;
     });
-    if (!alarm) throw tour_failure("the device raised no alarm in time (--alarm-wait)");
+    if (!alarm) throw device_failure("the device raised no alarm in time (--alarm-wait)");
     return say_published(*alarm).text;
 }
 
 std::string step_put_back(Tour &tour) {
     const std::string text = *tour.project_info;
     write_project_info(*tour.session, text);
-    expect_project_info(tour, text);
+    expect_project_info(*tour.session, text);
     tour.project_info.reset();
     return std::string(project_key) + " = '" + text + "' again";
 }
@@ -197,8 +123,7 @@ std::string step_put_back(Tour &tour) {
 std::string step_log_out(Tour &tour) {
     for (std::optional<Session> *session : {&tour.other, &tour.session}) {
         log_out((*session)->account);
-        expect_closed(session_command_endpoint(**session), tour.options.timeout_ms);
-        expect_closed(session_event_endpoint(**session), tour.options.timeout_ms);
+        expect_closed(**session);
     }
     const std::string ports = ports_text(*tour.session);
     tour.other.reset();
@@ -206,25 +131,7 @@ std::string step_log_out(Tour &tour) {
     return ports + " are closed";
 }
 
-std::string step_vanish(Tour &tour) {
-    const Account account = account_named(tour, "-vanishing");
-    Session session = session_open(account, monitored());
-    session_change_count(session);
-    session.commands.reset();  // without a log-out
-
-    // While the session lasts, another login gives its ports. Trying to connect would count as the client itself.
-    const gint64 end_us = deadline_us(tour.options.timeout_ms);
-    wire::Session fresh = log_in(account, monitored());
-    while (fresh.command_port() == session.command_port) {
-        if (g_get_monotonic_time() >= end_us) throw tour_failure("the client that vanished is still logged in");
-        zclock_sleep(poll_ms);
-        fresh = log_in(account, monitored());
-    }
-    log_out(account);
-    expect_closed(session_command_endpoint(session), tour.options.timeout_ms);
-    return "its command port " + std::to_string(session.command_port) + " was closed for it; its next login got port " +
-           std::to_string(fresh.command_port());
-}
+std::string step_vanish(Tour &tour) { return vanish(account_named(tour.account, "-vanishing")); }
 
 constexpr Step steps[] = {
     {"discover the device",              step_discover        },

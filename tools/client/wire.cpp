@@ -15,6 +15,11 @@ struct FrameRelease {
 };
 using Frame = std::unique_ptr<zframe_t, FrameRelease>;
 
+struct MessageRelease {
+    void operator()(zmsg_t *message) const { zmsg_destroy(&message); }
+};
+using FrameList = std::unique_ptr<zmsg_t, MessageRelease>;
+
 struct AddressRelease {
     void operator()(addrinfo *list) const { freeaddrinfo(list); }
 };
@@ -39,19 +44,15 @@ Frame receive_frame(const Socket &socket, int timeout_ms) {
     return wait_readable(socket, timeout_ms) ? Frame(zframe_recv(socket.get())) : nullptr;
 }
 
-bool parse(const Frame &frame, wire::Message &message) {
-    return message.ParseFromArray(zframe_data(frame.get()), static_cast<int>(zframe_size(frame.get())));
-}
-
-void send_request(const Socket &socket, const Endpoint &endpoint, const wire::Request &request) {
-    wire::Message message;
-    *message.mutable_request() = request;
-    const std::string bytes = message.SerializeAsString();
-    zframe_t *frame = zframe_new(bytes.data(), bytes.size());
-    if (zframe_send(&frame, socket.get(), ZFRAME_DONTWAIT) != 0) {
+bool send_frames(const Socket &socket, const std::vector<std::string> &frames) {
+    for (size_t i = 0; i < frames.size(); ++i) {
+        zframe_t *frame = zframe_new(frames[i].data(), frames[i].size());
+        const int more = i + 1 < frames.size() ? ZFRAME_MORE : 0;
+        if (zframe_send(&frame, socket.get(), ZFRAME_DONTWAIT | more) == 0) continue;
         zframe_destroy(&frame);
-        throw Failure{ExitStatus::not_reachable, "not reachable: cannot send to " + endpoint_text(endpoint)};
+        return false;
     }
+    return true;
 }
 
 Failure no_answer(const Endpoint &endpoint, int timeout_ms) {
@@ -98,17 +99,39 @@ Socket connect_events(const Endpoint &endpoint) {
     return socket;
 }
 
+std::vector<std::string> exchange_frames(const Socket &socket, const Endpoint &endpoint,
+                                         const std::vector<std::string> &frames, int timeout_ms) {
+    if (!send_frames(socket, frames)) {
+        throw Failure{ExitStatus::not_reachable, "not reachable: cannot send to " + endpoint_text(endpoint)};
+    }
+    const FrameList received(wait_readable(socket, timeout_ms) ? zmsg_recv(socket.get()) : nullptr);
+    if (!received) throw no_answer(endpoint, timeout_ms);
+    std::vector<std::string> answer;
+    for (zframe_t *frame = zmsg_first(received.get()); frame != nullptr; frame = zmsg_next(received.get())) {
+        const byte *bytes = zframe_data(frame);
+        answer.emplace_back(bytes, bytes + zframe_size(frame));
+    }
+    return answer;
+}
+
+std::string request_frame(const wire::Request &request) {
+    wire::Message message;
+    *message.mutable_request() = request;
+    return message.SerializeAsString();
+}
+
 wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire::Request &request, int timeout_ms) {
-    send_request(socket, endpoint, request);
-    const Frame frame = receive_frame(socket, timeout_ms);
-    if (!frame) throw no_answer(endpoint, timeout_ms);
-    if (zframe_size(frame.get()) == 0) {
+    const auto answer = exchange_frames(socket, endpoint, {request_frame(request)}, timeout_ms);
+    if (answer.size() == 1 && answer[0].empty()) {
         throw Failure{ExitStatus::refused, "refused: the device could not make anything of the request"};
     }
+    const std::string who = "refused: " + endpoint_text(endpoint);
     wire::Message message;
-    if (!parse(frame, message) || !message.has_reply() || message.reply().sequence() != request.sequence()) {
-        throw Failure{ExitStatus::refused,
-                      "refused: " + endpoint_text(endpoint) + " answered with something else than a reply"};
+    if (answer.size() != 1 || !message.ParseFromString(answer[0]) || !message.has_reply())
+        throw Failure{ExitStatus::refused, who + " answered with something else than a reply"};
+    if (message.reply().sequence() != request.sequence()) {
+        throw Failure{ExitStatus::refused, who + " answered request " + std::to_string(request.sequence()) + " as " +
+                                               std::to_string(message.reply().sequence())};
     }
     return message.reply();
 }
@@ -116,6 +139,7 @@ wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire:
 std::optional<wire::Message> receive_published(const Socket &events, int timeout_ms) {
     const Frame frame = receive_frame(events, std::max(timeout_ms, 0));
     wire::Message message;
-    if (!frame || !parse(frame, message)) return std::nullopt;
+    if (!frame || !message.ParseFromArray(zframe_data(frame.get()), static_cast<int>(zframe_size(frame.get()))))
+        return std::nullopt;
     return message;
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <czmq.h>
 
@@ -50,6 +51,11 @@ Socket connect_events(const Endpoint &endpoint);
 
 /* Sends one request and waits for its reply. After a failure the socket is of no further use. */
 wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire::Request &request, int timeout_ms);
+
+/* The same with frames of any content, and the frames of the answer as they are. */
+std::vector<std::string> exchange_frames(const Socket &socket, const Endpoint &endpoint,
+                                         const std::vector<std::string> &frames, int timeout_ms);
+std::string request_frame(const wire::Request &request);
 
 /* Waits for what the service publishes: an Event, or the Reply to another client's write. None after the time-out,
  * after Ctrl-C (zsys_interrupted), and for a frame that is not a message. */
