@@ -1,7 +1,12 @@
-// A client's discovery request and the device's answer.
+// What the device tells of itself: to a client that asks by UDP, to the programs beside it, and to logged-in clients.
 #include "harness/discovery.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -12,167 +17,191 @@
 
 namespace {
 
-constexpr const char *shared_key = "7D2E5A91C04BF368";
 constexpr const char *added = "[DISCOVERY] added client: panel-1";
 constexpr const char *known = "[DISCOVERY] client: panel-1 already discovered and active (never logged out) (panel-1)";
 constexpr const char *dropped = "free local client no map remove";
+constexpr const char *plain_text = "@?DKX8-3000|1.12.1.32|QM240817|?|||QM240817|4221=ON!";
+constexpr const char *plain_files = "QM240817|KX8-3000|DKX8-3000_ND|1.12.1.32|8|||QM240817||?|4221=ON|";
 
-struct DiscardedCase {
-    const char *why;
-    std::string datagram, log;
-};
-const std::string too_long = "@?" + std::string(8189, 'x') + "!";
-const DiscardedCase discarded[] = {
-    {"nothing in it",       "",           "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) (0)"},
-    {"too short",           "@!",         "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) (2)"},
-    {"wrong first byte",    "!?panel!",   "[DISCOVERY] discarded... (8 ! ? !)"                   },
-    {"wrong second byte",   "@!panel!",   "[DISCOVERY] discarded... (8 @ ! !)"                   },
-    {"wrong last byte",     "@?panel",    "[DISCOVERY] discarded... (7 @ ? l)"                   },
-    {"an end behind it",    "@?panel!\n", "[DISCOVERY] discarded... (9 @ ? *"                    },
-    {"cut before its mark", too_long,     "[DISCOVERY] discarded... (8191 @ ? x)"                },
-};
+// In the order in which they are written.
+constexpr const char *file_names[] = {"serial",           "hw_model",       "full_model", "fw_version",
+                                      "hw_channels",      "oem_manufacter", "oem_model",  "oem_serial",
+                                      "commercial_model", "dante",          "extra"};
 
-TEST(Discovery, DiscardsWhatIsNotFramed) {
-    Gateway gateway;
-    Discovery discovery;
-    for (const DiscardedCase &row : discarded) {
-        SCOPED_TRACE(row.why);
-        EXPECT_FALSE(discovery.ask(row.datagram));
-        gateway.expect_log({row.log});
-    }
-    EXPECT_TRUE(discovery.ask(discovery_request("panel-1")));
+std::string path_of(const std::string &name) { return "/tmp/discovery_" + name + ".txt"; }
+
+std::string content_of(const char *name) {
+    std::ifstream file(path_of(name));
+    if (!file) return "(cannot be read)";
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
-TEST(Discovery, AcceptsTheShortestAndTheLongestRequest) {
-    Gateway gateway;
-    Discovery discovery;
-    discovery.send("@?!");
-    EXPECT_EQ(discovery.receive().fields.at(field_wrapped_key), "");
-    gateway.expect_log(
-        {"[DISCOVERY] > read 3 bytes: [@?!]", "[DISCOVERY] received id=[]", "[DISCOVERY] added client: "});
-
-    const std::string empty = discovery_request("");
-    const std::string id(8191 - empty.size(), 'i');
-    discovery.send(discovery_request(id));
-    EXPECT_EQ(discovery.receive().fields.size(), discovery_field_count);
-    gateway.expect_log({"[DISCOVERY] > read 8191 bytes: [*", "[DISCOVERY] added client: " + id});
+std::string all_files() {
+    std::string contents;
+    for (const char *name : file_names) contents += content_of(name) + '|';
+    return contents;
 }
 
-struct ReplyCase {
+std::string text_for(RemoteClient &client, Channel channel) {
+    wire::Request request;
+    request.mutable_discovery();
+    std::string text = client.ask(channel, request).discovery();
+    std::replace(text.begin(), text.end(), '\x1c', '|');
+    return text;
+}
+
+struct DeviceCase {
     const char *why;
     Environment environment;
-    const char *reply;  // with "|" for the separators
-    const char *log;
+    const char *reply, *log, *text, *files;
 };
 const Environment all_settings = {
-    {"hw_serial",      "H-1"       },
-    {"oem_serial",     "O-2"       },
-    {"hw_model",       "KX4"       },
-    {"oem_manufacter", "Oem & Co"  },
-    {"oem_model",      "OX"        },
-    {"ENABLE4221",     "0"         },
-    {"HAS_LUMAVERSA",  "1"         },
-    {"KESTO_SLOT_ID",  "3"         },
-    {"KESTO_AMP_NAME", "Stage left"},
+    {"hw_serial",        "H-1"       },
+    {"oem_serial",       "O-2"       },
+    {"hw_model",         "KX4"       },
+    {"oem_manufacter",   "Oem & Co"  },
+    {"oem_model",        "OX"        },
+    {"commercial_model", "Concert"   },
+    {"ENABLE4221",       "off"       },
+    {"HAS_LUMAVERSA",    "on"        },
+    {"KESTO_SLOT_ID",    "3"         },
+    {"KESTO_AMP_NAME",   "Stage left"},
 };
 const Environment loopback_only = {
     {"ZMQ_ACCESS_IP", "127.0.0.1"}
 };
-constexpr const char *device_reply =
+constexpr const char *plain_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:60000|ZMQ:61000||?||||QM240817|17|Harbour hall|4221=ON!";
-constexpr const char *device_log =
-    "[DISCOVERY] < HW_MODEL=KX8-3000 FW=1.12.1.32 SERIAL=QM240817 OEM_SERIAL=QM240817 ZMQ:60000 slot=? "
-    "manufacter= oem_model= ENCKEY= ";
-constexpr const char *all_settings_reply =
+constexpr const char *plain_log =
+    "HW_MODEL=KX8-3000 FW=1.12.1.32 SERIAL=QM240817 OEM_SERIAL=QM240817 ZMQ:60000 slot=? manufacter= oem_model= ";
+constexpr const char *set_reply =
     "@?DKX4|1.12.1.32|O-2|ZMQ:60000|ZMQ:61000||+|Oem & Co|OX|Stage left|H-1|17|Harbour hall|4221=OFF,LUMAVERSA=ON!";
-constexpr const char *all_settings_log =
-    "[DISCOVERY] < HW_MODEL=KX4 FW=1.12.1.32 SERIAL=H-1 OEM_SERIAL=O-2 ZMQ:60000 slot=+ "
-    "manufacter=Oem & Co oem_model=OX ENCKEY= ";
+constexpr const char *set_log =
+    "HW_MODEL=KX4 FW=1.12.1.32 SERIAL=H-1 OEM_SERIAL=O-2 ZMQ:60000 slot=+ manufacter=Oem & Co oem_model=OX ";
+constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|4221=OFF,LUMAVERSA=ON!";
+constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
 constexpr const char *loopback_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:0|ZMQ:0||?||||QM240817|17|Harbour hall|4221=ON!";
-constexpr const char *loopback_log =
-    "[DISCOVERY] < HW_MODEL=KX8-3000 FW=1.12.1.32 SERIAL=QM240817 OEM_SERIAL=QM240817 ZMQ:0 slot=? "
-    "manufacter= oem_model= ENCKEY= ";
-const ReplyCase replies[] = {
-    {"from the device",      {},            device_reply,       device_log      },
-    {"from the environment", all_settings,  all_settings_reply, all_settings_log},
-    {"on loopback only",     loopback_only, loopback_reply,     loopback_log    },
+constexpr const char *loopback_log = "HW_MODEL=KX8-3000 * ZMQ:0 slot=? manufacter= oem_model= ";
+const DeviceCase devices[] = {
+    {"nothing set",      {},            plain_reply,    plain_log,    plain_text, plain_files},
+    {"everything set",   all_settings,  set_reply,      set_log,      set_text,   set_files  },
+    {"on loopback only", loopback_only, loopback_reply, loopback_log, plain_text, plain_files},
 };
 
 TEST(Discovery, DescribesTheDevice) {
-    for (const ReplyCase &row : replies) {
+    for (const DeviceCase &row : devices) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.environment = row.environment});
-        Discovery discovery;
-        discovery.send(discovery_request("panel-1"));
-        std::string reply = discovery.receive().raw;
-        std::replace(reply.begin(), reply.end(), '\x1c', '|');
+        EXPECT_EQ(all_files(), row.files);
+        EXPECT_EQ(discovery_files().size(), std::size(file_names));
+        gateway.service().rewind();
+        for (const char *name : file_names)
+            gateway.expect_log({"writing on " + path_of(name) + ": '" + content_of(name) + "'"});
+
+        const std::string reply = Discovery().find("panel-1");
         EXPECT_EQ(reply, row.reply);
         gateway.expect_log({"client family in discovery: family", "client serial in discovery: serial",
-                            "[DISCOVERY] received id=[panel-1]", row.log, added,
-                            "[DISCOVERY] < written " + std::to_string(reply.size()) + " bytes"});
+                            "[DISCOVERY] received id=[panel-1]", "[DISCOVERY] < " + std::string(row.log) + "ENCKEY= ",
+                            added, "[DISCOVERY] < written " + std::to_string(reply.size()) + " bytes"});
+        RemoteClient panel("panel-1");
+        panel.log_in();
+        EXPECT_EQ(text_for(panel, Channel::authentication), row.text);
+        EXPECT_EQ(text_for(panel, Channel::command), row.text);
     }
+}
+
+struct SlotCase {
+    const char *id, *log, *mark, *full_model;
+};
+constexpr SlotCase slots[] = {
+    {"0",  "slotid: 0 ?",                          "?", "DKX8-3000_ND"},
+    {"1",  "slotid: 1 -",                          "-", "DKX8-3000_ND"},
+    {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
+    {"3",  "slotid: 3 +",                          "+", "DKX8-3000_P" },
+    {"4",  "not supported retcode for slotid: 4",  "?", "DKX8-3000_ND"},
+    {"-1", "not supported retcode for slotid: -1", "?", "DKX8-3000_ND"},
+};
+
+TEST(Discovery, NamesTheSlotAndTheModelInIt) {
+    for (const SlotCase &row : slots) {
+        SCOPED_TRACE(row.id);
+        Gateway gateway({.environment = {{"KESTO_SLOT_ID", row.id}}});
+        gateway.service().rewind();
+        gateway.expect_log({row.log});
+        EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|ZMQ:61000||" + std::string(row.mark) + "|"));
+        EXPECT_EQ(content_of("dante"), row.mark);
+        EXPECT_EQ(content_of("full_model"), row.full_model);
+    }
+}
+
+TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
+    Gateway gateway;
+    gateway.stop_service();
+    std::ofstream(path_of("serial")) << "as it was";
+    std::filesystem::remove(path_of("hw_model"));
+    gateway.start_service();
+    EXPECT_EQ(all_files(), "as it was" + std::string(plain_files).substr(8));
+    gateway.service().rewind();
+    for (const char *name : file_names)
+        gateway.expect_log({std::string(name) == "hw_model"
+                                ? "writing on " + path_of(name) + ": 'KX8-3000'"
+                                : "file " + path_of(name) + " already exist I not update it"});
+    RemoteClient panel("panel-1");
+    EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
 }
 
 TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
     Gateway gateway;
     Discovery discovery;
-    discovery.send(discovery_request("panel-1"));
-    EXPECT_EQ(discovery.receive().fields.at(field_project_info), "Harbour hall");
+    EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17|Harbour hall|4221=ON!"));
     gateway.control("Change", "('/Device/Config/PROJECT_INFO', 'Opera', '')");
     gateway.control("Change", "('/Device/Config/EASY_SWAP_ID', '18', '')");
-    discovery.send(discovery_request("panel-1"));
-    const DiscoveryReply reply = discovery.receive();
-    EXPECT_EQ(reply.fields.at(field_project_info), "Opera");
-    EXPECT_EQ(reply.fields.at(field_easy_swap_id), "17");
+    EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17|Opera|4221=ON!"));
 
     gateway.control("Fault", "('read:/Device/Config/PROJECT_INFO=error',)");
-    discovery.send(discovery_request("panel-1"));
-    EXPECT_EQ(discovery.receive().fields.at(field_project_info), "");
+    EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17||4221=ON!"));
     gateway.control("Fault", "('read:/Device/Config/PROJECT_INFO=none',)");
 
-    const std::string info(9000, 'p');
-    gateway.control("Change", ("('/Device/Config/PROJECT_INFO', '" + info + "', '')").c_str());
-    discovery.send(discovery_request("panel-1"));
-    const std::string cut = discovery.receive().raw;
-    EXPECT_EQ(cut.size(), 8191U);
-    EXPECT_TRUE(cut.ends_with("pppp"));
+    gateway.control("Change", ("('/Device/Config/PROJECT_INFO', '" + std::string(9000, 'p') + "', '')").c_str());
+    EXPECT_THAT(discovery.find("panel-1"), testing::AllOf(testing::SizeIs(8191), testing::EndsWith("pppp")));
 }
 
-TEST(Discovery, WrapsTheSharedKeyForEachRequest) {
+struct RequestCase {
+    const char *why;
+    std::string datagram;
+    bool answered;
+    std::string log;
+};
+const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) ",
+                  bad_frame = "[DISCOVERY] discarded... ";
+const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
+const std::string longest_id(8191 - discovery_request("").size(), 'i'), nul_in_it("nul\0panel", 9);
+const RequestCase requests[] = {
+    {"nothing in it",         "",                                 false, bad_length + "(0)"        },
+    {"too short",             "@!",                               false, bad_length + "(2)"        },
+    {"wrong first byte",      "!?panel!",                         false, bad_frame + "(8 ! ? !)"   },
+    {"wrong second byte",     "@!panel!",                         false, bad_frame + "(8 @ ! !)"   },
+    {"wrong last byte",       "@?panel",                          false, bad_frame + "(7 @ ? l)"   },
+    {"an end behind it",      "@?panel!\n",                       false, bad_frame + "(9 @ ? *"    },
+    {"cut before its mark",   too_long,                           false, bad_frame + "(8191 @ ? x)"},
+    {"the shortest",          "@?!",                              true,  id_added                  },
+    {"the longest",           discovery_request(longest_id),      true,  id_added + longest_id     },
+    {"a separator in the id", discovery_request("pa\x1cnel\x1c"), true,  id_added + "pa\x1cnel\x1c"},
+    {"an end mark in the id", discovery_request("pa!nel"),        true,  id_added + "pa"           },
+    {"a NUL in the id",       discovery_request(nul_in_it),       true,  id_added + "nul"          },
+    {"not UTF-8",             discovery_request("pa\xffnel\xc3"), true,  id_added + "pa\xffnel\xc3"},
+    {"a format as id",        discovery_request("%s%n%d"),        true,  id_added + "%s%n%d"       },
+};
+
+TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
     Gateway gateway;
     Discovery discovery;
-    for (const char *log : {added, known}) {
-        const KeyPair key;
-        discovery.send(discovery_request("panel-1", key.public_pem()));
-        const std::string wrapped = discovery.receive().fields.at(field_wrapped_key);
-        EXPECT_EQ(wrapped.size(), 512U);
-        EXPECT_EQ(wrapped.find_first_not_of("0123456789ABCDEF"), std::string::npos);
-        EXPECT_EQ(key.unwrap(wrapped), shared_key);
-        gateway.expect_log({log});
+    for (const RequestCase &row : requests) {
+        SCOPED_TRACE(row.why);
+        EXPECT_EQ(discovery.ask(row.datagram).has_value(), row.answered);
+        gateway.expect_log({row.log});
     }
-    gateway.expect_log({dropped, "client free cmd port = -1, event port -1 (type: 0)", "free cl_pubkey",
-                        "free cl_enckey", "free cl_id", "[DISCOVERY] < written * bytes"});
-}
-
-// The first request's record stays, whatever later ones of its id bring.
-TEST(Discovery, KeepsTheRecordUntilItsClientLogsOut) {
-    Gateway gateway;
-    Discovery discovery;
-    discovery.send(discovery_request("panel-1", KeyPair().public_pem()));
-    discovery.receive();
-    discovery.send(discovery_request("panel-1"));
-    EXPECT_EQ(discovery.receive().fields.at(field_wrapped_key), "");
-    gateway.expect_log({"[DISCOVERY] client: panel-1 already discovered*", dropped});
-
-    RemoteClient panel("panel-1");
-    EXPECT_EQ(panel.log_in(), (Ports{62001, 63001}));
-    gateway.expect_log({"login known client: panel-1"});
-    panel.log_out();
-    gateway.expect_log({"free cl_username", "free cl_pubkey", "free cl_enckey",
-                        "remove cl_id from list of known client", "free cl_id"});
-    discovery.send(discovery_request("panel-1"));
-    gateway.expect_log({added});
 }
 
 constexpr const char *elliptic_key =
@@ -183,9 +212,8 @@ constexpr const char *elliptic_key =
 
 std::string locked_key() {
     std::string pem = KeyPair().public_pem();
-    pem.insert(pem.find('\n') + 1,
-               "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
-    return pem;
+    return pem.insert(pem.find('\n') + 1,
+                      "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
 }
 
 TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
@@ -198,51 +226,73 @@ TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
                             "*:server_discovery:* - client_discovery_process", dropped, "free cl_pubkey",
                             "free cl_id"});
     }
-    discovery.send(discovery_request("panel-1"));
-    discovery.receive();
+    discovery.find("panel-1");
     gateway.expect_log({added});  // none of them had left a record
 }
 
-TEST(Discovery, WaitsForTheDevicesIdentity) {
-    Gateway gateway({.with_device = false});
+TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
+    Gateway gateway;
     Discovery discovery;
-    const KeyPair key;
-    discovery.send(discovery_request("panel-1", key.public_pem()));
-    gateway.expect_log({"error reading CHANNELS. it can failt will be reread later",
-                        "*:server_discovery:* - server data not available discrovery discard", dropped});
-    gateway.start_device();
-    discovery.send(discovery_request("panel-1"));
-    const DiscoveryReply reply = discovery.receive();
-    EXPECT_EQ(reply.fields.at(field_wrapped_key), "");  // the second request's; the first had no answer
-    EXPECT_EQ(reply.fields.at(field_model), "DKX8-3000");
-    EXPECT_EQ(reply.fields.at(field_oem_serial), "QM240817");
+    for (const char *log : {added, known}) {
+        const KeyPair key;
+        const std::string reply = discovery.find("panel-1", key.public_pem());
+        std::smatch found;
+        ASSERT_TRUE(std::regex_search(reply, found, std::regex(R"(\|ZMQ:61000\|([0-9A-F]{512})\|\?\|)"))) << reply;
+        EXPECT_EQ(key.unwrap(found[1]), "7D2E5A91C04BF368");
+        gateway.expect_log({log});
+    }
+    gateway.expect_log({dropped, "client free cmd port = -1, event port -1 (type: 0)", "free cl_pubkey",
+                        "free cl_enckey", "free cl_id", "[DISCOVERY] < written * bytes"});
+    EXPECT_EQ(discovery.find("panel-1"), plain_reply);  // nothing to wrap it with, whatever the record has
+    gateway.expect_log({known, dropped});
+
+    RemoteClient panel("panel-1");
+    EXPECT_EQ(panel.log_in(), (Ports{62001, 63001}));
+    gateway.expect_log({"login known client: panel-1"});
+    panel.log_out();
+    gateway.expect_log({"free cl_username", "free cl_pubkey", "free cl_enckey",
+                        "remove cl_id from list of known client", "free cl_id"});
+    discovery.find("panel-1");
     gateway.expect_log({added});
 }
 
-struct IdCase {
+struct FirstRequestCase {
     const char *why;
-    std::string id, received;
+    Channel channel;
+    OptionalText discovery;
+    wire::Status status;
 };
-const IdCase strange_ids[] = {
-    {"a separator in it", "pa\x1cnel\x1c",          "pa\x1cnel\x1c"},
-    {"an end mark in it", "pa!nel",                 "pa"           },
-    {"a NUL in it",       std::string("nul\0panel", 9),              "nul"},
-    {"not UTF-8",                   "pa\xffnel\xc3",                                 "pa\xffnel\xc3"              },
-    {"a format",                   "%s%n%d",                                  "%s%n%d"        },
+const FirstRequestCase first_requests[] = {
+    {"any on the authentication socket",    Channel::authentication, std::nullopt,        wire::STATUS_OK     },
+    {"a login with a text on the commands", Channel::command,        "of another device", wire::STATUS_REFUSED},
 };
 
-TEST(Discovery, TakesAnyBytesAsAnId) {
-    Gateway gateway;
-    Discovery discovery;
-    for (const IdCase &row : strange_ids) {
+TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
+    for (const FirstRequestCase &row : first_requests) {
         SCOPED_TRACE(row.why);
-        EXPECT_TRUE(discovery.ask(discovery_request(row.id)));
-        gateway.expect_log(
-            {"[DISCOVERY] received id=[" + row.received + "]", "[DISCOVERY] added client: " + row.received});
-        EXPECT_TRUE(discovery.ask(discovery_request(row.id)));
-        gateway.expect_log({"[DISCOVERY] client: " + row.received + " already discovered*"});
+        Gateway gateway({.with_device = false});
+        gateway.service().rewind();
+        gateway.expect_log({"result: 0", "NOT POSSIBLE COMPUTE STATIC DISCOVERY"});
+        Discovery discovery;
+        discovery.send(discovery_request("panel-1"));
+        gateway.expect_log({"error reading CHANNELS. it can failt will be reread later",
+                            "*:server_discovery:* - server data not available discrovery discard", dropped});
+        RemoteClient panel("panel-2");
+        EXPECT_EQ(panel.log_in({.discovery = "of another device"}), (Ports{62001, 63001}));  // nothing to compare
+        EXPECT_EQ(text_for(panel, Channel::command), "");
+
+        gateway.start_device();
+        EXPECT_EQ(discovery.find("panel-1"), plain_reply);
+        gateway.expect_log({added});
+        EXPECT_TRUE(discovery_files().empty());  // an identity alone writes none
+        wire::Request login;
+        login.mutable_login()->set_user_name("root");
+        login.mutable_login()->set_password("vormi");
+        if (row.discovery) login.mutable_login()->set_discovery(*row.discovery);
+        EXPECT_EQ(panel.ask(row.channel, login).status(), row.status);
+        EXPECT_EQ(all_files(), plain_files);
+        EXPECT_EQ(text_for(panel, Channel::command), plain_text);
     }
-    EXPECT_EQ(RemoteClient("panel-1").log_in(), (Ports{62001, 63001}));
 }
 
 }  // namespace

@@ -15,29 +15,31 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// The address sanitizer wants to be the first library itself, and is told that it is not.
-Environment in_front_of_the_libraries(const char *call) {
-    const char *options = getenv("ASAN_OPTIONS");
-    return {
-        {"LD_PRELOAD",   INTERPOSER_LIBRARY                                                          },
-        {"KESTO_FAIL",   call                                                                        },
-        {"ASAN_OPTIONS", std::string(options != nullptr ? options : "") + ":verify_asan_link_order=0"},
-    };
-}
-
 GatewayOptions failing(const char *call, bool wait_until_up = true) {
-    return {.environment = in_front_of_the_libraries(call), .wait_until_up = wait_until_up};
+    const char *asan_options = getenv("ASAN_OPTIONS");
+    Environment environment = {};
+    environment["LD_PRELOAD"] = INTERPOSER_LIBRARY;
+    environment["KESTO_FAIL"] = call;
+    // The address sanitizer wants to be the first library itself, and is told that it is not.
+    environment["ASAN_OPTIONS"] =
+        std::string(asan_options != nullptr ? asan_options : "") + ":verify_asan_link_order=0";
+    return {.environment = environment, .wait_until_up = wait_until_up};
 }
 
 void expect_texts(Gateway &gateway, const Texts &texts) {
     for (const std::string &text : texts) gateway.expect_log({text});
 }
 
-void expect_service_for_others(const char *id = "other") {
-    RemoteClient other(id);
+void expect_service_for_others() {
+    RemoteClient other("other");
     EXPECT_NE(other.log_in(), Ports{});
     EXPECT_EQ(other.read("/Device/Config/Hardware/Channels").status(), wire::STATUS_OK);
 }
+
+struct FailureCase {
+    const char *call;
+    Texts log;
+};
 
 // ---- the start ----------------------------------------------------------------------------------------------------
 
@@ -78,21 +80,15 @@ TEST(AStartThatCannotSucceed, EndsTheServiceInItsNormalWay) {
     }
 }
 
-struct ToleratedCase {
-    const char *call;
-    Texts log;
-};
-
-const ToleratedCase tolerated_cases[] = {
-    {"setsockopt:1",              {"[NET] error setting SO_LINGER on discovery"}                                             },
-    {"setsockopt:3",              {"setsockopt SO_BROADCAST"}                                                                },
-    {"zloop_poller:1",            {"error registering server_discovery"}                                                     },
-    {"open:2",                    {"error writing on /tmp/discovery_serial.txt", "writing on /tmp/discovery_hw_model.txt: *"}},
-    {"kesto_dbus_data_read_kv:4", {"error reading CHANNELS. it can failt will be reread later", "result: 0"}                 },
+const FailureCase tolerated_cases[] = {
+    {"setsockopt:1",              {"[NET] error setting SO_LINGER on discovery"}                            },
+    {"setsockopt:3",              {"setsockopt SO_BROADCAST"}                                               },
+    {"zloop_poller:1",            {"error registering server_discovery"}                                    },
+    {"kesto_dbus_data_read_kv:4", {"error reading CHANNELS. it can failt will be reread later", "result: 0"}},
 };
 
 TEST(AStartWithoutSomethingInessential, Serves) {
-    for (const ToleratedCase &row : tolerated_cases) {
+    for (const FailureCase &row : tolerated_cases) {
         SCOPED_TRACE(row.call);
         Gateway gateway(failing(row.call));
         gateway.service().rewind();
@@ -101,29 +97,35 @@ TEST(AStartWithoutSomethingInessential, Serves) {
     }
 }
 
+struct MethodCase {
+    const char *method, *arguments, *what;
+};
+
+constexpr MethodCase changes[] = {
+    {"GeneralDispatch",             "('/k', 'v', '')", "general dispatch"              },
+    {"SnapshotLoadedDispatch",      "(uint32 1,)",     "snapshot loaded dispatch"      },
+    {"SpeakerPresetLoadedDispatch", "()",              "speaker preset loaded dispatch"},
+};
+
+void expect_error(Gateway &gateway, const MethodCase &row) {
+    const Answer error{"", "com.quillmont.kesto.access.Error.Failed", std::string("Failed to ") + row.what};
+    EXPECT_EQ(gateway.call(row.method, g_variant_new_parsed(row.arguments)), error);
+}
+
 TEST(AStartWithoutMemory, LeavesTheMethodsAnsweringWithAnError) {
     Gateway gateway(failing("g_try_malloc0:1", false));
     gateway.expect_log({"*kesto_access_start:* - g_try_new0"});
-    const char *error = "com.quillmont.kesto.access.Error.Failed";
+    expect_error(gateway, {"Dispatch", "(40, 1.0, 1)", "snapshot loaded dispatch"});
+    for (const MethodCase &row : changes) expect_error(gateway, row);
     const char *private_data = "*:* - Unable to get presetd private data...";
-    EXPECT_EQ(gateway.call("Dispatch", g_variant_new("(idi)", 40, 1.0, 1)),
-              (Answer{"", error, "Failed to snapshot loaded dispatch"}));
-    EXPECT_EQ(gateway.call("GeneralDispatch", g_variant_new("(sss)", "/k", "v", "")),
-              (Answer{"", error, "Failed to general dispatch"}));
-    EXPECT_EQ(gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 1)),
-              (Answer{"", error, "Failed to snapshot loaded dispatch"}));
-    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch"),
-              (Answer{"", error, "Failed to speaker preset loaded dispatch"}));
-    gateway.expect_log({"dbus_mtod_dispatch", private_data, "dbus_mtod_general_dispatch", private_data,
-                        "dbus_mtod_snapshot_loaded_dispatch", private_data, "dbus_mtod_speakerpreset_loaded_dispatch",
-                        private_data});
+    gateway.expect_log({"dbus_mtod_dispatch", private_data, private_data, private_data, private_data});
     gateway.service().send_signal(SIGTERM);
     EXPECT_EQ(gateway.service().wait_exit(), Exit{.signal = SIGTERM});
 }
 
 TEST(AMethodWithoutItsProcess, AnswersWithAnError) {
     Gateway gateway(failing("g_dbus_method_invocation_get_user_data:1"));
-    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch").message, "Failed to speaker preset loaded dispatch");
+    expect_error(gateway, changes[2]);
     gateway.expect_log({"*dbus_mtod_speakerpreset_loaded_dispatch:* - Unable to get private data..."});
     EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch"), empty_reply);
 }
@@ -131,11 +133,7 @@ TEST(AMethodWithoutItsProcess, AnswersWithAnError) {
 TEST(AServiceWithoutAQueue, RefusesEventsAndServesTheRest) {
     Gateway gateway(failing("g_async_queue_new_full:1"));
     EXPECT_EQ(gateway.call("Dispatch", g_variant_new("(idi)", 40, 1.0, 1)), empty_reply);
-    EXPECT_EQ(gateway.call("GeneralDispatch", g_variant_new("(sss)", "/k", "v", "")).message,
-              "Failed to general dispatch");
-    EXPECT_EQ(gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 1)).message,
-              "Failed to snapshot loaded dispatch");
-    EXPECT_EQ(gateway.call("SpeakerPresetLoadedDispatch").message, "Failed to speaker preset loaded dispatch");
+    for (const MethodCase &row : changes) expect_error(gateway, row);
     gateway.expect_log({"priv->mq == NULL"});
     expect_service_for_others();
 }
@@ -152,47 +150,40 @@ TEST(AServiceWithoutABus, RefusesLoginsAndTouchesNoRecord) {
 
 // ---- sessions -----------------------------------------------------------------------------------------------------
 
-struct LoginCase {
-    const char *call;
-    bool monitor;
-    Texts log;
-};
-
-const LoginCase refused_logins[] = {
-    {"zsock_new_checked:2", false, {"zsocket_new (tcp://*:62001)"}                                                       },
-    {"zsock_bind:2",        false, {"panel-1: private cmd port on (*) 62001 -1", "error bind on port (tcp://*:62001)"}   },
-    {"zsock_new_checked:3", false, {"[AUTH] events=63001", "zsocket_new(tcp://*:63001)"}                                 },
-    {"zsock_bind:3",        true,  {"panel-1: private events port on (*) 63001 -1", "error bind on port (tcp://*:63001)"}},
-    {"zsock_resolve:2",     true,  {"MONITOR", "error in zsock_resolve [*]"}                                             },
-    {"zloop_poller:4",      true,  {"MONITOR", "error registering poller"}                                               },
+const FailureCase refused_logins[] = {
+    {"zsock_new_checked:2", {"zsocket_new (tcp://*:62001)"}                                                       },
+    {"zsock_bind:2",        {"panel-1: private cmd port on (*) 62001 -1", "error bind on port (tcp://*:62001)"}   },
+    {"zsock_new_checked:3", {"[AUTH] events=63001", "zsocket_new(tcp://*:63001)"}                                 },
+    {"zsock_bind:3",        {"panel-1: private events port on (*) 63001 -1", "error bind on port (tcp://*:63001)"}},
+    {"zsock_resolve:2",     {"MONITOR", "error in zsock_resolve [*]"}                                             },
+    {"zloop_poller:4",      {"MONITOR", "error registering poller"}                                               },
 };
 
 TEST(ASessionThatCannotBeOpened, IsRefusedAndLeavesNothing) {
-    for (const LoginCase &row : refused_logins) {
+    for (const FailureCase &row : refused_logins) {
         SCOPED_TRACE(row.call);
         Gateway gateway(failing(row.call));
         RemoteClient panel("panel-1");
-        EXPECT_EQ(panel.log_in({.monitor = row.monitor}), Ports{});
+        EXPECT_EQ(panel.log_in({.monitor = true}), Ports{});
         expect_texts(gateway, row.log);
-        gateway.expect_log({"[AUTH] > zmq_msg_send", "free client",
-                            "client free cmd port = -1, event port -1 (type: 1)",
-                            "remove cl_id from list of known client", "free cl_id"});
+        gateway.expect_log(
+            {"[AUTH] > zmq_msg_send", "free client", "remove cl_id from list of known client", "free cl_id"});
         gateway.device().expect_call("ClientDeauthenticated", "panel-1");
-        EXPECT_EQ(panel.log_in({.monitor = row.monitor}), (Ports{62002, 63002}));
+        EXPECT_EQ(panel.log_in({.monitor = true}), (Ports{62002, 63002}));
     }
 }
 
-const LoginCase unmonitored_logins[] = {
-    {"zactor_new:1",     true, {"try to enable MONITORING", "error creating monitor port"}             },
-    {"pthread_create:1", true, {"try to enable MONITORING", "error creating monitor port"}             },
-    {"zstr_sendx:1",     true, {"try to enable MONITORING", "error connecting [*]"}                    },
-    {"zstr_send:1",      true, {"try to enable MONITORING", "error starting MONITORING"}               },
-    {"zactor_resolve:1", true, {"try to enable MONITORING", "error starting MONITORING zactor_resolve"}},
-    {"zloop_poller:3",   true, {"try to enable MONITORING", "fail in register poller for monitor"}     },
+const FailureCase unmonitored_logins[] = {
+    {"zactor_new:1",     {"try to enable MONITORING", "error creating monitor port"}             },
+    {"pthread_create:1", {"try to enable MONITORING", "error creating monitor port"}             },
+    {"zstr_sendx:1",     {"try to enable MONITORING", "error connecting [*]"}                    },
+    {"zstr_send:1",      {"try to enable MONITORING", "error starting MONITORING"}               },
+    {"zactor_resolve:1", {"try to enable MONITORING", "error starting MONITORING zactor_resolve"}},
+    {"zloop_poller:3",   {"try to enable MONITORING", "fail in register poller for monitor"}     },
 };
 
 TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
-    for (const LoginCase &row : unmonitored_logins) {
+    for (const FailureCase &row : unmonitored_logins) {
         SCOPED_TRACE(row.call);
         Gateway gateway(failing(row.call));
         RemoteClient panel("panel-1");
@@ -203,22 +194,19 @@ TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
     }
 }
 
-TEST(AMonitorWithoutItsPipe, StillWatches) {
-    Gateway gateway(failing("zactor_sock:1"));
-    RemoteClient panel("panel-1");
-    panel.log_in({.monitor = true});
-    gateway.expect_log({"cl_monitor actor does not have socket", "MONITOR", "first same connection: (panel-1) 1"});
-}
+const FailureCase impaired_monitors[] = {
+    {"zactor_sock:1", {"cl_monitor actor does not have socket", "MONITOR", "first same connection: (panel-1) 1"}},
+    {"zmsg_recv:1",   {"client monitor event 62001", "first same connection: (panel-1) 1"}                      },
+    {"zmsg_popstr:1", {"client monitor event 62001", "no event!!!"}                                             },
+};
 
-TEST(AMonitorEvent, ThatCannotBeReadIsDroppedOrReadLater) {
-    for (const char *call : {"zmsg_recv:1", "zmsg_popstr:1"}) {
-        SCOPED_TRACE(call);
-        Gateway gateway(failing(call));
+TEST(AMonitorThatIsImpaired, StillSeesTheLastConnectionClose) {
+    for (const FailureCase &row : impaired_monitors) {
+        SCOPED_TRACE(row.call);
+        Gateway gateway(failing(row.call));
         RemoteClient panel("panel-1");
         panel.log_in({.monitor = true});
-        gateway.expect_log({"client monitor event 62001"});
-        const bool dropped = std::string(call) == "zmsg_popstr:1";
-        gateway.expect_log({dropped ? "no event!!!" : "first same connection: (panel-1) 1"});
+        expect_texts(gateway, row.log);
         panel.hang_up();
         gateway.expect_log({"no other command connection opened, so auto-logoff (panel-1)"});
     }
@@ -226,56 +214,35 @@ TEST(AMonitorEvent, ThatCannotBeReadIsDroppedOrReadLater) {
 
 // ---- requests -----------------------------------------------------------------------------------------------------
 
-std::string login_frame() {
-    wire::Message message;
-    message.mutable_request()->set_client_id("panel-1");
-    message.mutable_request()->mutable_login()->set_user_name("root");
-    message.mutable_request()->mutable_login()->set_password("vormi");
-    return message.SerializeAsString();
-}
-
 struct RequestCase {
     const char *call;
     Texts log;
     bool answered;  // with more than the empty frame
+    Channel channel = Channel::authentication;
 };
 
-const RequestCase login_requests[] = {
-    {"zmq_msg_recv:1",      {"[AUTH] >", "*server_auth:* - zmq_msg_recv", "[AUTH] error encoding..."}, true },
-    {"proto_decode:1",      {"*server_auth:* - error data not parsable", "[AUTH] error encoding..."},  false},
-    {"proto_id:1",          {"*server_auth:* - invalid client id", "[AUTH] error encoding..."},        false},
-    {"g_try_malloc0:2",     {"*server_auth:* - client_new", "[AUTH] error encoding..."},               false},
-    {"proto_buffer:1",      {"problem in proto_encode", "[AUTH] error encoding..."},                   false},
-    {"proto_buffer_size:1", {"problem in proto_encode", "[AUTH] error encoding..."},                   false},
-    {"zmq_msg_send:1",      {"error zmq_msg_send", "[AUTH] error encoding..."},                        false},
+constexpr Channel at_login = Channel::authentication, at_work = Channel::command;
+const RequestCase requests[] = {
+    {"zmq_msg_recv:1",      {"[AUTH] >", "*server_auth:* - zmq_msg_recv", "[AUTH] error encoding..."}, true,  at_login},
+    {"proto_id:1",          {"*server_auth:* - invalid client id", "[AUTH] error encoding..."},        false, at_login},
+    {"g_try_malloc0:2",     {"*server_auth:* - client_new", "[AUTH] error encoding..."},               false, at_login},
+    {"proto_buffer:1",      {"problem in proto_encode", "[AUTH] error encoding..."},                   false, at_login},
+    {"proto_buffer_size:1", {"problem in proto_encode", "[AUTH] error encoding..."},                   false, at_login},
+    {"zmq_msg_send:1",      {"error zmq_msg_send", "[AUTH] error encoding..."},                        false, at_login},
+    {"zmq_msg_recv:2",      {"*client_read:* - zmq_msg_recv", "[CLIENT] error encoding"},              true,  at_work },
+    {"proto_buffer:2",      {"problem in proto_encode", "[CLIENT] error encoding"},                    false, at_work },
 };
 
-TEST(ALoginRequest, GetsExactlyOneAnswerWhateverFails) {
-    for (const RequestCase &row : login_requests) {
+TEST(ARequest, GetsExactlyOneAnswerWhateverFails) {
+    const std::string question = "\n\t\n\apanel-1";  // who asks, and nothing else
+    for (const RequestCase &row : requests) {
         SCOPED_TRACE(row.call);
         Gateway gateway(failing(row.call));
         RemoteClient panel("panel-1");
-        EXPECT_EQ(!panel.exchange(Channel::authentication, {login_frame()}).empty(), row.answered);
+        if (row.channel == at_work) panel.log_in();
+        EXPECT_EQ(!panel.exchange(row.channel, {question}).empty(), row.answered);
         expect_texts(gateway, row.log);
-        EXPECT_NE(panel.log_in(), Ports{});
-    }
-}
-
-const RequestCase command_requests[] = {
-    {"zmq_msg_recv:2",      {"*client_read:* - zmq_msg_recv", "[CLIENT] error encoding"},            true },
-    {"proto_decode:2",      {"*client_read:* - error data not parsable", "[CLIENT] error encoding"}, false},
-    {"proto_buffer:2",      {"problem in proto_encode", "[CLIENT] error encoding"},                  false},
-    {"proto_buffer_size:2", {"problem in proto_encode", "[CLIENT] error encoding"},                  false},
-};
-
-TEST(ACommand, GetsExactlyOneAnswerWhateverFails) {
-    for (const RequestCase &row : command_requests) {
-        SCOPED_TRACE(row.call);
-        Gateway gateway(failing(row.call));
-        RemoteClient panel("panel-1");
         panel.log_in();
-        EXPECT_EQ(!panel.exchange(Channel::command, {login_frame()}).empty(), row.answered);
-        expect_texts(gateway, row.log);
         EXPECT_EQ(panel.read("/Device/Config/Hardware/Channels").status(), wire::STATUS_OK);
     }
 }
@@ -285,78 +252,36 @@ TEST(AWriteWhoseAnswerIsLost, IsEchoedAllTheSame) {
     RemoteClient writer("writer"), listener("listener");
     writer.log_in({.discard_my_feedback = true});
     listener.log_in();
-    wire::Message write;
-    write.mutable_request()->mutable_write()->set_key("/Device/Config/Name");
-    write.mutable_request()->mutable_write()->set_value("Hall");
-    writer.send(Channel::command, {write.SerializeAsString()});
+    writer.send(Channel::command, {"\n\035b\033\n\023/Device/Config/Name\022\004Hall"});
     gateway.expect_log({"write ok with retval=0", "[writer] Broadcasting to all clients.", "broadcast to 1 client"});
 }
 
-TEST(AHandleWithoutItsClient, ChangesNothingButTheCount) {
-    struct {
-        const char *call;
-        wire::Status write;
-        Texts log;
-    } const rows[] = {
-        {"proto_get_private:2", wire::STATUS_REFUSED, {"write k=*", "not autorized"}},
-        {"proto_get_private:3", wire::STATUS_OK,      {"write ok with retval=0"}    },
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.call);
-        Gateway gateway(failing(row.call));
+TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
+    for (const bool refused : {true, false}) {
+        SCOPED_TRACE(refused);
+        Gateway gateway(failing(refused ? "proto_get_private:2" : "proto_get_private:3"));
         RemoteClient panel("panel-1");
         panel.log_in();
         const wire::Reply reply = panel.write("/Device/Config/Name", "Hall");
-        EXPECT_EQ(reply.status(), row.write);
-        EXPECT_EQ(reply.change_count(), row.write == wire::STATUS_OK ? 1u : 0u);
-        expect_texts(gateway, row.log);
-        gateway.service().rewind();
+        EXPECT_EQ(reply.status(), refused ? wire::STATUS_REFUSED : wire::STATUS_OK);
+        EXPECT_EQ(reply.change_count(), refused ? 0u : 1u);
         panel.log_out();
         gateway.service().expect_no_log_before("set broadcast to other client", "free client");
     }
 }
 
-TEST(AMultiWriteWithoutItsClient, WritesNothing) {
-    Gateway gateway(failing("proto_get_private:2"));
-    RemoteClient panel("panel-1");
-    panel.log_in();
-    EXPECT_EQ(panel
-                  .multi_write({
-                      {"/Device/Config/Name", "Hall"}
-    })
-                  .status(),
-              wire::STATUS_REFUSED);
-    gateway.expect_log({"NULL client"});
-}
-
-TEST(AReadWithoutItsClientsWishes, HidesNothing) {
-    Gateway gateway(failing("proto_get_private:3"));
-    RemoteClient panel("panel-1");
-    panel.log_in({.hide_secure_info = true});
-    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_OK);
-    gateway.expect_log({"missing client from client_action_get_login_info_callback"});
-}
-
 // ---- discovery ----------------------------------------------------------------------------------------------------
 
-const Texts wrapping_failed = {"*client_process_discovery:* - kesto_pubkey_encrypt", "[DISCOVERY] received malformed",
-                               "*server_discovery:* - client_discovery_process", "free local client no map remove"};
-
-Texts after(const char *first, const Texts &rest) {
-    Texts all = {first};
-    all.insert(all.end(), rest.begin(), rest.end());
-    return all;
-}
-
+const char *const freed = "free local client no map remove";
 const RequestCase discovery_requests[] = {
-    {"recvfrom:1",        {"*server_discovery:* - recvfrom"},   true            },
-    {"g_try_malloc0:2",   {"*server_discovery:* - client_new"}, false           },
-    {"g_try_malloc0:3",   wrapping_failed,                      false           },
-    {"BIO_new_mem_buf:2", after("Error opening KEY",            wrapping_failed), false},
-    {"EVP_PKEY_get1_RSA:1",                   wrapping_failed,                                   false                 },
-    {"BIO_read:1",                   after("Error reading input Data",                                            wrapping_failed),false},
-    {"RSA_public_encrypt:1",              after("RSA operation error",                                                  wrapping_failed),                                                     false},
-    {"sendto:1",   {"*server_discovery:* - sendto", "free local client no map remove"},false},
+    {"recvfrom:1",           {"*server_discovery:* - recvfrom"},                            true },
+    {"g_try_malloc0:2",      {"*server_discovery:* - client_new"},                          false},
+    {"g_try_malloc0:3",      {"*client_process_discovery:* - kesto_pubkey_encrypt", freed}, false},
+    {"BIO_new_mem_buf:2",    {"Error opening KEY", "[DISCOVERY] received malformed"},       false},
+    {"EVP_PKEY_get1_RSA:1",  {"*server_discovery:* - client_discovery_process", freed},     false},
+    {"BIO_read:1",           {"Error reading input Data", freed},                           false},
+    {"RSA_public_encrypt:1", {"RSA operation error", freed},                                false},
+    {"sendto:1",             {"*server_discovery:* - sendto", freed},                       false},
 };
 
 TEST(ADiscoveryRequest, ThatFailsLeavesNoRecordAndIsNotAnswered) {
@@ -385,7 +310,6 @@ constexpr EventCase lost_events[] = {
     {"proto_encode_RestoreSnapshot:1",     "LoadSnapshot",      "(uint32 4,)",      "DBUS: broadcasting command: 0"},
     {"proto_encode_SpeakerPresetLoaded:1", "LoadSpeakerPreset", "()",               "DBUS: broadcasting command: 1"},
     {"proto_buffer:1",                     "Change",            "('/k', 'v', 't')", "protobuf encoding error"      },
-    {"proto_buffer_size:1",                "Change",            "('/k', 'v', 't')", "protobuf encoding error"      },
 };
 
 TEST(AnEventThatCannotBeEncoded, IsLostAloneAndTheNextOneIsSent) {
@@ -406,8 +330,7 @@ TEST(ABroadcast, CountsOnlyTheClientsThatItReached) {
     RemoteClient first("first"), second("second"), third("third");
     for (RemoteClient *client : {&first, &second, &third}) client->log_in();
     gateway.control("LoadSnapshot", "(uint32 4,)");
-    gateway.expect_log({"[*] Message broadcast to *...", "[*] Error broadcasting to *", "[*] Message broadcast to *...",
-                        "broadcast to 2 client"});
+    gateway.expect_log({"[*] Message broadcast to *...", "[*] Error broadcasting to *", "broadcast to 2 client"});
 }
 
 }  // namespace

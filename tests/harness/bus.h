@@ -2,6 +2,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 #include <gio/gio.h>
@@ -29,21 +30,16 @@ inline const Answer empty_reply = {"()", "", ""};
 class Bus {
   public:
     Bus();
-    ~Bus();
-    Bus(const Bus &) = delete;
-    Bus &operator=(const Bus &) = delete;
 
     const std::string &address() const { return address_; }
 
     /* Takes a floating `arguments` over; nothing stands for (). No answer within the patience is an error as well. */
     Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr);
-    bool has_owner(const char *name);
-    void take_name(const char *name);  // for the test itself
 
     void end();  // as when the bus daemon is killed
 
   private:
     Process daemon_;
     std::string address_;
-    GDBusConnection *connection_ = nullptr;
+    std::unique_ptr<GDBusConnection, decltype(&g_object_unref)> connection_{nullptr, g_object_unref};
 };

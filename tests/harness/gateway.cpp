@@ -6,21 +6,15 @@
 
 #include "harness/discovery.h"
 
+std::vector<std::string> discovery_files() {
+    std::vector<std::string> paths;
+    for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
+        if (const std::string path = entry.path(); path.starts_with("/tmp/discovery_")) paths.push_back(path);
+    return paths;
+}
+
 static void remove_discovery_files() {
-    for (const auto &entry : std::filesystem::directory_iterator("/tmp")) {
-        const std::string name = entry.path().filename();
-        if (name.starts_with("discovery_") && name.ends_with(".txt")) std::filesystem::remove(entry.path());
-    }
-}
-
-static std::vector<std::string> command_line(const char *program, const std::vector<std::string> &arguments) {
-    std::vector<std::string> command = {program};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
-}
-
-void Device::expect_call(std::string_view method, std::string_view client_id, Where where) {
-    expect_log({std::string(method) + " ('" + std::string(client_id) + "',)"}, where);
+    for (const std::string &path : discovery_files()) std::filesystem::remove(path);
 }
 
 Gateway::Gateway(GatewayOptions options) : options_(std::move(options)) {
@@ -30,17 +24,16 @@ Gateway::Gateway(GatewayOptions options) : options_(std::move(options)) {
 }
 
 Gateway::~Gateway() {
-    if (service_) end_service();
+    if (service_) stop_service();
     if (device_) device_->expect_orderly_end();
     remove_discovery_files();
 }
 
 void Gateway::start_device() {
-    std::vector<std::string> command = command_line(KESTO_DEVICE_PROGRAM, options_.device_options);
-    command.push_back("--trace");
-    device_.emplace(std::move(command), Environment{
-                                            {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}
-    });
+    const Environment environment = {
+        {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}
+    };
+    device_.emplace(std::vector<std::string>{KESTO_DEVICE_PROGRAM, "--trace"}, environment);
     device_->expect_log({"kesto-device: serving *"});
 }
 
@@ -48,27 +41,16 @@ void Gateway::start_service() {
     Environment environment = options_.environment;
     environment.emplace("KESTO_DEBUG", "1");
     environment.emplace("DBUS_SESSION_BUS_ADDRESS", bus_.address());
-    service_.emplace(command_line(KESTO_ACCESS_PROGRAM, options_.arguments), environment);
+    std::vector<std::string> command = options_.arguments;
+    command.insert(command.begin(), KESTO_ACCESS_PROGRAM);
+    service_.emplace(std::move(command), environment);
     if (options_.wait_until_up) service_->expect_log({"zsys_catch_interrupts"});
 }
 
-void Gateway::end_service() {
+void Gateway::stop_service() {
     service_->expect_orderly_end();
     service_->expect_no_complaints();
-}
-
-void Gateway::stop_service() {
-    end_service();
     service_.reset();
-}
-
-void Gateway::stop_device() {
-    device_->expect_orderly_end();
-    device_.reset();
-}
-
-void Gateway::expect_log(std::initializer_list<std::string_view> messages, Where where) {
-    service_->expect_log(messages, where);
 }
 
 Answer Gateway::call(const char *method, GVariant *arguments) { return bus_.call(access_object, method, arguments); }
@@ -80,9 +62,7 @@ void Gateway::control(const char *method, const char *arguments, Where where) {
 }
 
 std::vector<std::string> Gateway::audio_calls(Where where) {
-    Discovery discovery;
-    discovery.send(discovery_request("fence"));
-    discovery.receive(where);
+    Discovery().find("fence", "", where);
     // The service read it for the reply, on the connection that carries its calls to the audio service.
     std::vector<std::string> calls = device_->log_until("Read (uint32 8192, '/Device/Config/PROJECT_INFO')", where);
     std::erase_if(calls, [](const std::string &line) { return !line.starts_with("Client"); });

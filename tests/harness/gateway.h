@@ -1,8 +1,8 @@
 /* gateway.h - one whole gateway for one test: a bus, the simulated device and the access service, the real programs.
  *
  * At its end the service gets SIGTERM, unless the test has seen its exit (service().wait_exit()), and must end with
- * status 0; it must not have complained either (Process::allow_complaint). The recordings are printed when the test has
- * failed. The service's ports and files are fixed, so that a test has one gateway at a time. */
+ * status 0; it must not have complained either (Process::expect_no_complaints). The recordings are printed when the
+ * test has failed. The service's ports and files are fixed, so that a test has one gateway at a time. */
 #pragma once
 
 #include <initializer_list>
@@ -16,7 +16,6 @@
 
 struct GatewayOptions {
     bool with_device = true;
-    std::vector<std::string> device_options = {};  // beside --trace
     bool with_service = true;
     std::vector<std::string> arguments = {};  // of the service
     Environment environment = {};             // beside KESTO_DEBUG=1 and the bus; nothing else reaches the service
@@ -28,15 +27,18 @@ struct Device : Process {
 
     /* A call to the audio service, by its method and the client id in it; for other calls: expect_log of the trace,
      * "Write (0, '/Device/Config/Name', 'Hall')". */
-    void expect_call(std::string_view method, std::string_view client_id, Where where = Where::current());
+    void expect_call(const std::string &method, const std::string &client_id, Where where = Where::current()) {
+        expect_log({method + " ('" + client_id + "',)"}, where);
+    }
 };
+
+/* The files in which the service describes the device; none stays from one gateway to the next. */
+std::vector<std::string> discovery_files();
 
 class Gateway {
   public:
     explicit Gateway(GatewayOptions options = {});
     ~Gateway();
-    Gateway(const Gateway &) = delete;
-    Gateway &operator=(const Gateway &) = delete;
 
     Bus &bus() { return bus_; }
     Process &service() { return *service_; }
@@ -48,10 +50,11 @@ class Gateway {
 
     /* SIGTERM, and the end that belongs to it. */
     void stop_service();
-    void stop_device();
 
     /* Of the service. */
-    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
+    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current()) {
+        service_->expect_log(messages, where);
+    }
     Answer call(const char *method, GVariant *arguments = nullptr);
 
     /* Of the device's control interface: control("Fault", "('read=never',)"); must succeed. */
@@ -63,8 +66,6 @@ class Gateway {
     std::vector<std::string> audio_calls(Where where = Where::current());
 
   private:
-    void end_service();
-
     GatewayOptions options_;
     Bus bus_;
     std::optional<Device> device_;

@@ -8,34 +8,35 @@
 
 #include <gtest/gtest.h>
 
-static sockaddr_in internet_address(in_addr_t host, int port) {
+static int use_address(int (*use)(int, const sockaddr *, socklen_t), int descriptor, const char *host, int port) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = host;
+    address.sin_addr.s_addr = inet_addr(host);
     address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
+    return use(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
 
 TakenPort::TakenPort(int type, uint16_t port) : socket_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
     // Past what earlier connections left of a TCP port; on UDP it would mean sharing.
     const int reuse = type == SOCK_STREAM;
     setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    const sockaddr_in address = internet_address(htonl(INADDR_ANY), port);
-    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(use_address(bind, socket_, "0.0.0.0", port), 0);
     EXPECT_EQ(type == SOCK_STREAM ? listen(socket_, 1) : 0, 0);
 }
 
 TakenPort::~TakenPort() { close(socket_); }
 
-SilentConnection::SilentConnection(int port, const std::string &address)
-    : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in service = internet_address(inet_addr(address.c_str()), port);
-    accepted_ = connect(socket_, reinterpret_cast<const sockaddr *>(&service), sizeof service) == 0;
+int connected_socket(int type, int port, const std::string &address) {
+    const int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    if (use_address(connect, descriptor, address.c_str(), port) == 0) return descriptor;
+    close(descriptor);
+    return -1;
 }
 
-SilentConnection::~SilentConnection() { close(socket_); }
-
-bool is_open(int port, const std::string &address) { return SilentConnection(port, address).accepted(); }
+bool is_open(int port, const std::string &address) {
+    const int descriptor = connected_socket(SOCK_STREAM, port, address);
+    return descriptor != -1 && close(descriptor) == 0;
+}
 
 void wait_until_closed(int port, Where where) {
     for (const auto end = deadline(); is_open(port); sched_yield())

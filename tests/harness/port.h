@@ -18,21 +18,10 @@ class TakenPort {
     int socket_;
 };
 
-/* A TCP connection that never says a word, as a port scanner makes it. */
-class SilentConnection {
-  public:
-    explicit SilentConnection(int port, const std::string &address = "127.0.0.1");
-    ~SilentConnection();
-    SilentConnection(const SilentConnection &) = delete;
-    SilentConnection &operator=(const SilentConnection &) = delete;
+/* A socket that is connected to the port, for the caller to close; -1 when there is none. */
+int connected_socket(int type, int port, const std::string &address = "127.0.0.1");
 
-    bool accepted() const { return accepted_; }
-
-  private:
-    int socket_;
-    bool accepted_;
-};
-
+/* Whether somebody listens, seen by a TCP connection that never says a word. */
 bool is_open(int port, const std::string &address = "127.0.0.1");
 
 /* Until nobody listens any more: a closed socket's port goes a little later. */

@@ -14,11 +14,6 @@ std::ostream &operator<<(std::ostream &out, const Ports &ports) {
     return out << "commands " << ports.command << ", events " << ports.event;
 }
 
-static void *context() {
-    static void *const shared = zmq_ctx_new();
-    return shared;
-}
-
 static int32_t publish_fence(Gateway &gateway, const Where &where) {
     static int32_t channel = fence_channel_first;
     const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel));
@@ -32,32 +27,23 @@ static int32_t fence_in(const wire::Message &message) {
     return channel > fence_channel_first ? channel : 0;
 }
 
-void RemoteClient::Close::operator()(void *socket) const { zmq_close(socket); }
-
 RemoteClient::RemoteClient(std::string id, std::string address)
     : id_(std::move(id)), address_(std::move(address)), authentication_(connect(ZMQ_REQ, authentication_port)) {}
 
-RemoteClient::~RemoteClient() = default;
-RemoteClient::RemoteClient(RemoteClient &&) noexcept = default;
-
 RemoteClient::Socket RemoteClient::connect(int type, int port) const {
-    Socket socket(zmq_socket(context(), type));
-    const int linger_ms = 0, receive_ms = static_cast<int>(patience().count());
+    static void *const context = zmq_ctx_new();
+    Socket socket(zmq_socket(context, type), zmq_close);
+    const int linger_ms = 0;
     zmq_setsockopt(socket.get(), ZMQ_LINGER, &linger_ms, sizeof linger_ms);
-    zmq_setsockopt(socket.get(), ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
     if (type == ZMQ_SUB) zmq_setsockopt(socket.get(), ZMQ_SUBSCRIBE, "", 0);
     const std::string endpoint = "tcp://" + address_ + ":" + std::to_string(port);
     if (zmq_connect(socket.get(), endpoint.c_str()) != 0) throw Abandoned("no connection to " + endpoint);
     return socket;
 }
 
-void *RemoteClient::socket_of(Channel channel, const Where &where) const {
-    void *socket = channel == Channel::command ? commands_.get() : authentication_.get();
-    if (socket == nullptr) abandon(id_ + " has no command socket", where);
-    return socket;
-}
-
-static std::optional<std::string> receive_frame(void *socket) {
+static std::optional<std::string> receive_frame(void *socket, std::chrono::milliseconds at_most = patience()) {
+    const int receive_ms = static_cast<int>(at_most.count());
+    zmq_setsockopt(socket, ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
     zmq_msg_t frame;
     zmq_msg_init(&frame);
     std::optional<std::string> bytes;
@@ -69,7 +55,7 @@ static std::optional<std::string> receive_frame(void *socket) {
 }
 
 void RemoteClient::send(Channel channel, const std::vector<std::string> &frames, Where where) {
-    void *socket = socket_of(channel, where);
+    void *socket = socket_of(channel);
     for (size_t i = 0; i < frames.size(); i++) {
         const int flags = i + 1 < frames.size() ? ZMQ_SNDMORE : 0;
         if (zmq_send(socket, frames[i].data(), frames[i].size(), flags) < 0) abandon(id_ + " cannot send", where);
@@ -78,7 +64,7 @@ void RemoteClient::send(Channel channel, const std::vector<std::string> &frames,
 
 std::string RemoteClient::exchange(Channel channel, const std::vector<std::string> &frames, Where where) {
     send(channel, frames, where);
-    const auto answer = receive_frame(socket_of(channel, where));
+    const auto answer = receive_frame(socket_of(channel));
     if (!answer) abandon(id_ + " got no reply", where);
     return *answer;
 }
@@ -167,44 +153,43 @@ void RemoteClient::hang_up() {
     events_.reset();
 }
 
-std::optional<wire::Message> RemoteClient::event_until(Clock::time_point end) {
-    zmq_pollitem_t readable{events_.get(), 0, ZMQ_POLLIN, 0};
-    if (zmq_poll(&readable, 1, milliseconds_until(end)) != 1) return std::nullopt;
+std::optional<wire::Message> RemoteClient::hear(std::chrono::milliseconds at_most) {
+    const auto frame = receive_frame(events_.get(), at_most);
+    if (!frame) return std::nullopt;
     wire::Message message;
-    EXPECT_TRUE(message.ParseFromString(receive_frame(events_.get()).value_or(""))) << "no message of the contract";
+    EXPECT_TRUE(message.ParseFromString(*frame)) << "no message of the contract";
     return message;
 }
 
+wire::Message RemoteClient::must_hear(const Where &where) {
+    const auto message = hear(patience());
+    if (!message) abandon(id_ + " hears no event", where);
+    return *message;
+}
+
 void RemoteClient::subscribe(Gateway &gateway, Where where) {
-    const auto end = deadline();
     int32_t sent = 0, seen = 0;
-    while (seen == 0) {
+    for (const auto end = deadline(); seen == 0;) {
         if (Clock::now() > end) abandon(id_ + " hears no event", where);
         sent = publish_fence(gateway, where);
-        if (const auto message = event_until(Clock::now() + resend_after)) seen = fence_in(*message);
+        if (const auto message = hear(resend_after)) seen = fence_in(*message);
     }
-    while (seen != sent) {
-        const auto message = event_until(end);
-        if (!message) abandon(id_ + " missed an event", where);
-        if (fence_in(*message) != 0) seen = fence_in(*message);
-    }
+    while (seen != sent) seen = fence_in(must_hear(where));
 }
 
 wire::Message RemoteClient::next_event(Where where) {
-    for (const auto end = deadline();;) {
-        const auto message = event_until(end);
-        if (!message) abandon(id_ + " got no event", where);
-        if (fence_in(*message) == 0) return *message;
+    for (;;) {
+        const wire::Message message = must_hear(where);
+        if (fence_in(message) == 0) return message;
     }
 }
 
 std::vector<wire::Message> RemoteClient::events_so_far(Gateway &gateway, Where where) {
     const int32_t fence = publish_fence(gateway, where);
     std::vector<wire::Message> events;
-    for (const auto end = deadline();;) {
-        const auto message = event_until(end);
-        if (!message) abandon(id_ + " missed an event", where);
-        if (fence_in(*message) == fence) return events;
-        if (fence_in(*message) == 0) events.push_back(*message);
+    for (;;) {
+        const wire::Message message = must_hear(where);
+        if (fence_in(message) == fence) return events;
+        if (fence_in(message) == 0) events.push_back(message);
     }
 }

@@ -34,8 +34,6 @@ enum class Channel { authentication, command };
 class RemoteClient {
   public:
     explicit RemoteClient(std::string id, std::string address = "127.0.0.1");
-    ~RemoteClient();
-    RemoteClient(RemoteClient &&) noexcept;
 
     /* The ports of the answer; none when it was refused. */
     Ports log_in(const LoginOptions &options = {}, Where where = Where::current());
@@ -70,14 +68,12 @@ class RemoteClient {
     std::vector<wire::Message> events_so_far(Gateway &gateway, Where where = Where::current());
 
   private:
-    struct Close {
-        void operator()(void *socket) const;
-    };
-    using Socket = std::unique_ptr<void, Close>;
+    using Socket = std::shared_ptr<void>;  // of ZeroMQ
 
     Socket connect(int type, int port) const;
-    void *socket_of(Channel channel, const Where &where) const;
-    std::optional<wire::Message> event_until(Clock::time_point end);
+    void *socket_of(Channel channel) const { return (channel == Channel::command ? commands_ : authentication_).get(); }
+    std::optional<wire::Message> hear(std::chrono::milliseconds at_most);
+    wire::Message must_hear(const Where &where);
 
     std::string id_, address_;
     uint64_t sequence_ = 0;

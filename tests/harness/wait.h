@@ -15,9 +15,6 @@ std::chrono::milliseconds patience();
 
 inline Clock::time_point deadline() { return Clock::now() + patience(); }
 
-/* What is left until then, in milliseconds for poll and the like; 0 when it is over. */
-int milliseconds_until(Clock::time_point end);
-
 /* Thrown after the failure has been recorded, so that nothing is waited for in vain after it. */
 struct Abandoned : std::runtime_error {
     using runtime_error::runtime_error;
