@@ -1,0 +1,402 @@
+// A model of the sessions beside the real service. Both take the same random steps, and after each step what can be
+// seen of them must be the same: the answer, what every connected client hears, what the device is told, and how many
+// clients are served. The model knows the rules and nothing of the code.
+//
+// KESTO_MODEL_SEED repeats a run, KESTO_MODEL_STEPS makes it longer. Steps that fail are cut down to few and printed.
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include <gtest/gtest-spi.h>
+
+#include "harness/discovery.h"
+#include "harness/port.h"
+#include "harness/remote_client.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
+constexpr int reruns_max = 120;                             // to cut a walk down
+constexpr std::chrono::minutes cutting_time{4};
+
+// The observer stays connected and writes after each step: what stands before its echo belongs to the step.
+const Texts client_ids = {"panel-1", "@localhost", "panel-2", "stranger", "observer", "passer-by"};
+constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, passer_by = 5, client_count = 6;
+// A seat is one connection of a client to its session; each client has two.
+constexpr size_t seat_count = 2 * client_count, actor_seat_count = 2 * actor_count;
+
+const struct {
+    std::string text, value;  // at first; "" for one that the device does not have
+} keys[] = {
+    {"/Device/Config/Name",                   "Rack 3, amplifier 2"},
+    {"/Device/Config/Hardware/Model/Serial",  "QM240817"           },
+    {"/Device/Config/Networking/Snmp/Secret", "community"          },
+    {"/Device/Nowhere",                       ""                   }
+};
+constexpr size_t listed_key = 1, secret_key = 2, key_count = std::size(keys);
+constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
+
+// What a login shows: one of three user names, passwords and discovery texts each. Neither of the first two: a log-out.
+const OptionalText users[] = {"root", "quillmont", std::nullopt}, passwords[] = {"vormi", "tandrivel", std::nullopt};
+constexpr size_t root = 0, quillmont = 4, log_out = 8, with_text = 9, with_wrong_text = 18, login_count = 27;
+constexpr size_t usual_logins[] = {root, root + with_text, quillmont, quillmont + with_text, log_out};
+enum Flag : size_t { monitor = 1, discard_my_feedback = 2, hide_secure_info = 4, no_lock = 8, flag_sets = 16 };
+
+constexpr struct {
+    const char *method, *arguments, *heard;
+    bool counted;
+} events[] = {
+    {"Dispatch",                    "(40, 91.5, 3)",          "event 1 91.5 0 ",   false},
+    {"Dispatch",                    "(39, 91.5, 3)",          nullptr,             false},
+    {"GeneralDispatch",             "('/key', 'value', 'i')", "event 2 0 0 value", true },
+    {"SnapshotLoadedDispatch",      "(uint32 7,)",            "event 3 0 7 ",      true },
+    {"SpeakerPresetLoadedDispatch", "()",                     "event 4 0 0 ",      true },
+};
+
+enum class Kind { discover, connect, drop, event, spend_ports, log_in, read, write, multi_write };
+const Texts kind_names = {"discover", "connect", "drop", "event", "ports", "log in", "read", "write", "multi-write"};
+constexpr std::initializer_list<double> weights = {4, 16, 6, 9, 0.6, 26, 16, 20, 10};
+constexpr int ports_spent = 250;  // in one step; a few of them take the counters round
+
+struct Step {
+    Kind kind = {};
+    size_t seat = 0, what = 0, how = 0;  // what and how: rows of the tables above; how: a login's flags
+    bool on_command = false;             // a login
+    unsigned number = 0;                 // makes values differ; given when it is taken
+
+    size_t client() const { return seat / 2; }
+    const std::string &id() const { return client_ids[client()]; }
+    std::string value() const { return "v" + std::to_string(number); }
+};
+
+template <typename... Parts>
+std::string text(const Parts &...parts) {
+    std::ostringstream out;
+    (out << ... << parts);
+    return out.str();
+}
+
+std::string text_of(const wire::Reply &reply) {
+    std::string result = reply.value().text();
+    for (const std::string &each : reply.multi_write().results()) result += each + ' ';
+    if (reply.has_session()) result = text(Ports{reply.session().command_port(), reply.session().event_port()});
+    return text(reply.client_id(), " status ", reply.status(), " changes ", reply.change_count(), " ", result);
+}
+
+std::string text_of(const wire::Message &message) {
+    const wire::Event &event = message.event();
+    return message.has_reply() ? text_of(message.reply())
+                               : text("event ", event.kind_case(), " ", event.alarm().value(), " ",
+                                      event.snapshot_loaded().slot(), " ", event.change().value());
+}
+
+struct Record {
+    OptionalText user;
+    Ports ports;  // none: no session, and nothing below
+    size_t flags = 0;
+    int connections = 0;  // of a monitored one
+
+    bool has(Flag flag) const { return (flags & flag) != 0; }
+};
+
+struct Model {
+    Record records[client_count];
+    bool seated[seat_count] = {};
+    Ports next_ports = {62001, 63001};
+    uint32_t changes = 0;
+    std::map<std::string, std::string> values;  // of the device, once used
+    Texts calls, heard[seat_count];             // since the last comparison
+
+    void tell_audio(size_t client, const char *method) {
+        calls.push_back(text(method, " ('", client_ids[records[client].has(no_lock) ? local : client], "',)"));
+    }
+    void free_record(size_t client) {
+        tell_audio(client, "ClientDeauthenticated");
+        records[client] = {};
+        seated[2 * client] = seated[2 * client + 1] = false;
+    }
+    void publish(const std::string &message, size_t source = client_count) {
+        for (size_t seat = 0; seat < seat_count; seat++)
+            if (seated[seat] && (seat / 2 != source || !records[source].has(discard_my_feedback)))
+                heard[seat].push_back(message);
+    }
+};
+
+bool makes_sense(const Model &model, const Step &step) {
+    const bool has_session = model.records[step.client()].ports.command != 0, seated = model.seated[step.seat];
+    if (step.kind == Kind::discover) return step.client() != stranger;
+    if (step.kind == Kind::connect) return has_session && !seated;
+    return seated || (step.kind != Kind::drop && step.kind < Kind::read && !step.on_command);
+}
+
+bool open_session(Model &model, const Step &step) {
+    Ports ports = {62000, 63000};
+    if (step.client() != local) {
+        ports = model.next_ports;
+        model.next_ports.command = ports.command == 62998 ? 62002 : ports.command + 1;
+        model.next_ports.event = ports.event == 63998 ? 63002 : ports.event + 1;
+    }
+    for (const Record &other : model.records)
+        if (other.ports == ports) return false;
+    model.records[step.client()].ports = ports;
+    model.records[step.client()].flags = step.client() == local ? step.how & ~size_t{monitor} : step.how;
+    return true;
+}
+
+// Each of these three: whether the answer is OK.
+bool log_in_or_out(Model &model, const Step &step, std::string &result) {
+    Record &record = model.records[step.client()];
+    const size_t login = step.what % with_text;
+    const OptionalText &user = users[login % 3];
+    const bool accepted = (login == root || login == quillmont) && step.what < with_wrong_text;
+    if (user && record.user && user != record.user) return false;
+    if (user) record.user = user;
+    if (login == log_out || (record.ports.command == 0 && !(accepted && open_session(model, step)))) {
+        model.free_record(step.client());
+        return login == log_out;
+    }
+    if (accepted && !record.has(monitor)) model.tell_audio(step.client(), "ClientAuthenticated");
+    if (accepted) result = text(record.ports);
+    return accepted;
+}
+
+bool read(Model &model, const Step &step, std::string &result) {
+    const auto &[key, value] = keys[step.what];
+    const bool hidden = step.what == secret_key && model.records[step.client()].has(hide_secure_info);
+    model.calls.push_back(text("Read (uint32 8192, '", key, "')"));
+    if (!value.empty()) result = hidden ? "********" : model.values.try_emplace(key, value).first->second;
+    return !value.empty();
+}
+
+bool write(Model &model, const Step &step, std::string &result) {
+    const bool many = step.kind == Kind::multi_write, locks = !many && write_types[step.how] == lock;
+    const size_t end = step.what + (many ? 2 : 1);
+    std::string sent;
+    for (size_t i = step.what; i < end; i++)
+        if (!locks && i % key_count == listed_key && model.records[step.client()].user != users[root]) return false;
+    for (size_t i = step.what; i < end; i++) {
+        const auto &[key, value] = keys[i % key_count];
+        sent +=
+            text(i > step.what ? ", (" : "(", many ? 1 : write_types[step.how], ", '", key, "', '", step.value(), "')");
+        if (many) result += value.empty() ? "NO SUCH KEY " : "OK ";
+        if (!locks && !value.empty()) model.values[key] = step.value();
+    }
+    model.calls.push_back(many ? "MultiWrite ([" + sent + "],)" : "Write " + sent);
+    return many || locks || !keys[step.what].value.empty();
+}
+
+void connect_or_drop(Model &model, const Step &step) {
+    Record &record = model.records[step.client()];
+    const bool connects = model.seated[step.seat] = step.kind == Kind::connect;
+    if (!record.has(monitor)) return;
+    record.connections += connects ? 1 : -1;
+    if (connects && record.connections == 1) model.tell_audio(step.client(), "ClientAuthenticated");
+    if (record.connections == 0) model.free_record(step.client());
+}
+
+std::string apply_to_model(Model &model, const Step &step) {
+    const size_t told = model.calls.size();
+    bool ok = true;
+    std::string result;
+    if (step.kind == Kind::discover)
+        model.calls.insert(model.calls.end(), 2, "Read (uint32 8192, '/Device/Config/PROJECT_INFO')");
+    if (step.kind == Kind::connect || step.kind == Kind::drop) connect_or_drop(model, step);
+    if (step.kind == Kind::event && events[step.what].heard != nullptr) model.publish(events[step.what].heard);
+    if (step.kind == Kind::event) model.changes += events[step.what].counted;
+    if (step.kind < Kind::log_in) return "";
+    if (step.kind == Kind::log_in) ok = log_in_or_out(model, step, result);
+    else ok = step.kind == Kind::read ? read(model, step, result) : write(model, step, result);
+    const bool changed = step.kind >= Kind::write && model.calls.size() > told;
+    model.changes += changed;
+    result = text(step.id(), " status ", ok ? 1 : 2, " changes ", model.changes, " ", result);
+    if (changed) model.publish(result, step.client());
+    return result;
+}
+
+struct Trial {
+    Model model;
+    Gateway gateway;
+    Discovery discovery;
+    std::vector<RemoteClient> remotes = {};  // by seat
+    std::string discovery_text = {};
+    unsigned number = 0;  // of the last write
+};
+
+wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::string &own_text) {
+    wire::Request request;
+    wire::Login &login = *request.mutable_login();
+    if (const auto &user = users[step.what % 3]) login.set_user_name(*user);
+    if (const auto &password = passwords[step.what / 3 % 3]) login.set_password(*password);
+    if (step.what >= with_text) login.set_discovery(step.what < with_wrong_text ? own_text : "another device's");
+    login.set_monitor(step.how & monitor);
+    login.set_discard_my_feedback(step.how & discard_my_feedback);
+    login.set_hide_secure_info(step.how & hide_secure_info);
+    login.set_no_lock(step.how & no_lock);
+    return remote.ask(step.on_command ? Channel::command : Channel::authentication, request);
+}
+
+std::string apply_to_service(Trial &trial, const Step &step, const Record &before) {
+    RemoteClient &remote = trial.remotes[step.seat];
+    const std::string &key = keys[step.what % key_count].text, &next_key = keys[(step.what + 1) % key_count].text;
+    const bool connects = step.kind == Kind::connect;
+    switch (step.kind) {
+        case Kind::log_in: return text_of(log_in_or_out(remote, step, trial.discovery_text));
+        case Kind::read: return text_of(remote.read(key));
+        case Kind::write: return text_of(remote.write(key, step.value(), write_types[step.how]));
+        case Kind::multi_write:
+            return text_of(remote.multi_write({
+                {key,      step.value()},
+                {next_key, step.value()}
+            }));
+        case Kind::discover: trial.discovery.ask(discovery_request(step.id())); break;  // and one for its fence
+        case Kind::drop: remote.hang_up(); break;
+        case Kind::connect: remote.connect_to(before.ports); break;
+        default:
+            trial.gateway.call(events[step.what].method,
+                               g_variant_parse(nullptr, events[step.what].arguments, nullptr, nullptr, nullptr));
+            trial.gateway.expect_log({"DBUS: *"});
+    }
+    if (before.has(monitor) && (connects || step.kind == Kind::drop))
+        trial.gateway.expect_log({connects ? "ACCEPTED socket" : "DISCONNECTED socket"});
+    if (connects) remote.subscribe(trial.gateway);
+    return "";
+}
+
+void compare(const std::string &what, const Texts &model, const Texts &service) {
+    std::string both = what;
+    for (const std::string &line : model) both += "\n  model:   " + line;
+    for (const std::string &line : service) both += "\n  service: " + line;
+    if (model != service) throw std::runtime_error(both);
+}
+
+Texts only(const char *pattern, Texts lines) {
+    std::erase_if(lines, [&](const std::string &line) { return !g_regex_match_simple(pattern, line.c_str(), {}, {}); });
+    return lines;
+}
+
+void perform(Trial &trial, const Step &step) {
+    const Record before = trial.model.records[step.client()], &after = trial.model.records[step.client()];
+    const std::string answer = apply_to_model(trial.model, step);
+    compare("the answer", {answer}, {apply_to_service(trial, step, before)});
+    if (before.ports == after.ports || before.ports == Ports{}) return;
+    for (size_t seat = 2 * step.client(); seat / 2 == step.client(); seat++) trial.remotes[seat].hang_up();
+    if (step.client() == local) wait_until_closed(before.ports.command);  // the next session needs it again
+}
+
+void compare_all(Trial &trial) {
+    perform(trial, {.kind = Kind::write, .seat = 2 * observer, .number = ++trial.number});
+    Model &model = trial.model;
+    Texts calls = trial.gateway.device().log_until(model.calls.back());
+    calls.push_back(model.calls.back());
+    compare("the device", std::exchange(model.calls, {}), only("^(Client|Read|Write|MultiWrite)", calls));
+    trial.gateway.expect_log({"[observer] Broadcasting to all clients."});
+    size_t served = only("Message broadcast", trial.gateway.service().log_until("broadcast to * client")).size();
+    for (const Record &record : model.records) served -= record.ports.command != 0;
+    compare("clients served too many", {"0"}, {std::to_string(served)});
+    for (size_t seat = 0; seat < seat_count; seat++) {
+        Texts heard;
+        for (wire::Message last; model.seated[seat] && last.reply().client_id() != client_ids[observer];)
+            heard.push_back(text_of(last = trial.remotes[seat].next_event()));
+        compare(client_ids[seat / 2] + " hears", std::exchange(model.heard[seat], {}), heard);
+    }
+}
+
+void begin(Trial &trial) {
+    for (size_t seat = 0; seat < seat_count; seat++) trial.remotes.emplace_back(client_ids[seat / 2]);
+    perform(trial, {.kind = Kind::log_in, .seat = 2 * observer});
+    perform(trial, {.kind = Kind::connect, .seat = 2 * observer});
+    wire::Request request;
+    request.mutable_discovery();
+    trial.discovery_text = trial.remotes[2 * observer].ask(Channel::command, request).discovery();
+    trial.gateway.device().expect_log({std::exchange(trial.model.calls, {}).back()});
+    compare_all(trial);
+}
+
+void take(Trial &trial, Step step) {
+    step.number = ++trial.number;
+    if (!makes_sense(trial.model, step)) return;
+    if (step.kind != Kind::spend_ports) perform(trial, step);
+    for (int i = 0; step.kind == Kind::spend_ports && i < 2 * ports_spent; i++)
+        perform(trial, {.kind = Kind::log_in, .seat = 2 * passer_by, .what = i % 2 == 0 ? root : log_out});
+    compare_all(trial);
+}
+
+// The first difference, or ""; then `steps` ends with the step that showed it.
+std::string walk(std::vector<Step> &steps) {
+    testing::TestPartResultArray complaints;
+    const testing::ScopedFakeTestPartResultReporter reporter(
+        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &complaints);
+    std::string difference;
+    size_t taken = 0;
+    auto trial = std::make_unique<Trial>();  // outlives the exception, in whose presence it would print its recordings
+    try {
+        begin(*trial);
+        while (taken < steps.size()) take(*trial, steps[taken++]);
+        trial->gateway.stop_service();
+        trial->gateway.start_service();
+        compare("after the stop", {}, trial->gateway.audio_calls());
+    } catch (const std::runtime_error &error) {
+        difference = error.what();
+        steps.resize(taken);
+    }
+    trial.reset();
+    for (int i = 0; i < complaints.size(); i++) difference += text("\n", complaints.GetTestPartResult(i).message());
+    return difference;
+}
+
+void cut_down(std::vector<Step> &steps) {
+    const auto end = Clock::now() + cutting_time;
+    int reruns = 0;
+    for (size_t part = steps.size(); part > 0; part /= 2)
+        for (size_t at = steps.size(); at > 0 && reruns < reruns_max && Clock::now() < end; reruns++) {
+            const size_t from = at - std::min(part, at);
+            std::vector<Step> fewer(steps);
+            fewer.erase(fewer.begin() + static_cast<ptrdiff_t>(from), fewer.begin() + static_cast<ptrdiff_t>(at));
+            if (!walk(fewer).empty()) steps = fewer;
+            at = std::min(from, steps.size());
+        }
+}
+
+std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
+    const auto below = [&random](size_t end) { return random() % end; };
+    std::discrete_distribution<int> kind(weights);
+    std::vector<Step> steps(count);
+    for (Step &step : steps) {
+        step = {static_cast<Kind>(kind(random)), below(actor_seat_count), below(key_count),
+                below(std::size(write_types))};
+        if (step.kind == Kind::event) step.what = below(std::size(events));
+        if (step.kind != Kind::log_in) continue;
+        step.what = below(4) > 0 ? usual_logins[below(std::size(usual_logins))] : below(login_count);
+        step.how = below(flag_sets);
+        step.on_command = below(3) == 0;
+    }
+    return steps;
+}
+
+size_t number_from(const char *variable, size_t otherwise) {
+    return getenv(variable) != nullptr ? strtoul(getenv(variable), nullptr, 10) : otherwise;
+}
+
+TEST(Model, AgreesWithTheServiceOnRandomSteps) {
+    const auto seed = static_cast<unsigned>(number_from("KESTO_MODEL_SEED", std::random_device{}()));
+    std::mt19937 random(seed);
+    std::cout << "KESTO_MODEL_SEED=" << seed << std::endl;
+    for (size_t left = number_from("KESTO_MODEL_STEPS", default_steps), count = 0; left > 0; left -= count) {
+        count = std::min(left, walk_length);
+        std::vector<Step> steps = random_steps(random, count);
+        const std::string difference = walk(steps);
+        if (difference.empty()) continue;
+        std::cout << "step " << steps.size() << ": " << difference << "\ncutting down ..." << std::endl;
+        cut_down(steps);
+        for (const Step &step : steps)
+            std::cout << kind_names[static_cast<size_t>(step.kind)] << ": " << step.id() << ", seat " << step.seat % 2
+                      << ", what " << step.what << ", how " << step.how << (step.on_command ? ", command\n" : "\n");
+        FAIL() << "after these steps: " << walk(steps);
+    }
+}
+
+}  // namespace
