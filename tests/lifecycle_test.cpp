@@ -1,4 +1,5 @@
 // How the service starts, what ends it, and what it leaves behind.
+#include <algorithm>
 #include <csignal>
 #include <gmock/gmock.h>
 #include <optional>
@@ -50,7 +51,8 @@ TEST(Start, TracesTheLoopWhateverTheSettingSays) {
         gateway.service().rewind();
         gateway.expect_log({std::string("czmq verbose loop: ") + row.setting});
         const auto next = gateway.service().log_until("COMPUTE STATIC DISCOVERY");
-        EXPECT_EQ(next, std::vector<std::string>(row.second_line ? 1 : 0, "czmq verbose loop VERBOSE"));
+        EXPECT_EQ(std::count(next.begin(), next.end(), "czmq verbose loop VERBOSE"), row.second_line ? 1 : 0);
+        gateway.service().rewind();  // the tracing is on the other stream, which has no order with the log
         gateway.expect_log({"D: *zloop polling*"});
     }
 }
