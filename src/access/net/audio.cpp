@@ -9,7 +9,6 @@
 static constexpr const char *bus_name = "com.quillmont.kesto.Audio";
 static constexpr const char *object_path = "/com/quillmont/kesto/Audio";
 static constexpr const char *interface_name = "com.quillmont.kesto.Audio.Service";
-static constexpr int default_timeout_ms = -1;
 
 static void call_audio(const char *method, const Client *client) {
     const char *id = client->no_lock == 1 ? localhost_id : client->cl_id;

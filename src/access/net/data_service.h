@@ -5,7 +5,6 @@
 
 #include <gio/gio.h>
 
-constexpr int default_timeout_ms = -1; /* GDBus's own: 25 s */
 constexpr int multi_write_timeout_ms = 65000;
 
 /* Calls a method and waits. Takes over a floating `arguments`. The reply, a tuple of any type, is the caller's; nothing

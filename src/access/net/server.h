@@ -41,6 +41,9 @@ extern AccessServer *srv;
 /* The session bus for the service's own calls; lives as long as the process. Network thread only. */
 extern GDBusConnection *bus_connection;
 
+/* GDBus's own time-out for a call, 25 s. */
+constexpr int default_timeout_ms = -1;
+
 /* How the two sockets of the server are registered with its loop. */
 extern zmq_pollitem_t discovery_item, auth_item;
 
