@@ -2,7 +2,7 @@
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libczmq-dev libzmq3-dev libssl-dev libprotobuf-dev
     protobuf-compiler libedit-dev nlohmann-json3-dev dbus-daemon)
-test_packages=(libgtest-dev libgmock-dev bubblewrap clang-format)
+test_packages=(libgtest-dev libgmock-dev bubblewrap clang-format python3)
 
 usage_error=64
 failure=1

@@ -11,6 +11,7 @@
 
 #include "common/bus_event.h"
 #include "common/private.h"
+#include "harness/recording.h"
 #include "main/lifecycle.h"
 #include "net/authentication.h"
 #include "net/client.h"
@@ -36,6 +37,7 @@ Texts recorded;
     va_start(arguments, format);
     g_autofree char *line = g_strdup_vprintf(format, arguments);
     va_end(arguments);
+    keep_recording(line);
     std::string message = line;
     message.erase(0, message.find("} ") + 2);
     message.pop_back();
@@ -85,11 +87,12 @@ TEST_F(Unit, WithoutAStartThereIsNothingToStopAndNoQueue) {
     EXPECT_EQ(kesto_access_stop(&process), -1);
     kesto_access_net_stop(nullptr);
     kesto_access_net_stop(&process);
+    EXPECT_EQ(kesto_access_net_start(nullptr), nullptr);
     server_destroy();
     EXPECT_EQ(server_mq_timer(nullptr, 1, nullptr), -1);
     EXPECT_EQ(server_mq_timer(nullptr, 1, &server), 0);
-    EXPECT_EQ(recorded,
-              (Texts{"do nothing for stop", "do nothing for stop", "arg == NULL not supported", "priv->mq == NULL"}));
+    EXPECT_EQ(recorded, (Texts{"do nothing for stop", "do nothing for stop", "user_data cast NULL",
+                               "arg == NULL not supported", "priv->mq == NULL"}));
 }
 
 TEST_F(Unit, TheQueueTimerTakesEventsInOrderUpToTheStop) {

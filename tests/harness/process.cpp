@@ -10,6 +10,8 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include "harness/recording.h"
+
 namespace {
 
 constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
@@ -70,6 +72,7 @@ Process::~Process() {
     send_signal(SIGKILL);
     reader_.join();
     waitpid(pid_, nullptr, 0);
+    keep_recording(text(STDERR_FILENO));
     if (!testing::Test::HasFailure() && std::uncaught_exceptions() == 0) return;
     std::cout << "---- " << name_ << ", " << *exit_ << "\n";
     for (const Line &line : lines_) std::cout << line.text << '\n';
