@@ -2,6 +2,7 @@
  * ends in its normal way or goes on serving everybody else. "CALL:N" is the Nth call that the service makes of a
  * function. */
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -268,6 +269,22 @@ TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
         panel.log_out();
         gateway.service().expect_no_log_before("set broadcast to other client", "free client");
     }
+}
+
+TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
+    Gateway gateway;
+    RemoteClient panel("panel-1");
+    panel.log_in();
+    panel.read("/Device/Config/Name");  // its connection is there
+    rlimit before = {};
+    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit below_what_is_open = {.rlim_cur = 10, .rlim_max = before.rlim_max};
+    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &below_what_is_open, nullptr), 0);
+    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_REFUSED);
+    gateway.expect_log({"unable to call method for DBUS datad proxy: no descriptor is free for the call"});
+    EXPECT_EQ(panel.write("/Device/Config/Name", "Hall").status(), wire::STATUS_REFUSED);
+    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_EQ(panel.read("/Device/Config/Name").value().text(), "Rack 3, amplifier 2");
 }
 
 // ---- discovery ----------------------------------------------------------------------------------------------------
