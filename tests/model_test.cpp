@@ -49,6 +49,7 @@ constexpr const char *events[][3] = {
 
 enum class Kind { discover, connect, drop, event, spend_ports, log_in, read, write, multi_write };
 const Texts kind_names = {"discover", "connect", "drop", "event", "ports", "log in", "read", "write", "multi-write"};
+const Texts flag_names = {"monitor", "discard_my_feedback", "hide_secure_info", "no_lock"};
 constexpr std::initializer_list<double> weights = {4, 16, 6, 9, 0.6, 26, 16, 20, 10};
 constexpr size_t ports_spent = 250;  // in one step; a few of them take the counters round
 constexpr size_t what_end = std::size(logins), how_end = flag_sets * std::size(write_types);
@@ -87,6 +88,30 @@ std::string text_of(const wire::Message &message) {
     if (message.has_reply()) return text_of(message.reply());
     return text("event ", event.kind_case(), " ", event.alarm().value(), " ", event.snapshot_loaded().slot(), " ",
                 event.change().value());
+}
+
+std::string text_of_login(const Step &step) {
+    const char *const discovery_texts[] = {"", ", own text", ", wrong text"};
+    std::string flags;
+    for (size_t i = 0; i < flag_names.size(); i++)
+        if ((step.how >> i & 1) != 0) flags += ' ' + flag_names[i];
+    return text(step.on_command ? "on the command socket " : "", users[step.login() % 3].value_or("no name"), "/",
+                passwords[step.login() / 3 % 3].value_or("no password"), discovery_texts[step.login() / with_text],
+                flags);
+}
+
+std::string text_of(const Step &step) {
+    const std::string who =
+        text(kind_names[static_cast<size_t>(step.kind)], ": ", step.id(), ", seat ", step.seat % 2, " ");
+    const std::string pair = text(keys[step.key()], " type ", step.type());
+    switch (step.kind) {
+        case Kind::event: return text(step.event()[0], " ", step.event()[1]);
+        case Kind::log_in: return who + text_of_login(step);
+        case Kind::read: return who + keys[step.key()];
+        case Kind::write: return who + pair;
+        case Kind::multi_write: return text(who, pair, " and ", keys[step.key(1)]);
+        default: return who;
+    }
 }
 
 struct Record {
@@ -363,9 +388,7 @@ TEST(Model, AgreesWithTheServiceOnRandomSteps) {
         if (difference.empty()) continue;
         std::cout << "step " << steps.size() << ": " << difference << "\ncutting down ..." << std::endl;
         cut_down(steps);
-        for (const Step &step : steps)
-            std::cout << kind_names[static_cast<size_t>(step.kind)] << ": " << step.id() << ", seat " << step.seat % 2
-                      << (step.on_command ? ", command" : "") << ", what " << step.what << ", how " << step.how << '\n';
+        for (const Step &step : steps) std::cout << text_of(step) << '\n';
         FAIL() << "after these steps: " << walk(steps);
     }
 }
