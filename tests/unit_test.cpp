@@ -1,5 +1,6 @@
 /* What no request, datagram or signal can reach: functions called in the wrong order or without their arguments, events
  * of kinds that nobody makes, texts longer than any device has. The real functions, with the real platform library. */
+#include <algorithm>
 #include <cstdarg>
 #include <string>
 #include <unistd.h>
@@ -177,6 +178,29 @@ TEST_F(Unit, ALoginNeedsAClientWithAnId) {
                                "server_auth_callback: (null) (null) 1 0 0 0 NULL", "NULL pointer p",
                                "missing client from client_action_get_login_info_callback"}));
     client_free(nameless, client_free_local);
+}
+
+TEST_F(Unit, ALoginCompletesTheRecordThatItFindsAndReplacesAMarkedOne) {
+    zsock_t *service = zsock_new_rep("@inproc://login"), *panel = zsock_new_req(">inproc://login");
+    zmq_pollitem_t item = {.socket = zsock_resolve(service), .fd = 0, .events = ZMQ_POLLIN, .revents = 0};
+    const auto ask = [&] {
+        recorded.clear();
+        zstr_send(panel, "\n\a\n\005panel");  // who asks, and nothing else
+        server_auth(nullptr, &item, &server);
+        free(zstr_recv(panel));
+    };
+    const auto said = [](const Texts &lines) { return !std::ranges::search(recorded, lines).empty(); };
+    g_autofree char *key = g_steal_pointer(&client->cl_id);
+    client->cl_server = nullptr;
+    ask();
+    EXPECT_TRUE(said({"login known client: panel", "set srv", "set id"}));
+    client->cl_destroy = 1;
+    ask();
+    EXPECT_TRUE(said({"login known client that is marked to be removed before!!!!, so free client before"}));
+    EXPECT_EQ(recorded.back(), "[AUTH] > zmq_msg_send");
+    EXPECT_EQ(g_hash_table_size(server.clients), 1U);
+    zsock_destroy(&panel);
+    zsock_destroy(&service);
 }
 
 TEST_F(Unit, DataAccessNeedsAKeyAClientAndABus) {
