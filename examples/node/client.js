@@ -1,0 +1,158 @@
+#!/usr/bin/env node
+// A small remote control client: discovers a device, logs in, reads, writes, watches, logs out.
+//
+//     node client.js [--address ADDRESS] [--user NAME] [--password TEXT] [--seconds N]
+
+import { constants, generateKeyPairSync, privateDecrypt } from "node:crypto";
+import { createSocket } from "node:dgram";
+import { once } from "node:events";
+import { hostname } from "node:os";
+import { fileURLToPath } from "node:url";
+import { parseArgs } from "node:util";
+
+import protobuf from "protobufjs";
+import { Request, Subscriber } from "zeromq";
+
+const DISCOVERY_PORT = 8004;
+const DISCOVERY_TIMEOUT_MS = 5000;
+const LOGIN_PORT_ON_LOOPBACK = 60000; // a device that listens on 127.0.0.1 only publishes port 0
+const SEPARATOR = "\x1c";
+const FIELDS = 14;
+const [LOGIN_PORT, WRAPPED_KEY, SERIAL] = [3, 5, 10]; // of them
+
+const SERIAL_KEY = "/Device/Config/Hardware/Model/Serial";
+const PROJECT_KEY = "/Device/Config/PROJECT_INFO";
+const THIS_KEY_ALONE = 0x2000;
+const ANSWER_TIMEOUT_MS = 70_000; // a multi-write may take 65 s, and others' requests are served first
+
+const contract = protobuf.loadSync(fileURLToPath(new URL("../../proto/access.proto", import.meta.url)));
+const Message = contract.lookupType("kesto.access.v1.Message");
+const Status = contract.lookupEnum("kesto.access.v1.Status");
+
+// Node refuses to remove PKCS #1 v1.5 padding by itself: whoever can have many texts unwrapped and sees which of them
+// fail learns the secret. Here nobody can, since the pair is used once.
+function unwrap(privateKey, wrapped) {
+  const padded = privateDecrypt({ key: privateKey, padding: constants.RSA_NO_PADDING }, wrapped);
+  const secretStart = padded.indexOf(0, 2) + 1; // 00 02, random bytes without a 00, 00, the secret
+  if (padded[0] !== 0 || padded[1] !== 2 || secretStart === 0) throw new Error("the shared key cannot be unwrapped");
+  return padded.subarray(secretStart).toString();
+}
+
+// The device's address, the fields of its reply, and the shared key.
+async function discover(address, clientId) {
+  const { publicKey, privateKey } = generateKeyPairSync("rsa", { modulusLength: 2048 });
+  const pem = publicKey.export({ type: "spki", format: "pem" });
+  const udp = createSocket("udp4");
+  try {
+    udp.bind();
+    await once(udp, "listening");
+    udp.setBroadcast(true);
+    udp.send("@?" + ["example", "node", pem, clientId].join(SEPARATOR) + "!", DISCOVERY_PORT, address);
+    const timeout = AbortSignal.timeout(DISCOVERY_TIMEOUT_MS);
+    const [datagram, sender] = await once(udp, "message", { signal: timeout }).catch(() => {
+      throw new Error(`no device answers at ${address}`);
+    });
+    const fields = datagram.toString().replace(/^@\?D/, "").replace(/!$/, "").split(SEPARATOR);
+    if (fields.length !== FIELDS) throw new Error(`a reply of ${fields.length} fields`);
+    const sharedKey = unwrap(privateKey, Buffer.from(fields[WRAPPED_KEY], "hex"));
+    return { device: sender.address, fields, sharedKey };
+  } finally {
+    udp.close();
+  }
+}
+
+// One session. A request socket that got no answer is of no use any more: end the client and log in again.
+class Client {
+  constructor(device, loginPort, clientId) {
+    Object.assign(this, { device, clientId, sequence: 0 });
+    this.loginSocket = this.#connect(new Request({ receiveTimeout: ANSWER_TIMEOUT_MS }), loginPort);
+  }
+
+  #connect(socket, port) {
+    socket.linger = 0;
+    socket.connect(`tcp://${this.device}:${port}`);
+    return socket;
+  }
+
+  async #ask(socket, operation) {
+    const [name] = Object.keys(operation);
+    const request = { clientId: this.clientId, sequence: ++this.sequence, ...operation };
+    await socket.send(Message.encode(Message.fromObject({ request })).finish());
+    const [frame] = await socket.receive().catch(() => {
+      throw new Error(`${name} was not answered`);
+    });
+    const reply = Message.decode(frame).reply; // none in an empty frame
+    const status = Status.valuesById[reply?.status ?? 0];
+    if (status !== "STATUS_OK") throw new Error(`${name} was answered ${status}`);
+    return reply;
+  }
+
+  async logIn(userName, password) {
+    const login = { userName, password, monitor: 1, discardMyFeedback: 1 };
+    const { session } = await this.#ask(this.loginSocket, { login });
+    this.commands = this.#connect(new Request({ receiveTimeout: ANSWER_TIMEOUT_MS }), session.commandPort);
+    this.events = this.#connect(new Subscriber(), session.eventPort);
+    this.events.subscribe();
+    return session;
+  }
+
+  async read(key) {
+    const { value } = await this.#ask(this.commands, { read: { key, flags: THIS_KEY_ALONE } });
+    return value.text;
+  }
+
+  write(key, value) {
+    return this.#ask(this.commands, { write: { key, value } });
+  }
+
+  // What the device and the other clients change: events, and the replies to others' writes.
+  async *watch(milliseconds) {
+    const timer = setTimeout(() => this.events.close(), milliseconds);
+    for await (const [frame] of this.events) yield Message.decode(frame);
+    clearTimeout(timer);
+  }
+
+  async logOut() {
+    await this.#ask(this.loginSocket, { login: {} });
+    for (const socket of [this.loginSocket, this.commands, this.events]) socket.close();
+  }
+}
+
+async function visit(options) {
+  const clientId = `node-example-${hostname()}`;
+  const { device, fields, sharedKey } = await discover(options.address, clientId);
+  const loginPort = Number(fields[LOGIN_PORT].replace("ZMQ:", "")) || LOGIN_PORT_ON_LOOPBACK;
+  console.log(`discovered ${fields[0]}, serial ${fields[SERIAL]}, at ${device}:${loginPort}; shared key ${sharedKey}`);
+
+  const client = new Client(device, loginPort, clientId);
+  const session = await client.logIn(options.user, options.password);
+  try {
+    console.log(`logged in: command port ${session.commandPort}, event port ${session.eventPort}`);
+    console.log(`read ${SERIAL_KEY} = ${await client.read(SERIAL_KEY)}`);
+    const before = await client.read(PROJECT_KEY);
+    await client.write(PROJECT_KEY, "written by the Node example");
+    console.log(`wrote ${PROJECT_KEY} = ${await client.read(PROJECT_KEY)}`);
+    await client.write(PROJECT_KEY, before);
+    for await (const message of client.watch(Number(options.seconds) * 1000)) {
+      console.log("heard", JSON.stringify(message));
+    }
+  } finally {
+    await client.logOut();
+  }
+  console.log("logged out");
+}
+
+try {
+  const { values: options } = parseArgs({
+    options: {
+      address: { type: "string", default: "255.255.255.255" },
+      user: { type: "string", default: "quillmont" },
+      password: { type: "string", default: "tandrivel" },
+      seconds: { type: "string", default: "5" },
+    },
+  });
+  await visit(options);
+} catch (error) {
+  console.error(`client.js: ${error.message}`);
+  process.exitCode = 1;
+}

@@ -1,0 +1,145 @@
+#!/usr/bin/python3
+"""A small remote control client: discovers a device, logs in, reads, writes, watches, logs out.
+
+    client.py [--address ADDRESS] [--user NAME] [--password TEXT] [--seconds N]
+
+It needs access_pb2.py, which protoc makes of access.proto (README.md beside this file).
+"""
+
+import argparse
+import socket
+import sys
+import time
+
+import zmq
+from cryptography.hazmat.primitives import serialization
+from cryptography.hazmat.primitives.asymmetric import padding, rsa
+
+from access_pb2 import STATUS_OK, Message, Request, Status
+
+DISCOVERY_PORT = 8004
+LOGIN_PORT_ON_LOOPBACK = 60000  # a device that listens on 127.0.0.1 only publishes port 0
+SEPARATOR = b"\x1c"
+FIELDS = 14
+LOGIN_PORT, WRAPPED_KEY, SERIAL = 3, 5, 10  # of them
+
+SERIAL_KEY = "/Device/Config/Hardware/Model/Serial"
+PROJECT_KEY = "/Device/Config/PROJECT_INFO"
+THIS_KEY_ALONE = 0x2000
+ANSWER_TIMEOUT_MS = 70_000  # a multi-write may take 65 s, and others' requests are served first
+
+
+class DeviceError(Exception):
+    pass
+
+
+def discover(address, client_id, timeout_s=5):
+    """The device's address, the fields of its reply, and the shared key."""
+    pair = rsa.generate_private_key(public_exponent=65537, key_size=2048)
+    public_key = pair.public_key().public_bytes(
+        serialization.Encoding.PEM, serialization.PublicFormat.SubjectPublicKeyInfo)
+    fields = [b"example", b"python", public_key, client_id.encode()]
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
+        udp.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        udp.settimeout(timeout_s)
+        udp.sendto(b"@?" + SEPARATOR.join(fields) + b"!", (address, DISCOVERY_PORT))
+        try:
+            datagram, (device, _) = udp.recvfrom(8192)
+        except TimeoutError:
+            raise DeviceError(f"no device answers at {address}") from None
+    reply = datagram.removeprefix(b"@?D").removesuffix(b"!").split(SEPARATOR)
+    if len(reply) != FIELDS:
+        raise DeviceError(f"a reply of {len(reply)} fields")
+    shared_key = pair.decrypt(bytes.fromhex(reply[WRAPPED_KEY].decode()), padding.PKCS1v15())
+    return device, [field.decode(errors="replace") for field in reply], shared_key.decode()
+
+
+class Client:
+    """One session. A request socket that got no answer is of no use any more: end the client and log in again."""
+
+    def __init__(self, device, login_port, client_id):
+        self.device, self.client_id, self.sequence = device, client_id, 0
+        self.context = zmq.Context()
+        self.login_socket = self._connect(zmq.REQ, login_port)
+        self.commands = self.events = None
+
+    def _connect(self, kind, port):
+        connection = self.context.socket(kind)
+        connection.setsockopt(zmq.LINGER, 0)
+        connection.setsockopt(zmq.RCVTIMEO, ANSWER_TIMEOUT_MS)
+        connection.connect(f"tcp://{self.device}:{port}")
+        return connection
+
+    def _ask(self, connection, **operation):
+        self.sequence += 1
+        request = Request(client_id=self.client_id, sequence=self.sequence, **operation)
+        connection.send(Message(request=request).SerializeToString())
+        name = next(iter(operation))
+        try:
+            reply = Message.FromString(connection.recv()).reply  # an empty frame gives a reply without a status
+        except zmq.Again:
+            raise DeviceError(f"{name} was not answered") from None
+        if reply.status != STATUS_OK:
+            raise DeviceError(f"{name} was answered {Status.Name(reply.status)}")
+        return reply
+
+    def log_in(self, user, password):
+        login = {"user_name": user, "password": password, "monitor": 1, "discard_my_feedback": 1}
+        session = self._ask(self.login_socket, login=login).session
+        self.commands = self._connect(zmq.REQ, session.command_port)
+        self.events = self._connect(zmq.SUB, session.event_port)
+        self.events.setsockopt(zmq.SUBSCRIBE, b"")
+        return session
+
+    def read(self, key):
+        return self._ask(self.commands, read={"key": key, "flags": THIS_KEY_ALONE}).value.text
+
+    def write(self, key, value):
+        self._ask(self.commands, write={"key": key, "value": value})
+
+    def watch(self, seconds):
+        """Yields what the device and the other clients change: events, and the replies to others' writes."""
+        end = time.monotonic() + seconds
+        while (left_ms := int((end - time.monotonic()) * 1000)) > 0:
+            if self.events.poll(left_ms):
+                yield Message.FromString(self.events.recv())
+
+    def log_out(self):
+        self._ask(self.login_socket, login={})
+        self.context.destroy()
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Visits one device.")
+    parser.add_argument("--address", default="255.255.255.255", help="whom to ask for devices (default: everybody)")
+    parser.add_argument("--user", default="quillmont")
+    parser.add_argument("--password", default="tandrivel")
+    parser.add_argument("--seconds", type=float, default=5, help="how long to watch")
+    options = parser.parse_args()
+
+    client_id = f"python-example-{socket.gethostname()}"
+    device, fields, shared_key = discover(options.address, client_id)
+    login_port = int(fields[LOGIN_PORT].removeprefix("ZMQ:")) or LOGIN_PORT_ON_LOOPBACK
+    print(f"discovered {fields[0]}, serial {fields[SERIAL]}, at {device}:{login_port}; shared key {shared_key}")
+
+    client = Client(device, login_port, client_id)
+    session = client.log_in(options.user, options.password)
+    try:
+        print(f"logged in: command port {session.command_port}, event port {session.event_port}")
+        print(f"read {SERIAL_KEY} = {client.read(SERIAL_KEY)}")
+        before = client.read(PROJECT_KEY)
+        client.write(PROJECT_KEY, "written by the Python example")
+        print(f"wrote {PROJECT_KEY} = {client.read(PROJECT_KEY)}")
+        client.write(PROJECT_KEY, before)
+        for message in client.watch(options.seconds):
+            print("heard", str(message).replace("\n", " "))
+    finally:
+        client.log_out()
+    print("logged out")
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except (DeviceError, OSError, zmq.ZMQError) as error:
+        sys.exit(f"client.py: {error}")

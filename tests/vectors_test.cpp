@@ -1,0 +1,168 @@
+// The recorded datagrams and frames in proto/vectors, held against the real service. With VECTORS_RECORD=1 in the
+// environment the files are written anew: requests from their meanings, answers and events from the service.
+#include <algorithm>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+
+#include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/dynamic_message.h>
+#include <google/protobuf/util/json_util.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <openssl/pem.h>
+
+#include "harness/discovery.h"
+#include "harness/remote_client.h"
+
+namespace {
+
+namespace pb = google::protobuf;
+using Json = nlohmann::ordered_json;  // the files keep their order
+using Texts = std::vector<std::string>;
+
+const std::string folder = VECTORS_FOLDER;
+const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial",          "loginPort", "secondPort",
+                            "wrappedKey", "slotMark",        "oemManufacturer",    "oemModel",  "amplifierName",
+                            "serial",     "easySwapId",      "projectInformation", "extra"};
+
+std::string hex_of(const std::string &bytes) {
+    std::ostringstream hex;
+    for (const char byte : bytes) hex << std::hex << std::setfill('0') << std::setw(2) << (byte & 0xff);
+    return hex.str();
+}
+
+std::string bytes_of(const std::string &hex) {
+    std::string bytes;
+    for (size_t i = 0; i < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+// Frames and their meanings by the contract's text alone, without the generated code that the codec stands on.
+struct Contract {
+    pb::DescriptorPool pool;
+    pb::DynamicMessageFactory factory{&pool};
+    std::unique_ptr<pb::Message> message;
+
+    Contract() {
+        std::ifstream file(CONTRACT_DESCRIPTORS, std::ios::binary);
+        pb::FileDescriptorSet set;
+        if (!set.ParseFromIstream(&file)) throw Abandoned("no descriptors in " CONTRACT_DESCRIPTORS);
+        message.reset(factory.GetPrototype(pool.BuildFile(set.file(0))->FindMessageTypeByName("Message"))->New());
+    }
+    std::string frame_of(const Json &meaning) {
+        message->Clear();
+        EXPECT_TRUE(pb::util::JsonStringToMessage(meaning.dump(), message.get()).ok()) << meaning;
+        return message->SerializeAsString();
+    }
+    Json packet_of(const std::string &frame) {
+        Json packet = {
+            {"frames", Json::array({hex_of(frame)})}
+        };
+        std::string meaning;
+        EXPECT_TRUE(message->ParseFromString(frame) && pb::util::MessageToJsonString(*message, &meaning).ok());
+        if (!frame.empty()) packet["message"] = Json::parse(meaning);
+        return packet;
+    }
+};
+
+std::string unwrap(const std::string &wrapped_key) {
+    if (wrapped_key.empty()) return "";
+    const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file((folder + "test_key.pem").c_str(), "r"),
+                                                         BIO_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key.get(), nullptr),
+                                                                              EVP_PKEY_CTX_free);
+    const std::string wrapped = bytes_of(wrapped_key);
+    std::vector<unsigned char> bytes(wrapped.begin(), wrapped.end()), secret(bytes.size());
+    size_t length = secret.size();
+    const bool unwrapped = EVP_PKEY_decrypt_init(context.get()) == 1 &&  // PKCS #1 v1.5 padding is the default
+                           EVP_PKEY_decrypt(context.get(), secret.data(), &length, bytes.data(), bytes.size()) == 1;
+    return unwrapped ? std::string(secret.begin(), secret.begin() + static_cast<ptrdiff_t>(length)) : "";
+}
+
+// No two wrapped keys are alike: the recorded one takes the place of another that holds the same secret.
+Json reply_packet(std::string text, const std::string &known) {
+    Json fields;
+    std::istringstream in(text.substr(3, text.size() - 4));  // between "@?D" and "!"
+    for (std::string field; const std::string &name : reply_fields)
+        fields[name] = std::getline(in, field, '|') ? field : "";
+    const std::string fresh = fields["wrappedKey"], secret = unwrap(fresh);
+    if (fresh != known && secret == unwrap(known)) {
+        text.replace(text.find(fresh), fresh.size(), known);
+        fields["wrappedKey"] = known;
+    }
+    std::replace(text.begin(), text.end(), '|', '\x1c');
+    Json packet = {
+        {"datagram", hex_of(text)},
+        {"fields",   fields      }
+    };
+    if (!fresh.empty()) packet["sharedKey"] = secret;
+    return packet;
+}
+
+// One device's story: plays the steps in their order and puts what comes back in the place of what was recorded.
+struct Player {
+    Gateway gateway;
+    Contract contract{};
+    std::map<std::string, RemoteClient> sessions{};
+
+    void play(Json &step) {
+        if (step.contains("device")) {
+            const std::string method = step["device"]["method"], arguments = step["device"]["arguments"];
+            gateway.control(method.c_str(), arguments.c_str());
+        } else if (step.contains("socket")) {
+            exchange_frames(step);
+        } else {
+            exchange_datagrams(step);
+        }
+        step.erase("events");
+        for (auto &[id, client] : sessions)
+            for (const wire::Message &event : client.events_so_far(gateway))
+                step["events"][id].push_back(contract.packet_of(event.SerializeAsString()));
+    }
+
+    void exchange_datagrams(Json &step) {
+        Json &request = step["request"];
+        if (request.contains("fields")) {
+            const std::string id = request["fields"]["id"], key = request["fields"]["publicKey"];
+            request["datagram"] = hex_of(discovery_request(id, key));
+        }
+        const auto answer = Discovery().ask(bytes_of(request["datagram"]));
+        const std::string known_key = step.value("/reply/fields/wrappedKey"_json_pointer, "");
+        step["reply"] = answer ? reply_packet(*answer, known_key) : Json();
+    }
+
+    void exchange_frames(Json &step) {
+        const std::string id = step["client"];
+        Json &request = step["request"];
+        if (request.contains("message")) request["frames"] = {hex_of(contract.frame_of(request["message"]))};
+        Texts frames;
+        for (const Json &frame : request["frames"]) frames.push_back(bytes_of(frame));
+        RemoteClient client = sessions.contains(id) ? sessions.at(id) : RemoteClient(id);
+        const Channel channel = step["socket"] == "command" ? Channel::command : Channel::authentication;
+        const std::string answer = client.exchange(channel, frames);
+        step["reply"] = contract.packet_of(answer);
+        if (step.contains("ends")) sessions.erase(id);
+        wire::Message reply;
+        if (!reply.ParseFromString(answer) || !reply.reply().has_session()) return;
+        client.connect_to({reply.reply().session().command_port(), reply.reply().session().event_port()});
+        client.subscribe(gateway);
+        sessions.insert_or_assign(id, client);
+    }
+};
+
+TEST(Vectors, AreWhatTheServiceSays) {
+    for (const char *name : {"discovery.json", "discovery_loopback.json", "session.json"}) {
+        Json recorded = Json::parse(std::ifstream(folder + name)), played = recorded;
+        Player player{Gateway({.environment = recorded["environment"].get<Environment>()})};
+        for (Json &step : played["steps"]) player.play(step);
+        if (getenv("VECTORS_RECORD") != nullptr) std::ofstream(folder + name) << played.dump(2) << '\n';
+        else
+            for (size_t i = 0; i < recorded["steps"].size(); i++)
+                EXPECT_EQ(played["steps"][i].dump(2), recorded["steps"][i].dump(2));
+    }
+}
+
+}  // namespace
