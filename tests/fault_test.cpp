@@ -4,6 +4,7 @@
 #include <csignal>
 #include <future>
 #include <string>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -153,6 +154,18 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
     hall.gateway.service().send_signal(SIGTERM);
     EXPECT_EQ(answer.get().status(), wire::STATUS_OK);
     hall.gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "stopped access"});
+}
+
+// The start asks for four keys, one after the other.
+TEST(Stop, InTheStartWaitsForOneCallOnly) {
+    Gateway gateway({.with_service = false, .wait_until_up = false});
+    gateway.control("Fault", "('read=late:300',)");
+    gateway.start_service();
+    gateway.device().expect_log({"Read (uint32 8192, *"});
+    gateway.service().send_signal(SIGTERM);
+    gateway.expect_log({"NOT POSSIBLE COMPUTE STATIC DISCOVERY", "end zmq mainloop: 0", "stopped access"});
+    const std::string trace = gateway.device().text(STDOUT_FILENO);
+    EXPECT_EQ(trace.find("Read ("), trace.rfind("Read ("));
 }
 
 }  // namespace

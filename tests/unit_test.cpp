@@ -18,6 +18,7 @@
 #include "net/client.h"
 #include "net/data_access.h"
 #include "net/frame.h"
+#include "net/identity.h"
 #include "net/monitor.h"
 #include "net/notification.h"
 #include "net/rights.h"
@@ -220,6 +221,16 @@ TEST_F(Unit, DataAccessNeedsAKeyAClientAndABus) {
     EXPECT_EQ(recorded, (Texts{"dbus connection missing", "write k=/k, v=v, t=0xA", "dbus connection missing",
                                "multiwrite autorize all keys", "dbus connection missing", "not autorized",
                                "NULL client", "nothing to write"}));
+}
+
+TEST_F(Unit, NoCallBeginsOnceAStopIsQueued) {
+    pretend_bus();
+    push(BUS_EVENT_STOP);
+    EXPECT_EQ(data_read_callback(handle, 0, "/k"), nullptr);
+    EXPECT_EQ(server_load_identity(&server), 0);
+    EXPECT_EQ(server_mq_timer(nullptr, 1, &server), -1);
+    EXPECT_FALSE(bus_event_stop_queued());
+    EXPECT_EQ(recorded.front(), "unable to call method for DBUS datad proxy: the service is stopping");
 }
 
 TEST_F(Unit, AForeignTextThatIsNotUtf8FailsLikeACallThatCouldNotBeMade) {

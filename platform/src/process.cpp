@@ -14,8 +14,9 @@
 
 #include "bus.h"
 
-constexpr uint32_t do_not_queue = 4;   // RequestName's flag
-constexpr uint32_t primary_owner = 1;  // RequestName's only good answer here
+constexpr uint32_t do_not_queue = 4;      // RequestName's flag
+constexpr uint32_t primary_owner = 1;     // RequestName's only good answer here
+constexpr int release_timeout_ms = 1000;  // a bus that does not answer must not hold up the end
 
 struct Frame : KestoProcess {
     std::string bus_name, object_path, interface_name;
@@ -97,8 +98,8 @@ static bool take_name(Frame *frame) {
 }
 
 static void release_name(const Frame *frame) {
-    GVariant *reply =
-        bus_call(frame->connection, bus_method("ReleaseName"), g_variant_new("(s)", frame->bus_name.c_str()));
+    GVariant *reply = bus_call(frame->connection, bus_method("ReleaseName"),
+                               g_variant_new("(s)", frame->bus_name.c_str()), release_timeout_ms);
     if (reply != nullptr) g_variant_unref(reply);
 }
 

@@ -13,6 +13,7 @@ static void declare_pop(GAsyncQueue *) {}
 #endif
 
 static std::atomic<uint32_t> change_counter = 0;
+static std::atomic<bool> stop_queued = false;
 
 BusEvent *bus_event_new(BusEventKind kind) {
     BusEvent *event = g_new0(BusEvent, 1);
@@ -22,6 +23,7 @@ BusEvent *bus_event_new(BusEventKind kind) {
 
 void bus_event_free(void *argument) {
     auto *event = static_cast<BusEvent *>(argument);
+    if (event->kind == BUS_EVENT_STOP) stop_queued = false;
     if (event->kind == BUS_EVENT_KV) {
         g_free(event->kv.key);
         g_free(event->kv.value);
@@ -33,6 +35,7 @@ void bus_event_free(void *argument) {
 GAsyncQueue *bus_event_queue_new() { return g_async_queue_new_full(bus_event_free); }
 
 void bus_event_push(GAsyncQueue *mq, BusEvent *event) {
+    if (event->kind == BUS_EVENT_STOP) stop_queued = true;
     declare_push(mq);
     g_async_queue_push(mq, event);
 }
@@ -42,6 +45,8 @@ BusEvent *bus_event_try_pop(GAsyncQueue *mq) {
     if (event != nullptr) declare_pop(mq);
     return event;
 }
+
+bool bus_event_stop_queued() { return stop_queued; }
 
 void change_counter_increment() { change_counter.fetch_add(1); }
 

@@ -56,6 +56,9 @@ void bus_event_push(GAsyncQueue *mq, BusEvent *event);
 /* Network thread. The oldest event, now the caller's, or nothing when the queue is empty. Never waits. */
 BusEvent *bus_event_try_pop(GAsyncQueue *mq);
 
+/* Whether a stop event waits in the queue or is being handled. Any thread. */
+bool bus_event_stop_queued();
+
 /* The count of changes, wrapping at 2^32. Any thread. */
 void change_counter_increment();
 uint32_t change_counter_value();

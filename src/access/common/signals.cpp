@@ -10,6 +10,11 @@ static void change_mask(int how, sigset_t *before) {
     pthread_sigmask(how, &stop_signals, before);
 }
 
+bool stop_signal_waits() {
+    sigset_t waiting;
+    return sigpending(&waiting) == 0 && (sigismember(&waiting, SIGINT) == 1 || sigismember(&waiting, SIGTERM) == 1);
+}
+
 void stop_signals_block() { change_mask(SIG_BLOCK, nullptr); }
 
 void stop_signals_unblock() { change_mask(SIG_UNBLOCK, nullptr); }

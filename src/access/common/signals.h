@@ -9,6 +9,9 @@
 void stop_signals_block();
 void stop_signals_unblock();
 
+/* Whether one of them has come and waits for a thread that does not block it. Any thread. */
+bool stop_signal_waits();
+
 /* Keeps both signals waiting while it lives; then the mask is what it was. */
 struct StopSignalsHeld {
     StopSignalsHeld();

@@ -8,8 +8,8 @@
 constexpr int multi_write_timeout_ms = 65000;
 
 /* Calls a method and waits. Takes over a floating `arguments`. The reply, a tuple of any type, is the caller's; nothing
- * with `error` set on failure, which includes that no descriptor is free for the call. There must be a bus_connection.
- */
+ * with `error` set on failure, which includes that no descriptor is free for the call and that the service is to stop.
+ * There must be a bus_connection. */
 GVariant *data_service_call(const char *method, GVariant *arguments, int timeout_ms, GError **error);
 
 /* Reads the text of one key. The caller releases it with g_free; nothing when it cannot be read. */

@@ -51,8 +51,9 @@ void write_file_once(const char *path, const char *text) {
         return;
     }
     LOG("writing on %s: '%s'\n", path, text);
-    [[maybe_unused]] const ssize_t written = write(descriptor, text, strlen(text));
+    const ssize_t written = write(descriptor, text, strlen(text));
     close(descriptor);
+    if (written != static_cast<ssize_t>(strlen(text))) unlink(path);  // a piece of it would stay for ever
 }
 
 static void write_files(const DeviceIdentity &identity) {

@@ -16,7 +16,7 @@ void ensure_static_discovery(AccessServer *server);
 const char *static_discovery_text();
 
 /* Creates the file with the text, unless a file of that path is there already. A file that cannot be opened is logged
- * and left out; a write that fails is not reported. */
+ * and left out; one that cannot be written whole is removed without a report, so that a later start may write it. */
 void write_file_once(const char *path, const char *text);
 
 #endif
