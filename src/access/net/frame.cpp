@@ -5,6 +5,8 @@
 
 #include <czmq.h>
 
+#include "net/resources.h"
+
 namespace {
 
 struct Message : zmq_msg_t {
@@ -47,9 +49,10 @@ bool exchange_receive(Exchange &exchange) {
     if (zmq_msg_recv(&message, exchange.socket, ZMQ_DONTWAIT) < 0) return false;
 
     exchange.received_bytes = zmq_msg_size(&message);
-    exchange.codec.reset(proto_new_full(zmq_msg_data(&message), exchange.received_bytes));
-    exchange.whole = zmq_msg_more(&message) == 0;
-    if (!exchange.whole) drop_further_frames(exchange.socket);
+    const bool affordable = resources_for_request(exchange.received_bytes);
+    exchange.codec.reset(proto_new_full(zmq_msg_data(&message), affordable ? exchange.received_bytes : 0));
+    exchange.whole = affordable && zmq_msg_more(&message) == 0;
+    if (zmq_msg_more(&message) != 0) drop_further_frames(exchange.socket);
     return true;
 }
 

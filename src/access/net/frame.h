@@ -33,7 +33,7 @@ struct Exchange {
     void *socket;           /* the raw ZeroMQ socket */
     CodecHandle codec = {}; /* made from the received bytes; none until then */
     size_t received_bytes = 0;
-    bool whole = false; /* the request came in one frame */
+    bool whole = false; /* the request came in one frame, and there is memory to decode it */
 };
 
 /* Receives one request without waiting and makes the codec handle. False when nothing could be received. */

@@ -12,6 +12,7 @@
 #include "net/client.h"
 #include "net/resources.h"
 #include "net/server.h"
+#include "net/session.h"
 
 static constexpr int pipe_linger_ms = 0;
 static constexpr int pipe_timeout_ms = 600;
@@ -21,7 +22,10 @@ static constexpr const char *disconnected = "DISCONNECTED";
 
 // CZMQ aborts in the start of an actor when it has been interrupted or lacks descriptors, and waits for ever for a
 // thread.
-static bool actor_can_start() { return zsys_interrupted == 0 && resources_for_socket() && resources_for_thread(); }
+static bool actor_can_start(const Client *client) {
+    return zsys_interrupted == 0 && session_sockets_left(client->cl_server, sockets_of_monitor) &&
+           resources_for_socket() && resources_for_thread();
+}
 
 static void set_pipe_options(zactor_t *monitor) {
     zsock_t *pipe = zactor_sock(monitor);
@@ -73,7 +77,7 @@ static void tear_down(Client *client) {
 
 void client_start_monitor(Client *client) {
     const StopSignalsHeld held;
-    if (actor_can_start()) client->cl_monitor = zactor_new(zmonitor, client->cl_cmds);
+    if (actor_can_start(client)) client->cl_monitor = zactor_new(zmonitor, client->cl_cmds);
     if (client->cl_monitor == nullptr) {
         LOG("error creating monitor port\n");
         return;

@@ -1,15 +1,40 @@
 #include "net/resources.h"
 
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <czmq.h>
 
-static constexpr int descriptors_for_socket = 16;
 static constexpr int descriptors_for_bus_call = 2;
+static constexpr int descriptors_for_socket = 16;
+static constexpr int descriptors_of_session = 8;  // with a monitor
+static constexpr int descriptors_kept_from_connections = 24;
 static_assert(descriptors_for_bus_call <= descriptors_for_socket);
+static_assert(descriptors_for_socket + descriptors_of_session <= descriptors_kept_from_connections,
+              "connections alone must not be why a login is refused");
+
+static constexpr size_t memory_for_connection = 3 << 20, memory_for_socket = 6 << 20;  // with what comes in meanwhile
+static_assert(memory_for_connection < memory_for_socket);
+
+static constexpr size_t large_request_bytes = 64 << 10;  // smaller ones live in what the heap has
+static constexpr size_t memory_for_request_byte = 16;    // a full multi-write takes 13 for each
+
+static constexpr uint8_t tcp_established = 1;  // the kernel's state number; its header names none
+static constexpr uint32_t silence_ms = 1000;
+static constexpr uint64_t shortest_greeting_bytes = 12;  // of version 2 of the protocol
+static constexpr uint64_t greeting_bytes = 64;           // of version 3
+
+static std::atomic<bool> room_wanted = false;
 
 void resources_raise_descriptor_limit() {
     rlimit limit = {};
@@ -21,6 +46,17 @@ void resources_raise_descriptor_limit() {
 void resources_raise_socket_limit() {
     constexpr size_t all_that_libzmq_can_have = 0;
     zsys_set_max_sockets(all_that_libzmq_can_have);
+}
+
+size_t resources_socket_limit() {
+    const char *setting = getenv("ZSYS_MAX_SOCKETS");
+    const long wanted = setting != nullptr ? atol(setting) : 0;
+    return wanted > 0 ? static_cast<size_t>(wanted) : zsys_socket_limit();
+}
+
+size_t resources_descriptor_limit() {
+    rlimit limit = {};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
 }
 
 // Opens that many descriptors and closes them again: the only way to know.
@@ -36,7 +72,22 @@ static bool descriptors_free(int wanted) {
     return count == wanted;
 }
 
-bool resources_for_socket() { return descriptors_free(descriptors_for_socket); }
+static bool memory_free(size_t bytes) {
+    void *space = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (space == MAP_FAILED) return false;
+    munmap(space, bytes);
+    return true;
+}
+
+bool resources_for_socket() {
+    if (descriptors_free(descriptors_for_socket) && memory_free(memory_for_socket)) return true;
+    room_wanted = true;
+    return false;
+}
+
+bool resources_for_request(size_t bytes) {
+    return bytes < large_request_bytes || memory_free(bytes * memory_for_request_byte);
+}
 
 bool resources_for_bus_call() { return descriptors_free(descriptors_for_bus_call); }
 
@@ -47,4 +98,45 @@ bool resources_for_thread() {
     if (pthread_create(&thread, nullptr, do_nothing, nullptr) != 0) return false;
     pthread_join(thread, nullptr);
     return true;
+}
+
+// The lowest free descriptor is given, so one of the last is given only when all others are taken.
+static bool is_one_of_the_last(int descriptor) {
+    return static_cast<size_t>(descriptor) + descriptors_kept_from_connections >= resources_descriptor_limit();
+}
+
+/* Takes the place of the C library's in libzmq, which cannot be told how many connections it may have: with the last
+ * descriptor gone its thread would spin, and whatever else needs one would abort. What is refused here is to libzmq a
+ * connection that was gone before it could be accepted. */
+extern "C" [[gnu::visibility("default"), gnu::used]] int accept4(int listener, sockaddr *address, socklen_t *size,
+                                                                 int flags) {
+    const long accepted = syscall(SYS_accept4, listener, address, size, flags);
+    const int descriptor = static_cast<int>(accepted);
+    if (descriptor == -1) return -1;
+    if (!is_one_of_the_last(descriptor) && memory_free(memory_for_connection)) return descriptor;
+    close(descriptor);
+    room_wanted = true;
+    errno = ECONNABORTED;
+    return -1;
+}
+
+// A peer of version 3 has had all of our greeting, and nothing more before we have all of its own.
+static bool waits_for_greeting(const tcp_info &info) {
+    return info.tcpi_bytes_received < shortest_greeting_bytes ||
+           (info.tcpi_bytes_received < greeting_bytes && info.tcpi_bytes_sent == greeting_bytes);
+}
+
+static bool is_silent_connection(int descriptor) {
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    return getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && info.tcpi_state == tcp_established &&
+           info.tcpi_last_data_recv >= silence_ms && waits_for_greeting(info);
+}
+
+void resources_drop_silent_connections() {
+    if (!room_wanted.exchange(false)) return;
+    const int limit = static_cast<int>(resources_descriptor_limit());
+    for (int descriptor = 0; descriptor < limit; ++descriptor) {
+        if (is_silent_connection(descriptor)) shutdown(descriptor, SHUT_RDWR);  // libzmq then closes it
+    }
 }

@@ -20,6 +20,7 @@
 
 static constexpr int udp_linger_s = 3;
 static constexpr size_t for_ever = 0;  // the number of times that a timer fires
+static constexpr size_t make_room_period_ms = 250;
 
 static constexpr SocketOption auth_options[] = {
     {zsock_set_linger,              1000             }, // ms
@@ -167,7 +168,13 @@ static bool start_queue_timer() {
     return srv->timer_id != -1;
 }
 
+static int make_room(zloop_t *, int, void *) {
+    resources_drop_silent_connections();
+    return 0;
+}
+
 static void run_loop() {
+    zloop_timer(srv->loop, make_room_period_ms, for_ever, make_room, nullptr);  // without it the service runs on
     LOG("zsys_catch_interrupts\n");
     zsys_catch_interrupts();
     const int result = zloop_start(srv->loop);

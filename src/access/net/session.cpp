@@ -50,6 +50,13 @@ static constexpr SocketOption event_options[] = {
     {zsock_set_reconnect_ivl_max,   1000}, // ms
 };
 
+static constexpr size_t sockets_of_session = 2;
+
+// A socket has one descriptor, and a session two more to listen at. A session that is granted is of no use without its
+// connections, which come later and are three: to the authentication, the command and the event socket.
+static constexpr size_t descriptors_beside_sockets = 2 + 3;
+static constexpr size_t descriptors_of_service = 45;  // without any session, with those that are kept from connections
+
 struct SocketReading {
     const char *label;
     int (*get)(void *socket);
@@ -108,6 +115,33 @@ static SessionPorts take_ports(const Client *client) {
     return ports;
 }
 
+struct SessionCount {
+    size_t sockets, sessions;
+};
+
+static SessionCount count_sessions(const AccessServer *server) {
+    SessionCount count = {.sockets = 1, .sessions = 0};  // the authentication socket
+    GHashTableIter clients;
+    void *value = nullptr;
+    g_hash_table_iter_init(&clients, server->clients);
+    while (g_hash_table_iter_next(&clients, nullptr, &value)) {
+        const auto *client = static_cast<const Client *>(value);
+        if (client->cl_cmds == nullptr) continue;
+        count.sessions += 1;
+        count.sockets += 1;
+        if (client->cl_events != nullptr) count.sockets += 1;
+        if (client->cl_monitor != nullptr) count.sockets += sockets_of_monitor;
+    }
+    return count;
+}
+
+bool session_sockets_left(const AccessServer *server, size_t wanted) {
+    const SessionCount count = count_sessions(server);
+    const size_t sockets = count.sockets + wanted, sessions = count.sessions + 1;  // with the one to be opened
+    return sockets <= resources_socket_limit() &&
+           sockets + sessions * descriptors_beside_sockets + descriptors_of_service <= resources_descriptor_limit();
+}
+
 // A new socket, or none when the process has too little left for one.
 static zsock_t *new_socket(int type) { return resources_for_socket() ? zsock_new(type) : nullptr; }
 
@@ -118,7 +152,7 @@ static void set_heartbeat(zsock_t *socket) {
 }
 
 static int open_command_socket(Client *client, const SessionRequest &want, const char *address, int32_t port) {
-    client->cl_cmds = new_socket(ZMQ_REP);
+    if (session_sockets_left(client->cl_server, sockets_of_session)) client->cl_cmds = new_socket(ZMQ_REP);
     if (client->cl_cmds == nullptr) {
         LOG("zsocket_new (tcp://*:%d)\n", port);
         return -1;

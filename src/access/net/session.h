@@ -3,11 +3,17 @@
 #ifndef ACCESS_NET_SESSION_H
 #define ACCESS_NET_SESSION_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include <glib.h>
 
+struct AccessServer;
 struct Client;
+
+/* ZeroMQ sockets that a monitor costs: its pipe and the one between it and the socket that it watches, two ends each.
+ */
+constexpr size_t sockets_of_monitor = 4;
 
 /* What a login asked for; non-zero means yes. */
 struct SessionRequest {
@@ -27,6 +33,9 @@ struct SessionPorts {
  * set as well, and the caller's to clear. Two ports are spent either way. May block as long as the start of a
  * monitor does. */
 int session_open(Client *client, const SessionRequest &want);
+
+/* The process may have that many more ZeroMQ sockets, with the descriptors that they and their connections need. */
+bool session_sockets_left(const AccessServer *server, size_t wanted);
 
 /* "(a{sv})" with one entry, "ports"; floating: the caller sinks it or hands it on. */
 GVariant *session_login_reply(SessionPorts ports);
