@@ -1,0 +1,113 @@
+"""Runs the measurements that ./bench promises and keeps their figures in build/bench.json."""
+import argparse
+import datetime
+import json
+import pathlib
+import platform
+import subprocess
+import sys
+
+import counts
+import peer
+import report
+import rows
+import stage
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+PACKAGES = ("libczmq4", "libzmq5", "libglib2.0-0", "libssl3", "libprotobuf-lite32", "dbus-daemon", "libc6", "g++",
+            "valgrind", "mosquitto")
+
+
+def package_versions():
+    listed = subprocess.run(["dpkg-query", "-W", "-f", "${Package} ${Version}\n", *PACKAGES], stdout=subprocess.PIPE,
+                            stderr=subprocess.DEVNULL, text=True, check=False).stdout
+    return dict(line.split() for line in listed.splitlines() if len(line.split()) == 2)
+
+
+def machine():
+    models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+              if line.startswith("model name")]
+    commit = subprocess.run(["git", "-C", ROOT, "describe", "--always", "--dirty"], stdout=subprocess.PIPE,
+                            stderr=subprocess.DEVNULL, text=True, check=False).stdout.strip()
+    return {"processor": models[0] if models else platform.machine(), "processors": len(models),
+            "kernel": platform.release(), "packages": package_versions(), "commit": commit,
+            "date": datetime.date.today().isoformat()}
+
+
+def measure_once(on, side, effort):
+    with on.measured([on.programs / stage.PROGRAM[side]]) as process:
+        output = on.load([on.programs / "bench-load", "measure", str(process.pid), str(effort)])
+    return {"side": side, "figures": json.loads(output)}
+
+
+def measure(programs, round_count, effort):
+    """The floor and the service by turns, beginning and ending with the floor."""
+    runs = []
+    sides = ["floor"] + ["service", "floor"] * round_count
+    with stage.Stage(programs) as on:
+        for i, side in enumerate(sides):
+            print(f"\rrun {i + 1} of {len(sides)}: {side:<8}", end="", file=sys.stderr, flush=True)
+            runs.append(measure_once(on, side, effort))
+    print(file=sys.stderr)
+    return runs
+
+
+def print_table(headings, lines):
+    widths = [max(len(line[i]) for line in [headings, *lines]) for i in range(len(headings))]
+    for line in [headings, *lines]:
+        print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
+
+
+def print_comparisons(compared):
+    for group, lines in compared.items():
+        print(f"\n{group}")
+        print_table(rows.HEADINGS, [rows.cells(line) for line in lines])
+    late = [line for lines in compared.values() for line in lines if line.ratio > rows.LATE]
+    print(f"\n{len(late)} of {sum(map(len, compared.values()))} rows are over {rows.LATE}")
+
+
+def options():
+    parser = argparse.ArgumentParser(prog="./bench", description="Measures the service beside a bare program that does "
+                                     "the same work on the same libraries, and prints the ratio of the two.")
+    parser.add_argument("--rounds", type=int, default=11, metavar="N", help="ratios per row; 11 unless told otherwise")
+    parser.add_argument("--smoke", action="store_true", help="one hasty round: that everything runs, not what it costs")
+    parser.add_argument("--peer", action="store_true", help="send the same events through an MQTT broker, beside the service")
+    parser.add_argument("--counts", action="store_true", help="count instructions, allocations and system calls instead")
+    parser.add_argument("--check", metavar="FILE", help="with --counts: fail when the service costs more than FILE says")
+    parser.add_argument("--keep", metavar="FILE", help="with --counts: write the service's counts to FILE, for --check")
+    parser.add_argument("--report", action="store_true", help="write docs/performance.md and its pictures from what was measured last")
+    parser.add_argument("--programs", default=ROOT / "build/release/bin", help=argparse.SUPPRESS)
+    parser.add_argument("--figures", default=ROOT / "build/bench.json", type=pathlib.Path, help=argparse.SUPPRESS)
+    return parser.parse_args()
+
+
+def run(chosen):
+    kept = json.loads(chosen.figures.read_text()) if chosen.figures.exists() else {}
+    if chosen.report:
+        report.write(ROOT, kept)
+        return 0
+    status = 0
+    if chosen.counts:
+        counted = counts.count(chosen.programs, ["service"] if chosen.check else stage.PROGRAM)
+        print_table(*counts.table(counted))
+        status = counts.judge(counted, chosen)
+        if not chosen.check:  # which leaves the floor out
+            kept["counts"] = counted
+    elif chosen.peer:
+        kept["peer"] = peer.measure(chosen.programs, 1 if chosen.smoke else chosen.rounds)
+        print_table(*peer.table(kept["peer"]))
+    else:
+        kept["runs"] = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)
+        print_comparisons(rows.comparisons(kept["runs"]))
+    kept["machine"] = machine()
+    if not chosen.smoke:
+        chosen.figures.parent.mkdir(exist_ok=True)
+        chosen.figures.write_text(json.dumps(kept, indent=1) + "\n")
+    return status
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(run(options()))
+    except stage.Failure as failure:
+        sys.exit(f"bench: {failure}")

@@ -1,0 +1,146 @@
+"""Counts instead of seconds: what one piece of work costs in instructions, allocations and system calls.
+
+Each counter observes a running program from outside and is read before and after a known number of pieces of work, so
+that neither the start nor the warm-up is in the figure. One run per program and counter.
+"""
+import contextlib
+import json
+import pathlib
+import re
+import subprocess
+
+import stage
+
+COUNTERS = ("instructions", "allocations", "system calls")
+# An event that reaches more clients costs this much more for each of them.
+FEW_CLIENTS, MORE_CLIENTS = 1, 21
+WORK = {"read": "read, one bus call", "authorize": "authorize, no bus call", "discovery": "discovery of a known id",
+        "event-1": "event, reported and sent to 1 client", "event-client": "event, each further client"}
+TOLERANCE = 0.10
+# What threads do in waiting for each other differs from run to run, most of all in system calls.
+FREE = {"instructions": 500, "allocations": 0.5, "system calls": 2}
+
+
+class Instructions:
+    """Callgrind's, of all threads, outside the kernel."""
+
+    def __init__(self, folder):
+        self.dumps = folder / "callgrind"
+        self.environment = {}
+        self.total = 0
+
+    def command(self, program):
+        return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={self.dumps}", program]
+
+    def read(self, process):
+        subprocess.run(["vgdb", f"--pid={process.pid}", "dump"], check=True, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+        newest = max(self.dumps.parent.glob("callgrind.*"), key=lambda path: int(path.suffix[1:]))
+        self.total += int(re.search(r"^totals: (\d+)", newest.read_text(), re.MULTILINE).group(1))
+        return self.total
+
+
+class Allocations:
+    """Calls of malloc and its like, by a library in front of the C library's."""
+
+    def __init__(self, folder, programs):
+        self.file = folder / "allocations"
+        library = pathlib.Path(programs).parent / "lib/libbench-allocations.so"
+        self.environment = {"LD_PRELOAD": str(library), "BENCH_ALLOCATIONS": str(self.file)}
+
+    def command(self, program):
+        return [program]
+
+    def read(self, _process):
+        return int.from_bytes(self.file.read_bytes(), "little")
+
+
+class SystemCalls:
+    """strace's, of all threads."""
+
+    def __init__(self, folder):
+        self.file = folder / "strace"
+        self.environment = {}
+
+    def command(self, program):
+        # With -D the program keeps the process id that its starter knows.
+        return ["strace", "-D", "-f", "-qq", "-e", "signal=none", "-o", self.file, program]
+
+    def read(self, _process):
+        return sum(" resumed>" not in line for line in self.file.read_text(errors="replace").splitlines())
+
+
+def observe(on, command, counter):
+    """{name: count per piece of work}"""
+    load = subprocess.Popen([on.programs / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            stderr=on.log, text=True)
+    figures, before = {}, 0
+    with load:
+        for line in load.stdout:
+            step, name, pieces = line.split()
+            now = counter.read(command)
+            if step == "begin":
+                before = now
+            else:
+                figures[name] = (now - before) / int(pieces)
+            load.stdin.write("\n")
+            load.stdin.flush()
+    if load.returncode != 0:
+        raise stage.Failure(f"counting failed; the end of the programs' log:\n{on.log_text()[-2000:]}")
+    more = figures.pop(f"event-{MORE_CLIENTS}")
+    figures["event-client"] = (more - figures[f"event-{FEW_CLIENTS}"]) / (MORE_CLIENTS - FEW_CLIENTS)
+    return figures
+
+
+def count(programs, sides):
+    """{counter: {side: {name: count}}}"""
+    counted = {name: {} for name in COUNTERS}
+    for side in sides:
+        for name in COUNTERS:
+            with stage.Stage(programs) as on:
+                counter = {"instructions": lambda: Instructions(on.folder), "system calls": lambda: SystemCalls(on.folder),
+                           "allocations": lambda: Allocations(on.folder, programs)}[name]()
+                with on.measured(counter.command(on.programs / stage.PROGRAM[side]), environment=counter.environment) as process:
+                    counted[name][side] = observe(on, process, counter)
+    return counted
+
+
+def _texts(name, figures):
+    """The figure of each side, and their ratio when there are two."""
+    digits = 0 if name == "instructions" else 1
+    ratio = f"{figures['service'] / figures['floor']:.2f}" if figures.get("floor", 0) >= 0.05 else "-"
+    return [*(f"{figures[side]:.{digits}f}" if side in figures else "-" for side in stage.PROGRAM), ratio]
+
+
+def table(counted):
+    """Headings and lines, ready to be printed."""
+    lines = []
+    for name in COUNTERS:
+        for work, text in WORK.items():
+            lines.append([text, name, *_texts(name, {side: by_work[work] for side, by_work in counted[name].items()})])
+    return ["one piece of work", "counted", "floor", "service", "ratio"], lines
+
+
+def excesses(counted, expected):
+    """A sentence for each count that passes its bound."""
+    found = []
+    for name in COUNTERS:
+        for work, text in WORK.items():
+            now, bound = counted[name]["service"][work], expected[name][work] * (1 + TOLERANCE) + FREE[name]
+            if now > bound:
+                found.append(f"{text}: {now:.1f} {name}, expected {expected[name][work]:.1f}, bound {bound:.1f}")
+    return found
+
+
+def judge(counted, chosen):
+    """The exit status; with what the options ask for done."""
+    if chosen.keep:
+        kept = {name: {work: round(value, 1) for work, value in sides["service"].items()}
+                for name, sides in counted.items()}
+        pathlib.Path(chosen.keep).write_text(json.dumps(kept, indent=1) + "\n")
+    if not chosen.check:
+        return 0
+    found = excesses(counted, json.loads(pathlib.Path(chosen.check).read_text()))
+    for sentence in found:
+        print(f"costlier: {sentence}")
+    return 1 if found else 0

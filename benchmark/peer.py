@@ -1,0 +1,51 @@
+"""The same events through Mosquitto: what a broker that is made for nothing else takes for them, beside the service.
+
+The payload is the very event of the wire contract, the subscribers are as many and each has its own connection. Two things
+differ and stay: the service hears of an event over D-Bus and holds it until its next 33 ms tick; the broker gets it over
+TCP and passes it on at once.
+"""
+import json
+import statistics
+
+import rows
+import stage
+
+BROKER_PORT = 1883
+CONFIGURATION = f"""listener {BROKER_PORT} 127.0.0.1
+allow_anonymous true
+persistence false
+max_queued_messages 0
+log_type error
+user root
+"""
+SIDES = ("broker", "service")
+
+
+def _broker_figures(on):
+    configuration = on.folder / "mosquitto.conf"
+    configuration.write_text(CONFIGURATION)
+    with on.measured(["/usr/sbin/mosquitto", "-c", configuration], port=BROKER_PORT) as process:
+        return json.loads(on.load([on.programs / "bench-peer", str(process.pid)]))
+
+
+def _service_figures(on):
+    with on.measured([on.programs / stage.PROGRAM["service"]]) as process:
+        return json.loads(on.load([on.programs / "bench-load", "events", str(process.pid), "1"]))
+
+
+def measure(programs, round_count):
+    """The figures of each round, of both."""
+    with stage.Stage(programs) as on:
+        return [{"broker": _broker_figures(on), "service": _service_figures(on)} for _ in range(round_count)]
+
+
+def table(rounds):
+    """Headings and lines, ready to be printed."""
+    lines = []
+    for row in rows.GROUPS["Events"]:
+        values = {side: [one[side][row.key] / row.divisor for one in rounds] for side in SIDES}
+        ratios = [service / broker for broker, service in zip(values["broker"], values["service"])]
+        texts = [f"{rows.number(statistics.median(values[side]))} {row.unit}" for side in SIDES]
+        lines.append([row.name, row.what, *texts, f"{statistics.median(ratios):.2f}",
+                      f"{min(ratios):.2f} to {max(ratios):.2f}"])
+    return ["", "figure", "Mosquitto", "service", "ratio", "smallest, largest"], lines

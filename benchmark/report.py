@@ -1,0 +1,124 @@
+"""Writes docs/performance.md and its pictures from the figures that ./bench has kept.
+
+Only what stands between the page's marks is replaced; everything else on it is written by people and stays.
+"""
+import re
+import subprocess
+
+import counts
+import peer
+import rows
+import stage
+
+SIDES = (("floor", "bare program"), ("service", "service"))
+
+
+def _curve(compared, keys):
+    """[(x, floor, service)] of the rows with these keys, which are (x, key)."""
+    by_key = {line.row.key: line for lines in compared.values() for line in lines}
+    return [(x, by_key[key].floor, by_key[key].service) for x, key in keys]
+
+
+# Each: file, title, what is drawn upwards, what to the right, and the curves as (name, [(x, row key)]).
+PICTURES = (
+    ("commands", "Processor time per command", "µs", "clients that ask at once",
+     (("read", [(n, f"read.{n}.cpu") for n in rows.CLIENTS]),
+      ("authorize", [(n, f"authorize.{n}.cpu") for n in rows.CLIENTS]))),
+    ("events", "Processor time per delivered event", "µs", "clients that hear it",
+     (("event", [(n, f"event.{n}.cpu") for n in rows.EVENT_CLIENTS]),)),
+    ("sessions", "Time of one read", "µs", "sessions open", (("read", [(n, f"sessions.{n}.time") for n in rows.SESSIONS]),)),
+)
+
+
+def _gnuplot(path, picture, compared):
+    _, title, upwards, rightwards, curves = picture
+    data, plots = [], []
+    for name, keys in curves:
+        points = "\n".join(f"{x} {floor} {service}" for x, floor, service in _curve(compared, keys))
+        data.append(f"${name} << END\n{points}\nEND")
+        for column, (_, side) in enumerate(SIDES, start=2):
+            style = "dashtype 2 linecolor '#888888'" if column == 2 else "linecolor '#0060a0'"
+            plots.append(f"${name} using 1:{column} with linespoints linewidth 2 {style} title '{name}, {side}'")
+    return "\n".join([f"set terminal svg size 720,400 background 'white' font 'sans,14'", f"set output '{path}'",
+                      f"set title '{title}'", f"set ylabel '{upwards}'", f"set xlabel '{rightwards}'",
+                      "set logscale x", "set yrange [0:*]", "set grid", "set key outside below", "set bmargin 6", *data,
+                      "plot " + ", ".join(plots)])
+
+
+def _draw(folder, compared):
+    folder.mkdir(exist_ok=True)
+    for picture in PICTURES:
+        script = _gnuplot(folder / f"{picture[0]}.svg", picture, compared)
+        drawn = subprocess.run(["gnuplot"], input=script, text=True, stderr=subprocess.PIPE, check=False)
+        if drawn.returncode != 0:
+            raise stage.Failure(f"gnuplot: {drawn.stderr.strip()}")
+
+
+def _markdown(headings, lines):
+    rule = ["---"] * 2 + ["--:"] * (len(headings) - 2)
+    return "\n".join("| " + " | ".join(line) + " |" for line in [headings, rule, *lines])
+
+
+def _machine(kept):
+    about = kept["machine"]
+    packages = ", ".join(f"{name} {version}" for name, version in about["packages"].items())
+    rounds = sum(run["side"] == "service" for run in kept["runs"])
+    return (f"Measured on {about['date']}, commit {about['commit']}, {rounds} rounds, on {about['processors']} × "
+            f"{about['processor']}, Linux {about['kernel']}; {packages}.")
+
+
+def _tables(compared):
+    parts = [f"### {group}\n\n{_markdown(rows.HEADINGS, [rows.cells(line) for line in lines])}"
+             for group, lines in compared.items()]
+    return "\n\n".join(parts)
+
+
+def _summary(compared):
+    lines = [line for group in compared.values() for line in group]
+    within = sum(line.ratio <= rows.LATE for line in lines)
+    spread = sorted(abs(control - 1) for line in lines for control in line.controls)
+    return (f"{within} of {len(lines)} rows are at or below {rows.LATE}. Nine of ten comparisons of the bare program with "
+            f"itself differ by less than {spread[int(0.9 * len(spread))]:.0%}: that much is noise.")
+
+
+def _late(compared):
+    return [line for lines in compared.values() for line in lines if line.ratio > rows.LATE]
+
+
+def _over(compared):
+    late = _late(compared)
+    if not late:
+        return "None."
+    return "\n".join(f"- {line.row.name}, {line.row.what}: {line.ratio:.2f}" for line in late)
+
+
+def _replace(page, mark, text):
+    pattern = re.compile(f"(<!-- {mark} -->\n).*?(<!-- end -->)", re.DOTALL)
+    if not pattern.search(page):
+        raise stage.Failure(f"docs/performance.md has lost its mark <!-- {mark} -->")
+    return pattern.sub(lambda found: found.group(1) + text + "\n" + found.group(2), page)
+
+
+def _unexplained(page, compared):
+    by_people = re.sub(r"<!-- \w+ -->\n.*?<!-- end -->", "", page, flags=re.DOTALL)
+    return sorted({line.row.name for line in _late(compared) if line.row.name not in by_people})
+
+
+def write(root, kept):
+    """Needs what ./bench has measured; what ./bench --peer and --counts have kept is shown when it is there."""
+    if "runs" not in kept:
+        raise stage.Failure("there is nothing to report yet; run ./bench first")
+    path = root / "docs/performance.md"
+    page = path.read_text(encoding="utf-8")
+    compared = rows.comparisons(kept["runs"])
+    parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
+    if "counts" in kept:
+        parts["counts"] = _markdown(*counts.table(kept["counts"]))
+    if "peer" in kept:
+        parts["peer"] = _markdown(*peer.table(kept["peer"]))
+    for mark, text in parts.items():
+        page = _replace(page, mark, text)
+    _draw(root / "docs/performance", compared)
+    path.write_text(page, encoding="utf-8")
+    for name in _unexplained(page, compared):
+        print(f"docs/performance.md gives no reason yet for: {name}")
