@@ -49,8 +49,8 @@ static GDBusConnection *connect_within_limit() {
 
 GDBusConnection *bus_connect() {
     static GWeakRef connected;  // GIO's own one per process; asked for anew, it would need the limit's thread each time
-    if (!descriptor_available()) return nullptr;
     if (gpointer standing = g_weak_ref_get(&connected)) return G_DBUS_CONNECTION(standing);
+    if (!descriptor_available()) return nullptr;
 
     GDBusConnection *connection = connect_within_limit();
     if (connection == nullptr) return nullptr;
