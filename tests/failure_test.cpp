@@ -3,18 +3,24 @@
  * function. */
 #include <string>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "harness/discovery.h"
 #include "harness/gateway.h"
+#include "harness/port.h"
 #include "harness/remote_client.h"
 #include "harness/wait.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
+
+constexpr int auth_port = 60000;
 
 GatewayOptions failing(const char *call, bool wait_until_up = true) {
     const char *asan_options = getenv("ASAN_OPTIONS");
@@ -271,20 +277,36 @@ TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
     }
 }
 
+rlim_t limit_descriptors(Gateway &gateway, rlim_t count) {
+    rlimit limit = {};
+    EXPECT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+    const rlim_t before = std::exchange(limit.rlim_cur, count);
+    EXPECT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+    return before;
+}
+
 TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
     Gateway gateway;
     RemoteClient panel("panel-1");
     panel.log_in();
-    panel.read("/Device/Config/Name");  // its connection is there
-    rlimit before = {};
-    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, nullptr, &before), 0);
-    const rlimit below_what_is_open = {.rlim_cur = 10, .rlim_max = before.rlim_max};
-    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &below_what_is_open, nullptr), 0);
+    panel.read("/Device/Config/Name");                     // its connection is there
+    const rlim_t enough = limit_descriptors(gateway, 10);  // fewer than are open
     EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_REFUSED);
     gateway.expect_log({"unable to call method for DBUS datad proxy: no descriptor is free for the call"});
     EXPECT_EQ(panel.write("/Device/Config/Name", "Hall").status(), wire::STATUS_REFUSED);
-    ASSERT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    limit_descriptors(gateway, enough);
     EXPECT_EQ(panel.read("/Device/Config/Name").value().text(), "Rack 3, amplifier 2");
+}
+
+TEST(StrangersWhoTakeAllConnections, MakeRoomForAClientAndNeverForTheLastDescriptors) {
+    Gateway gateway;
+    limit_descriptors(gateway, 64);
+    std::vector<int> strangers(100);
+    for (int &stranger : strangers) stranger = connected_socket(SOCK_STREAM, auth_port);
+    RemoteClient panel("panel-1");
+    EXPECT_NE(panel.log_in(), Ports{});
+    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_OK);
+    for (const int stranger : strangers) close(stranger);
 }
 
 // ---- discovery ----------------------------------------------------------------------------------------------------
