@@ -63,7 +63,9 @@ void expect_decoded(const std::string &bytes, int result) {
 TEST_F(Codec, RefusesWhatIsNotARequest) {
     const std::string a_read = "\n\005Z\003\n\001k", a_reply = "\022\0"s, cut_short = "\n\005Z\003\n\001";
     for (const std::string &bytes : {a_read, "\n\0"s}) expect_decoded(bytes, 0);
-    for (const std::string &bytes : {""s, a_reply, a_read + a_reply, cut_short, cut_short + '\xff', "no message"s})
+    const std::string a_number = "\b\001";  // where the request should be
+    for (const std::string &bytes :
+         {""s, a_reply, a_read + a_reply, cut_short, cut_short + '\xff', "no message"s, a_number})
         expect_decoded(bytes, -1);
 
     // A client id, key, value, pair, password, discovery text and question; what comes last is a text of one byte.
@@ -87,6 +89,19 @@ TEST_F(Codec, OwnsItsBytesAndHasNoBufferBeforeEncoding) {
     EXPECT_EQ(proto_encode(handle.get()), -1);  // not processed
     EXPECT_EQ(proto_buffer(handle.get()), nullptr);
     EXPECT_EQ(proto_buffer_size(handle.get()), SIZE_MAX);
+}
+
+TEST_F(Codec, ShowsNothingOfTheRequestBefore) {
+    request.set_client_id("panel-1");
+    request.set_sequence(7);
+    ask(false);
+    const Handle handle = open_handle("\n\0"s);
+    EXPECT_EQ(proto_process(handle.get()), -1);  // not decoded
+    ASSERT_EQ(proto_decode(handle.get()), 0);
+    ASSERT_EQ(proto_process(handle.get()), 0);
+    ASSERT_EQ(proto_encode(handle.get()), 0);
+    EXPECT_EQ(encoded(handle).reply().client_id(), "");
+    EXPECT_EQ(encoded(handle).reply().sequence(), 0U);
 }
 
 TEST_F(Codec, EchoesTheAskerAndServesOnlyWhatIsInstalled) {

@@ -6,7 +6,9 @@
 #include <climits>
 #include <initializer_list>
 #include <iterator>
+#include <sanitizer/asan_interface.h>
 #include <string_view>
+#include <utility>
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/stubs/logging.h>
@@ -29,7 +31,33 @@ void proto_init(int, int) { previous_log_handler = google::protobuf::SetLogHandl
 
 void proto_deinit(void) { google::protobuf::SetLogHandler(previous_log_handler); }
 
-Proto *proto_new(void) { return new Proto{}; }
+// A thread's last handle is kept for its next one, with the room that its messages have: most of what a short exchange
+// allocates. One that has grown large is not. Whoever uses a handle after its end is still caught by the address
+// sanitizer.
+constexpr size_t bytes_worth_keeping = 4096;
+
+struct SpareHandle {
+    Proto *handle = nullptr;
+    ~SpareHandle() { delete take(); }
+    void keep(Proto *done) {
+        handle = done;
+        ASAN_POISON_MEMORY_REGION(handle, sizeof(Proto));
+    }
+    Proto *take() {
+        if (handle != nullptr) ASAN_UNPOISON_MEMORY_REGION(handle, sizeof(Proto));
+        return std::exchange(handle, nullptr);
+    }
+};
+static thread_local SpareHandle spare;
+
+static bool is_worth_keeping(const Proto &handle) {
+    return handle.received.capacity() <= bytes_worth_keeping && handle.buffer.capacity() <= bytes_worth_keeping;
+}
+
+Proto *proto_new(void) {
+    Proto *kept = spare.take();
+    return kept != nullptr ? kept : new Proto{};
+}
 
 Proto *proto_new_full(const void *bytes, size_t length) {
     Proto *handle = proto_new();
@@ -37,10 +65,24 @@ Proto *proto_new_full(const void *bytes, size_t length) {
     return handle;
 }
 
+static void make_empty(Proto &handle) {
+    handle.received.clear();
+    handle.buffer.clear();
+    handle.decoded = handle.answered = false;
+    handle.discovery = nullptr;
+    handle.private_data = nullptr;
+    handle.callbacks = {};
+}
+
 void proto_destroy(Proto **handle) {
-    if (handle == nullptr) return;
-    delete *handle;
-    *handle = nullptr;
+    if (handle == nullptr || *handle == nullptr) return;
+    Proto *done = std::exchange(*handle, nullptr);
+    if (spare.handle != nullptr || !is_worth_keeping(*done)) {
+        delete done;
+    } else {
+        make_empty(*done);
+        spare.keep(done);
+    }
 }
 
 void proto_set_discovery(Proto *handle, const char *text) { handle->discovery = text; }
@@ -85,19 +127,28 @@ static CodedInputStream stream_of(const std::string &bytes) {
 }
 
 static bool has_few_pairs(const std::string &bytes) {
+    constexpr size_t shortest_pair_bytes = 2;
+    if (bytes.size() <= pairs_max * shortest_pair_bytes) return true;
     CodedInputStream in = stream_of(bytes);
     return count_pairs(in, 0) <= pairs_max;
 }
 
 // A reply or an event in the place of the request, or beside it, would be unpacked whole before it is refused.
-static bool has_only_a_request(const std::string &bytes) {
+// `unknown`: there are fields that the contract does not have.
+static bool has_only_a_request(const std::string &bytes, bool &unknown) {
+    constexpr uint32_t request_tag =
+        WireFormatLite::MakeTag(wire::Message::kRequestFieldNumber, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
     CodedInputStream in = stream_of(bytes);
+    bool found = false;
+    unknown = false;
     while (const uint32_t tag = in.ReadTag()) {
         const int field = WireFormatLite::GetTagFieldNumber(tag);
         if (field == wire::Message::kReplyFieldNumber || field == wire::Message::kEventFieldNumber) return false;
+        if (tag == request_tag) found = true;
+        else unknown = true;
         if (!WireFormatLite::SkipField(&in, tag)) break;
     }
-    return true;
+    return found;
 }
 
 static bool without_nul(std::initializer_list<std::string_view> texts) {
@@ -128,19 +179,26 @@ static bool texts_are_whole(const wire::Request &request) {
     }
 }
 
+// Into the request of the handle's last use, whose room it takes over. Unknown fields would pile up in it.
+static bool parse_request(Proto *handle, bool unknown) {
+    if (handle->has_unknown) handle->request.Clear();
+    handle->has_unknown = unknown;
+    handle->request.mutable_request()->Clear();
+    return handle->request.MergeFromString(handle->received);
+}
+
 int proto_decode(Proto *handle) {
-    wire::Message &request = handle->request;
-    handle->answer.Clear();
+    bool unknown = false;
+    handle->answered = false;
     handle->buffer.clear();
-    if (handle->received.size() <= INT_MAX && has_only_a_request(handle->received) && has_few_pairs(handle->received) &&
-        request.ParseFromString(handle->received) && request.has_request() && texts_are_whole(request.request())) {
-        return 0;
-    }
-    request.Clear();
-    return -1;
+    handle->decoded = handle->received.size() <= INT_MAX && has_only_a_request(handle->received, unknown) &&
+                      has_few_pairs(handle->received) && parse_request(handle, unknown) &&
+                      texts_are_whole(handle->request.request());
+    return handle->decoded ? 0 : -1;
 }
 
 const char *proto_id(const Proto *handle) {
+    if (!handle->decoded) return nullptr;
     const std::string &id = handle->request.request().client_id();
     return id.empty() ? nullptr : id.c_str();
 }
@@ -151,7 +209,7 @@ void proto_change(Proto *handle) {
 
 int proto_encode(Proto *handle) {
     handle->buffer.clear();
-    if (!handle->answer.has_reply()) return -1;
+    if (!handle->answered) return -1;
     const ProtoGetChangeCallback get_change = handle->callbacks.get_change;
     handle->answer.mutable_reply()->set_change_count(get_change != nullptr ? get_change() : 0);
     return codec_store(handle, handle->answer);

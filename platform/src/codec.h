@@ -23,8 +23,10 @@ struct ProtoCallbacks {
 
 struct Proto {
     std::string received;
-    wire::Message request; /* its body is a request once decoded */
-    wire::Message answer;  /* its body is a reply once processed */
+    wire::Message request; /* of this use of the handle only when decoded */
+    wire::Message answer;  /* of this use of the handle only when answered */
+    bool decoded, answered;
+    bool has_unknown;      /* the request has fields that the contract does not have */
     std::string buffer;    /* never empty once encoded: a message always has a body */
     const char *discovery; /* the static discovery text, borrowed */
     void *private_data;

@@ -157,17 +157,16 @@ static wire::Status answer(Proto *handle, const wire::Request &request, wire::Re
 }
 
 int proto_process(Proto *handle) {
-    handle->answer.Clear();
-    if (!handle->request.has_request()) return -1;
+    handle->answered = false;
+    if (!handle->decoded) return -1;
     const wire::Request &request = handle->request.request();
     wire::Reply *reply = handle->answer.mutable_reply();
+    reply->Clear();
     reply->set_client_id(request.client_id());
     reply->set_sequence(request.sequence());
     const wire::Status status = answer(handle, request, reply);
-    if (status == wire::STATUS_UNSPECIFIED) {
-        handle->answer.Clear();
-        return -1;
-    }
+    if (status == wire::STATUS_UNSPECIFIED) return -1;
     reply->set_status(status);
+    handle->answered = true;
     return 0;
 }
