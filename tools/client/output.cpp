@@ -110,6 +110,21 @@ Saying say_echo(const wire::Reply &reply) {
     return {json, "client " + printable(reply.client_id()) + " wrote " + text};
 }
 
+Saying say_what(const wire::Message &message) {
+    return message.has_event() ? say_event(message.event()) : say_echo(message.reply());
+}
+
+/* The time that a message came at, and `rest`. */
+Saying say_timed(const Json &rest, const std::string &text) {
+    Saying saying{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + text};
+    saying.json.update(rest);
+    return saying;
+}
+
+std::string source_text(const Source &source) {
+    return source.serial.empty() ? source.address : printable(source.model) + " " + printable(source.serial);
+}
+
 }  // namespace
 
 void print_saying(bool json, const Saying &saying) {
@@ -210,8 +225,16 @@ Saying say_write_all(const wire::MultiWriteResult &result) {
 }
 
 Saying say_published(const wire::Message &message) {
-    const Saying what = message.has_event() ? say_event(message.event()) : say_echo(message.reply());
-    Saying saying{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + what.text};
-    saying.json.update(what.json);
-    return saying;
+    const Saying what = say_what(message);
+    return say_timed(what.json, what.text);
+}
+
+Saying say_published_by(const Source &source, const wire::Message &message) {
+    const Saying what = say_what(message);
+    Json json = {
+        {"device",    {{"address", source.address}, {"model", source.model}, {"serial", source.serial}}},
+        {"client_id", nullptr                                                                          }  // the device itself
+    };
+    json.update(what.json);  // an echo names its client
+    return say_timed(json, source_text(source) + ": " + (message.has_event() ? "device: " : "") + what.text);
 }

@@ -29,4 +29,11 @@ Saying say_write(const wire::WriteResult &result);
 Saying say_write_all(const wire::MultiWriteResult &result);
 Saying say_published(const wire::Message &message); /* with the local time of now */
 
+/* Whose events are shown. */
+struct Source {
+    std::string address;
+    std::string model, serial;  // empty while the device does not know itself yet
+};
+Saying say_published_by(const Source &source, const wire::Message &message); /* the same, with device and causer */
+
 #endif

@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include "discovery.h"
 #include "failure.h"
 #include "output.h"
 
@@ -13,10 +14,23 @@ namespace {
 constexpr gint64 us_per_ms = 1000;
 constexpr gint64 ask_every_us = 5000 * us_per_ms;
 
+/* Of the static discovery text. */
+constexpr size_t static_field_count = 8, static_model = 0, static_serial = 6;
+
+Source source_of(Session &session) {
+    Source source{session.account.login.address, "", ""};
+    const std::vector<std::string> fields = split_discovery_text(session_static_discovery(session));
+    if (fields.size() != static_field_count) return source;
+    source.model = fields[static_model];
+    source.serial = fields[static_serial];
+    return source;
+}
+
 void watch_events(Session &session, const Options &options) {
     const gint64 begin_us = g_get_monotonic_time();
     const gint64 end_us = options.for_ms > 0 ? begin_us + options.for_ms * us_per_ms : G_MAXINT64;
     gint64 ask_us = begin_us;
+    const Source source = source_of(session);
     for (int shown_count = 0; !zsys_interrupted && (options.count == 0 || shown_count < options.count);) {
         const gint64 now_us = g_get_monotonic_time();
         if (now_us >= end_us) return;
@@ -28,7 +42,7 @@ void watch_events(Session &session, const Options &options) {
         const std::optional<wire::Message> message =
             receive_published(session.events, static_cast<int>(std::max<gint64>(wait_us / us_per_ms, 1)));
         if (!message) continue;
-        print_saying(options.json, say_published(*message));
+        print_saying(options.json, say_published_by(source, *message));
         ++shown_count;
     }
 }

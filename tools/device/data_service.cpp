@@ -118,7 +118,7 @@ GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, FaultKind
         case FaultKind::type:
         case FaultKind::empty: break;
     }
-    g_autoptr(GDBusMessage) honest = row.perform(device, call, arguments);
+    [[maybe_unused]] g_autoptr(GDBusMessage) honest = row.perform(device, call, arguments);
     const char *body = kind == FaultKind::type ? row.wrong_type : "()";
     return reply_with(call, g_variant_parse(nullptr, body, nullptr, nullptr, nullptr));
 }
@@ -156,7 +156,8 @@ void send_reply(GDBusConnection *connection, GDBusMessage *reply, guint late_ms)
 void data_service_called(GDBusConnection *connection, const char *, const char *, const char *, const char *method,
                          GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {
     Device &device = *static_cast<Device *>(argument);
-    g_autoptr(GDBusMethodInvocation) owned = invocation;  // it goes unanswered; our message answers the call
+    [[maybe_unused]] g_autoptr(GDBusMethodInvocation) owned =
+        invocation;  // it goes unanswered; our message answers the call
     GDBusMessage *call = g_dbus_method_invocation_get_message(invocation);
     const MethodRow *row = find_method(method);
     if (!row) return;
