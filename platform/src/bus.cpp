@@ -2,6 +2,7 @@
 // instead of failing the call, so that the shortage has to be noticed before; and connecting has no time-out.
 #include "bus.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -15,12 +16,15 @@ using namespace std::chrono_literals;
 constexpr auto connect_timeout = 25s;  // as long as GDBus waits for the answer to a call
 constexpr auto stop_signal_check_period = 1s;
 
-// GDBus wakes a waiting call through an eventfd of the call's own.
-static bool descriptor_available() {
-    const int probe = eventfd(0, EFD_CLOEXEC);
-    if (probe == -1) return false;
-    close(probe);
-    return true;
+constexpr size_t descriptors_to_connect = 8;  // GDBus's own wake-ups, its socket, and what looking for it opens
+constexpr size_t descriptors_to_call = 1;     // a waiting call is woken through one of its own
+
+static bool descriptors_available(size_t wanted) {
+    int opened[descriptors_to_connect];
+    size_t count = 0;
+    while (count < wanted && (opened[count] = eventfd(0, EFD_CLOEXEC)) != -1) ++count;
+    std::for_each_n(opened, count, close);
+    return count == wanted;
 }
 
 static bool stop_signal_waits() {
@@ -50,7 +54,7 @@ static GDBusConnection *connect_within_limit() {
 GDBusConnection *bus_connect() {
     static GWeakRef connected;  // GIO's own one per process; asked for anew, it would need the limit's thread each time
     if (gpointer standing = g_weak_ref_get(&connected)) return G_DBUS_CONNECTION(standing);
-    if (!descriptor_available()) return nullptr;
+    if (!descriptors_available(descriptors_to_connect)) return nullptr;
 
     GDBusConnection *connection = connect_within_limit();
     if (connection == nullptr) return nullptr;
@@ -61,7 +65,7 @@ GDBusConnection *bus_connect() {
 
 GVariant *bus_call(GDBusConnection *connection, const BusMethod &method, GVariant *parameters, int timeout_ms) {
     g_autoptr(GVariant) owned = g_variant_ref_sink(parameters);
-    if (!descriptor_available()) return nullptr;
+    if (!descriptors_available(descriptors_to_call)) return nullptr;
     return g_dbus_connection_call_sync(connection, method.service, method.path, method.interface, method.name, owned,
                                        nullptr, G_DBUS_CALL_FLAGS_NONE, timeout_ms, nullptr, nullptr);
 }

@@ -6,7 +6,7 @@
 #include <climits>
 #include <initializer_list>
 #include <iterator>
-#include <sanitizer/asan_interface.h>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -32,32 +32,15 @@ void proto_init(int, int) { previous_log_handler = google::protobuf::SetLogHandl
 void proto_deinit(void) { google::protobuf::SetLogHandler(previous_log_handler); }
 
 // A thread's last handle is kept for its next one, with the room that its messages have: most of what a short exchange
-// allocates. One that has grown large is not. Whoever uses a handle after its end is still caught by the address
-// sanitizer.
+// allocates. One that has grown large is not.
 constexpr size_t bytes_worth_keeping = 4096;
-
-struct SpareHandle {
-    Proto *handle = nullptr;
-    ~SpareHandle() { delete take(); }
-    void keep(Proto *done) {
-        handle = done;
-        ASAN_POISON_MEMORY_REGION(handle, sizeof(Proto));
-    }
-    Proto *take() {
-        if (handle != nullptr) ASAN_UNPOISON_MEMORY_REGION(handle, sizeof(Proto));
-        return std::exchange(handle, nullptr);
-    }
-};
-static thread_local SpareHandle spare;
+static thread_local std::unique_ptr<Proto> spare;
 
 static bool is_worth_keeping(const Proto &handle) {
     return handle.received.capacity() <= bytes_worth_keeping && handle.buffer.capacity() <= bytes_worth_keeping;
 }
 
-Proto *proto_new(void) {
-    Proto *kept = spare.take();
-    return kept != nullptr ? kept : new Proto{};
-}
+Proto *proto_new(void) { return spare ? spare.release() : new Proto{}; }
 
 Proto *proto_new_full(const void *bytes, size_t length) {
     Proto *handle = proto_new();
@@ -76,13 +59,10 @@ static void make_empty(Proto &handle) {
 
 void proto_destroy(Proto **handle) {
     if (handle == nullptr || *handle == nullptr) return;
-    Proto *done = std::exchange(*handle, nullptr);
-    if (spare.handle != nullptr || !is_worth_keeping(*done)) {
-        delete done;
-    } else {
-        make_empty(*done);
-        spare.keep(done);
-    }
+    std::unique_ptr<Proto> done(std::exchange(*handle, nullptr));
+    if (spare || !is_worth_keeping(*done)) return;
+    make_empty(*done);
+    spare = std::move(done);
 }
 
 void proto_set_discovery(Proto *handle, const char *text) { handle->discovery = text; }

@@ -34,9 +34,10 @@ typedef struct KestoDbusMethod {
 } KestoDbusMethod;
 
 /* Connects to the session bus and takes `bus_name` at once, without queueing. `reserved` is 0.
- * Returns nothing when there is no bus, the name is taken or the bus does not answer. Blocks for as long as that takes:
- * connecting, being greeted and taking the name are given up after 25 s each; connecting also about 1 s after a SIGINT
- * or SIGTERM that the process keeps blocked. The caller owns the result: kesto_process_destroy. */
+ * Returns nothing when there is no bus, the name is taken, the bus does not answer, an argument is no proper name or
+ * the object is exported already. Blocks for as long as that takes: connecting, being greeted and taking the name are
+ * given up after 25 s each; connecting also about 1 s after a SIGINT or SIGTERM that the process keeps blocked. The
+ * caller owns the result: kesto_process_destroy. */
 KestoProcess *kesto_process_new(const char *bus_name, const char *object_path, const char *interface_name,
                                 int reserved);
 

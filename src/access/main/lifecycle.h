@@ -11,9 +11,9 @@ extern const KestoOps kesto_access_ops;
  * and SIGTERM then have their usual effect on the process. */
 int kesto_access_start(KestoProcess *process);
 
-/* Asks the network thread to stop, waits for its end and releases the private data. The wait is as long as its running
- * D-Bus calls need: up to 65 s for one, and at the start one after the other for each text of the identity. 0, or -1
- * when the process has none. */
+/* Asks the network thread to stop, waits for its end and releases the private data. The wait is as long as the
+ * D-Bus call under way needs, at most 25 s, in a multi-write 65 s; no further one begins. Each known client adds about
+ * a millisecond. 0, or -1 when the process has none. */
 int kesto_access_stop(KestoProcess *process);
 
 #endif

@@ -39,7 +39,7 @@ struct Exchange {
 /* Receives one request without waiting and makes the codec handle. False when nothing could be received. */
 bool exchange_receive(Exchange &exchange);
 
-/* False when the bytes are not a request, or came in more frames than one. */
+/* False when the bytes are not a request, came in more frames than one, or take more memory than there is. */
 bool exchange_decode(Exchange &exchange);
 
 /* Carries the decoded request out, calling the callbacks, and encodes the answer; an empty frame when there is none. */

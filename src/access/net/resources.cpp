@@ -1,7 +1,9 @@
 #include "net/resources.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -25,8 +27,11 @@ static_assert(descriptors_for_socket + descriptors_of_session <= descriptors_kep
 static constexpr size_t memory_for_connection = 3 << 20, memory_for_socket = 6 << 20;  // with what comes in meanwhile
 static_assert(memory_for_connection < memory_for_socket);
 
-static constexpr size_t large_request_bytes = 64 << 10;  // smaller ones live in what the heap has
-static constexpr size_t memory_for_request_byte = 16;    // a full multi-write takes 13 for each
+// What a multi-write takes while it is decoded, sent on and answered: its bytes several times, and for each pair what
+// the codec, D-Bus and the answer hold of it. Smaller requests live in what is kept from connections.
+static constexpr size_t large_request_bytes = 4 << 10;
+static constexpr size_t memory_for_request_byte = 16;
+static constexpr size_t memory_for_pair = 1200, shortest_pair_bytes = 6, most_pairs = 65536;
 
 static constexpr uint8_t tcp_established = 1;  // the kernel's state number; its header names none
 static constexpr uint32_t silence_ms = 1000;
@@ -34,6 +39,7 @@ static constexpr uint64_t shortest_greeting_bytes = 12;  // of version 2 of the 
 static constexpr uint64_t greeting_bytes = 64;           // of version 3
 
 static std::atomic<bool> room_wanted = false;
+static std::atomic<int> highest_connection = -1;  // descriptor that a connection has had
 
 void resources_raise_descriptor_limit() {
     rlimit limit = {};
@@ -85,7 +91,9 @@ bool resources_for_socket() {
 }
 
 bool resources_for_request(size_t bytes) {
-    return bytes < large_request_bytes || memory_free(bytes * memory_for_request_byte);
+    if (bytes < large_request_bytes) return true;
+    const size_t pairs = std::min(bytes / shortest_pair_bytes, most_pairs);
+    return memory_free(bytes * memory_for_request_byte + pairs * memory_for_pair);
 }
 
 bool resources_for_bus_call() { return descriptors_free(descriptors_for_bus_call); }
@@ -104,6 +112,12 @@ static bool is_one_of_the_last(int descriptor) {
     return static_cast<size_t>(descriptor) + descriptors_kept_from_connections >= resources_descriptor_limit();
 }
 
+static void note_connection(int descriptor) {
+    int highest = highest_connection;
+    while (descriptor > highest && !highest_connection.compare_exchange_weak(highest, descriptor)) {
+    }
+}
+
 /* Takes the place of the C library's in libzmq, which cannot be told how many connections it may have: with the last
  * descriptor gone its thread would spin, and whatever else needs one would abort. What is refused here is to libzmq a
  * connection that was gone before it could be accepted. */
@@ -112,14 +126,18 @@ extern "C" [[gnu::visibility("default"), gnu::used]] int accept4(int listener, s
     const long accepted = syscall(SYS_accept4, listener, address, size, flags);
     const int descriptor = static_cast<int>(accepted);
     if (descriptor == -1) return -1;
-    if (!is_one_of_the_last(descriptor) && memory_free(memory_for_connection)) return descriptor;
+    if (!is_one_of_the_last(descriptor) && memory_free(memory_for_connection)) {
+        note_connection(descriptor);
+        return descriptor;
+    }
     close(descriptor);
     room_wanted = true;
     errno = ECONNABORTED;
     return -1;
 }
 
-// A peer of version 3 has had all of our greeting, and nothing more before we have all of its own.
+// A peer of version 3 has had all of our greeting, and nothing more before we have all of its own. One of version 2
+// that has been quiet may look the same; it is closed with the others and comes back.
 static bool waits_for_greeting(const tcp_info &info) {
     return info.tcpi_bytes_received < shortest_greeting_bytes ||
            (info.tcpi_bytes_received < greeting_bytes && info.tcpi_bytes_sent == greeting_bytes);
@@ -128,14 +146,15 @@ static bool waits_for_greeting(const tcp_info &info) {
 static bool is_silent_connection(int descriptor) {
     tcp_info info = {};
     socklen_t size = sizeof(info);
-    return getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && info.tcpi_state == tcp_established &&
-           info.tcpi_last_data_recv >= silence_ms && waits_for_greeting(info);
+    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return false;
+    const bool tells_bytes = size >= offsetof(tcp_info, tcpi_bytes_sent) + sizeof(info.tcpi_bytes_sent);
+    return tells_bytes && info.tcpi_state == tcp_established && info.tcpi_last_data_recv >= silence_ms &&
+           waits_for_greeting(info);
 }
 
 void resources_drop_silent_connections() {
     if (!room_wanted.exchange(false)) return;
-    const int limit = static_cast<int>(resources_descriptor_limit());
-    for (int descriptor = 0; descriptor < limit; ++descriptor) {
+    for (int descriptor = 0; descriptor <= highest_connection; ++descriptor) {
         if (is_silent_connection(descriptor)) shutdown(descriptor, SHUT_RDWR);  // libzmq then closes it
     }
 }

@@ -50,7 +50,7 @@ static constexpr SocketOption event_options[] = {
     {zsock_set_reconnect_ivl_max,   1000}, // ms
 };
 
-static constexpr size_t sockets_of_session = 2;
+static constexpr SessionCount one_session = {.sockets = 2, .sessions = 1};
 
 // A socket has one descriptor, and a session two more to listen at. A session that is granted is of no use without its
 // connections, which come later and are three: to the authentication, the command and the event socket.
@@ -115,10 +115,6 @@ static SessionPorts take_ports(const Client *client) {
     return ports;
 }
 
-struct SessionCount {
-    size_t sockets, sessions;
-};
-
 static SessionCount count_sessions(const AccessServer *server) {
     SessionCount count = {.sockets = 1, .sessions = 0};  // the authentication socket
     GHashTableIter clients;
@@ -130,14 +126,14 @@ static SessionCount count_sessions(const AccessServer *server) {
         count.sessions += 1;
         count.sockets += 1;
         if (client->cl_events != nullptr) count.sockets += 1;
-        if (client->cl_monitor != nullptr) count.sockets += sockets_of_monitor;
+        if (client->cl_monitor != nullptr) count.sockets += one_monitor.sockets;
     }
     return count;
 }
 
-bool session_sockets_left(const AccessServer *server, size_t wanted) {
+bool session_room_left(const AccessServer *server, SessionCount further) {
     const SessionCount count = count_sessions(server);
-    const size_t sockets = count.sockets + wanted, sessions = count.sessions + 1;  // with the one to be opened
+    const size_t sockets = count.sockets + further.sockets, sessions = count.sessions + further.sessions;
     return sockets <= resources_socket_limit() &&
            sockets + sessions * descriptors_beside_sockets + descriptors_of_service <= resources_descriptor_limit();
 }
@@ -152,7 +148,7 @@ static void set_heartbeat(zsock_t *socket) {
 }
 
 static int open_command_socket(Client *client, const SessionRequest &want, const char *address, int32_t port) {
-    if (session_sockets_left(client->cl_server, sockets_of_session)) client->cl_cmds = new_socket(ZMQ_REP);
+    if (session_room_left(client->cl_server, one_session)) client->cl_cmds = new_socket(ZMQ_REP);
     if (client->cl_cmds == nullptr) {
         LOG("zsocket_new (tcp://*:%d)\n", port);
         return -1;

@@ -11,9 +11,14 @@
 struct AccessServer;
 struct Client;
 
-/* ZeroMQ sockets that a monitor costs: its pipe and the one between it and the socket that it watches, two ends each.
+struct SessionCount {
+    size_t sockets;  /* of ZeroMQ */
+    size_t sessions; /* whose connections are still to come */
+};
+
+/* A monitor of a session that is there: its pipe, and the one between it and the socket that it watches, two ends each.
  */
-constexpr size_t sockets_of_monitor = 4;
+constexpr SessionCount one_monitor = {.sockets = 4, .sessions = 0};
 
 /* What a login asked for; non-zero means yes. */
 struct SessionRequest {
@@ -34,8 +39,9 @@ struct SessionPorts {
  * monitor does. */
 int session_open(Client *client, const SessionRequest &want);
 
-/* The process may have that many more ZeroMQ sockets, with the descriptors that they and their connections need. */
-bool session_sockets_left(const AccessServer *server, size_t wanted);
+/* The process may have that many more beside its own sessions, with the descriptors that they and their connections
+ * need. Strangers' connections are not counted: they give way. */
+bool session_room_left(const AccessServer *server, SessionCount further);
 
 /* "(a{sv})" with one entry, "ports"; floating: the caller sinks it or hands it on. */
 GVariant *session_login_reply(SessionPorts ports);

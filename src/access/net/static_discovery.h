@@ -15,7 +15,8 @@ void ensure_static_discovery(AccessServer *server);
 /* The text, of at most 8191 bytes; empty until it could be computed. The same buffer as long as the process lives. */
 const char *static_discovery_text();
 
-/* Creates the file with the text, unless a file of that path is there already. A file that cannot be opened is logged
+/* Creates the file with the text, unless a file of that path is there already, and never
+ * through a symbolic link. A file that cannot be opened is logged
  * and left out; one that cannot be written whole is removed without a report, so that a later start may write it. */
 void write_file_once(const char *path, const char *text);
 
