@@ -4,8 +4,6 @@ add_library(access_options INTERFACE)
 target_compile_options(access_options INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align -Werror
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
-  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
   -fno-omit-frame-pointer)
 
 # Hardening. Fortify needs an optimised build and gets in the way of the sanitizers.

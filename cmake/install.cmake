@@ -1,0 +1,42 @@
+# What `cmake --install` puts where, beside the targets. A component is what one package holds: access, standin, tools;
+# dev is for those who build against the platform's headers.
+set(install_docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
+set(install_configured ${PROJECT_BINARY_DIR}/packaging)
+
+# /etc when the prefix is /usr, else below the prefix.
+set(install_settings ${CMAKE_INSTALL_SYSCONFDIR}/default)
+cmake_path(IS_PREFIX CMAKE_INSTALL_PREFIX ${CMAKE_INSTALL_FULL_SYSCONFDIR} below_prefix)
+if(NOT below_prefix)
+  set(install_settings ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default)
+endif()
+
+# The unit and the D-Bus file name the program where it is installed.
+function(install_template template destination)
+  cmake_path(GET template FILENAME name)
+  string(REGEX REPLACE "\\.in$" "" name ${name})
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/${template} ${install_configured}/${name} @ONLY)
+  install(FILES ${install_configured}/${name} DESTINATION ${destination} COMPONENT access)
+endfunction()
+
+install_template(systemd/kesto-access.service.in lib/systemd/user)
+install_template(dbus/com.quillmont.kesto.Access.service.in ${CMAKE_INSTALL_DATADIR}/dbus-1/services)
+install(FILES packaging/dbus/com.quillmont.kesto.Access.xml
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT access)
+install(FILES packaging/systemd/kesto-access.sysctl
+  DESTINATION lib/sysctl.d RENAME 50-kesto-access.conf COMPONENT access)
+install(FILES packaging/systemd/kesto-access.environment
+  DESTINATION ${install_settings} RENAME kesto-access COMPONENT access)
+install(FILES packaging/README.md docs/architecture.md
+  DESTINATION ${install_docs}/kesto-access COMPONENT access)
+install(FILES docs/man/kesto-access.8
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT access OPTIONAL)
+
+install(FILES proto/access.proto DESTINATION ${CMAKE_INSTALL_DATADIR}/kesto COMPONENT tools)
+install(FILES docs/protocol.md DESTINATION ${install_docs}/kesto-tools COMPONENT tools OPTIONAL)
+foreach(program kesto-client kesto-device)
+  install(FILES docs/man/${program}.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
+  # bash looks for a file of the command's name.
+  install(FILES packaging/completion/kesto-tools
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT tools OPTIONAL)
+endforeach()
