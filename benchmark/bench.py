@@ -7,13 +7,14 @@ import platform
 import subprocess
 import sys
 
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT))
 import counts
 import peer
 import report
 import rows
-import stage
+from lab.stage import Failure, Stage
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
 PACKAGES = ("libczmq4", "libzmq5", "libglib2.0-0", "libssl3", "libprotobuf-lite32", "dbus-daemon", "libc6", "g++",
             "valgrind", "mosquitto")
 
@@ -35,8 +36,9 @@ def machine():
 
 
 def measure_once(on, side, effort):
-    with on.measured([on.programs / stage.PROGRAM[side]]) as process:
-        output = on.load([on.programs / "bench-load", "measure", str(process.pid), str(effort)])
+    on.start_program([on.bin / rows.PROGRAM[side]])
+    output = on.load([on.bin / "bench-load", "measure", on.pid, effort])
+    on.stop()
     return {"side": side, "figures": json.loads(output)}
 
 
@@ -44,7 +46,7 @@ def measure(programs, round_count, effort):
     """The floor and the service by turns, beginning and ending with the floor."""
     runs = []
     sides = ["floor"] + ["service", "floor"] * round_count
-    with stage.Stage(programs) as on:
+    with Stage(programs, pinned=True, start=False) as on:
         for i, side in enumerate(sides):
             print(f"\rrun {i + 1} of {len(sides)}: {side:<8}", end="", file=sys.stderr, flush=True)
             runs.append(measure_once(on, side, effort))
@@ -88,7 +90,7 @@ def run(chosen):
         return 0
     status = 0
     if chosen.counts:
-        counted = counts.count(chosen.programs, ["service"] if chosen.check else stage.PROGRAM)
+        counted = counts.count(chosen.programs, ["service"] if chosen.check else rows.PROGRAM)
         print_table(*counts.table(counted))
         status = counts.judge(counted, chosen)
         if not chosen.check:  # which leaves the floor out
@@ -109,5 +111,5 @@ def run(chosen):
 if __name__ == "__main__":
     try:
         sys.exit(run(options()))
-    except stage.Failure as failure:
+    except Failure as failure:
         sys.exit(f"bench: {failure}")

@@ -3,15 +3,14 @@
 Each counter observes a running program from outside and is read before and after a known number of pieces of work, so
 that neither the start nor the warm-up is in the figure. One run per program and counter.
 """
-import contextlib
 import json
 import pathlib
 import re
 import subprocess
 
-import stage
+import rows
+from lab.stage import Failure, Stage
 
-COUNTERS = ("instructions", "allocations", "system calls")
 # An event that reaches more clients costs this much more for each of them.
 FEW_CLIENTS, MORE_CLIENTS = 1, 21
 WORK = {"read": "read, one bus call", "authorize": "authorize, no bus call", "discovery": "discovery of a known id",
@@ -24,17 +23,16 @@ FREE = {"instructions": 500, "allocations": 0.5, "system calls": 2}
 class Instructions:
     """Callgrind's, of all threads, outside the kernel."""
 
-    def __init__(self, folder):
-        self.dumps = folder / "callgrind"
-        self.environment = {}
+    def __init__(self, on):
+        self.dumps = on.folder / "callgrind"
         self.total = 0
 
     def command(self, program):
         return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={self.dumps}", program]
 
-    def read(self, process):
-        subprocess.run(["vgdb", f"--pid={process.pid}", "dump"], check=True, stdout=subprocess.DEVNULL,
-                       stderr=subprocess.DEVNULL)
+    def read(self, on):
+        subprocess.run(["vgdb", f"--pid={on.pid}", "dump"], env=on.environment,  # its pipe is named after the user in it
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         newest = max(self.dumps.parent.glob("callgrind.*"), key=lambda path: int(path.suffix[1:]))
         self.total += int(re.search(r"^totals: (\d+)", newest.read_text(), re.MULTILINE).group(1))
         return self.total
@@ -43,42 +41,42 @@ class Instructions:
 class Allocations:
     """Calls of malloc and its like, by a library in front of the C library's."""
 
-    def __init__(self, folder, programs):
-        self.file = folder / "allocations"
-        library = pathlib.Path(programs).parent / "lib/libbench-allocations.so"
-        self.environment = {"LD_PRELOAD": str(library), "BENCH_ALLOCATIONS": str(self.file)}
+    def __init__(self, on):
+        self.file = on.folder / "allocations"
+        on.env = {"LD_PRELOAD": str(on.bin.parent / "lib/libbench-allocations.so"), "BENCH_ALLOCATIONS": str(self.file)}
 
     def command(self, program):
         return [program]
 
-    def read(self, _process):
+    def read(self, _):
         return int.from_bytes(self.file.read_bytes(), "little")
 
 
 class SystemCalls:
     """strace's, of all threads."""
 
-    def __init__(self, folder):
-        self.file = folder / "strace"
-        self.environment = {}
+    def __init__(self, on):
+        self.file = on.folder / "strace"
 
     def command(self, program):
         # With -D the program keeps the process id that its starter knows.
         return ["strace", "-D", "-f", "-qq", "-e", "signal=none", "-o", self.file, program]
 
-    def read(self, _process):
+    def read(self, _):
         return sum(" resumed>" not in line for line in self.file.read_text(errors="replace").splitlines())
 
 
-def observe(on, command, counter):
+COUNTERS = {"instructions": Instructions, "allocations": Allocations, "system calls": SystemCalls}
+
+
+def observe(on, counter):
     """{name: count per piece of work}"""
-    load = subprocess.Popen([on.programs / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                            stderr=on.log, text=True)
+    load = on.start("load", [on.bin / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     figures, before = {}, 0
     with load:
         for line in load.stdout:
             step, name, pieces = line.split()
-            now = counter.read(command)
+            now = counter.read(on)
             if step == "begin":
                 before = now
             else:
@@ -86,7 +84,7 @@ def observe(on, command, counter):
             load.stdin.write("\n")
             load.stdin.flush()
     if load.returncode != 0:
-        raise stage.Failure(f"counting failed; the end of the programs' log:\n{on.log_text()[-2000:]}")
+        raise Failure(f"counting failed: {on.role_log('load')}; the program: {on.last_words()}")
     more = figures.pop(f"event-{MORE_CLIENTS}")
     figures["event-client"] = (more - figures[f"event-{FEW_CLIENTS}"]) / (MORE_CLIENTS - FEW_CLIENTS)
     return figures
@@ -97,11 +95,11 @@ def count(programs, sides):
     counted = {name: {} for name in COUNTERS}
     for side in sides:
         for name in COUNTERS:
-            with stage.Stage(programs) as on:
-                counter = {"instructions": lambda: Instructions(on.folder), "system calls": lambda: SystemCalls(on.folder),
-                           "allocations": lambda: Allocations(on.folder, programs)}[name]()
-                with on.measured(counter.command(on.programs / stage.PROGRAM[side]), environment=counter.environment) as process:
-                    counted[name][side] = observe(on, process, counter)
+            with Stage(programs, pinned=True, start=False) as on:
+                counter = COUNTERS[name](on)
+                on.start_program(counter.command(on.bin / rows.PROGRAM[side]))
+                counted[name][side] = observe(on, counter)
+                on.stop()
     return counted
 
 
@@ -109,7 +107,7 @@ def _texts(name, figures):
     """The figure of each side, and their ratio when there are two."""
     digits = 0 if name == "instructions" else 1
     ratio = f"{figures['service'] / figures['floor']:.2f}" if figures.get("floor", 0) >= 0.05 else "-"
-    return [*(f"{figures[side]:.{digits}f}" if side in figures else "-" for side in stage.PROGRAM), ratio]
+    return [*(f"{figures[side]:.{digits}f}" if side in figures else "-" for side in rows.PROGRAM), ratio]
 
 
 def table(counted):

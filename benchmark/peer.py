@@ -8,7 +8,7 @@ import json
 import statistics
 
 import rows
-import stage
+from lab.stage import Stage
 
 BROKER_PORT = 1883
 CONFIGURATION = f"""listener {BROKER_PORT} 127.0.0.1
@@ -24,18 +24,22 @@ SIDES = ("broker", "service")
 def _broker_figures(on):
     configuration = on.folder / "mosquitto.conf"
     configuration.write_text(CONFIGURATION)
-    with on.measured(["/usr/sbin/mosquitto", "-c", configuration], port=BROKER_PORT) as process:
-        return json.loads(on.load([on.programs / "bench-peer", str(process.pid)]))
+    on.start_program(["/usr/sbin/mosquitto", "-c", configuration], port=BROKER_PORT)
+    output = on.load([on.bin / "bench-peer", on.pid])
+    on.stop()
+    return json.loads(output)
 
 
 def _service_figures(on):
-    with on.measured([on.programs / stage.PROGRAM["service"]]) as process:
-        return json.loads(on.load([on.programs / "bench-load", "events", str(process.pid), "1"]))
+    on.start_program()
+    output = on.load([on.bin / "bench-load", "events", on.pid, 1])
+    on.stop()
+    return json.loads(output)
 
 
 def measure(programs, round_count):
     """The figures of each round, of both."""
-    with stage.Stage(programs) as on:
+    with Stage(programs, pinned=True, start=False) as on:
         return [{"broker": _broker_figures(on), "service": _service_figures(on)} for _ in range(round_count)]
 
 

@@ -8,7 +8,7 @@ import subprocess
 import counts
 import peer
 import rows
-import stage
+from lab.stage import Failure
 
 SIDES = (("floor", "bare program"), ("service", "service"))
 
@@ -51,7 +51,7 @@ def _draw(folder, compared):
         script = _gnuplot(folder / f"{picture[0]}.svg", picture, compared)
         drawn = subprocess.run(["gnuplot"], input=script, text=True, stderr=subprocess.PIPE, check=False)
         if drawn.returncode != 0:
-            raise stage.Failure(f"gnuplot: {drawn.stderr.strip()}")
+            raise Failure(f"gnuplot: {drawn.stderr.strip()}")
 
 
 def _markdown(headings, lines):
@@ -95,7 +95,7 @@ def _over(compared):
 def _replace(page, mark, text):
     pattern = re.compile(f"(<!-- {mark} -->\n).*?(<!-- end -->)", re.DOTALL)
     if not pattern.search(page):
-        raise stage.Failure(f"docs/performance.md has lost its mark <!-- {mark} -->")
+        raise Failure(f"docs/performance.md has lost its mark <!-- {mark} -->")
     return pattern.sub(lambda found: found.group(1) + text + "\n" + found.group(2), page)
 
 
@@ -107,7 +107,7 @@ def _unexplained(page, compared):
 def write(root, kept):
     """Needs what ./bench has measured; what ./bench --peer and --counts have kept is shown when it is there."""
     if "runs" not in kept:
-        raise stage.Failure("there is nothing to report yet; run ./bench first")
+        raise Failure("there is nothing to report yet; run ./bench first")
     path = root / "docs/performance.md"
     page = path.read_text(encoding="utf-8")
     compared = rows.comparisons(kept["runs"])

@@ -2,6 +2,7 @@
 import dataclasses
 import statistics
 
+PROGRAM = {"floor": "bench-floor", "service": "kesto-access"}  # the two sides
 CLIENTS = (1, 10, 100)
 EVENT_CLIENTS = (1, 10, 100, 500)
 SESSIONS = (1, 10, 100, 250, 500, 998)

@@ -228,6 +228,7 @@ TEST_F(Unit, NoCallBeginsOnceAStopIsQueued) {
     push(BUS_EVENT_STOP);
     EXPECT_EQ(data_read_callback(handle, 0, "/k"), nullptr);
     EXPECT_EQ(server_load_identity(&server), 0);
+    identity_clear(&server.identity);
     EXPECT_EQ(server_mq_timer(nullptr, 1, &server), -1);
     EXPECT_FALSE(bus_event_stop_queued());
     EXPECT_EQ(recorded.front(), "unable to call method for DBUS datad proxy: the service is stopping");

@@ -1,34 +1,34 @@
 """The cases of this folder: a function each, registered under a name, run by run.py in a process and a sandbox of its own."""
+from lab.stage import Stage, check
+
 CASES = {}
 
 
-class Case:
-    """One run of a case: where the programs are, and what the case has measured."""
+class Case(Stage):
+    """The stage of one case, and in `notes` what the case measures on it."""
 
-    def __init__(self, bin_dir):
-        self.bin = bin_dir
-        self.figures = {}
+    def __init__(self, bin_dir, notes, **settings):
+        self.notes = notes
+        super().__init__(bin_dir, **settings)
 
     def note(self, what, value, unit=""):
-        """Records a figure under a name; it is printed as "WHAT VALUE UNIT" and kept as a number."""
-        self.figures[what] = [round(value, 3) if isinstance(value, float) else value, unit]
+        """Records a figure under a name, and returns it; it is printed as "WHAT VALUE UNIT" and kept as a number."""
+        self.notes[what] = [round(value, 3) if isinstance(value, float) else value, unit]
+        return value
+
+    def check_stop(self):
+        status, seconds = self.stop()
+        self.note("stop", 1000 * seconds, "ms")
+        check(status == 0, f"it ended with {self.last_words()}")
 
 
-class Failed(Exception):
-    """What a case found; the text says what should have been and what was."""
-
-
-def check(condition, text):
-    if not condition:
-        raise Failed(text)
-
-
-def case(name, shows, alone=False):
-    """Registers the decorated function, which is called with a Case, under `name`. `shows` says in a sentence what holds
-    when it returns. `alone`: nothing else runs beside it, because its figures are times."""
+def case(name, shows, alone=False, stage=Case, **settings):
+    """Registers the decorated function under `name`; it is called with what `stage` makes of these settings. `shows` says in
+    a sentence what holds when it returns. `alone`: nothing else runs beside it, because its figures are times, or because
+    threads count over the whole machine."""
 
     def register(function):
-        CASES[name] = {"function": function, "shows": shows, "alone": alone}
+        CASES[name] = {"function": function, "shows": shows, "alone": alone, "stage": stage, "settings": settings}
         return function
 
     return register

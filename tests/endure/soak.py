@@ -9,14 +9,16 @@ import json
 import multiprocessing
 import os
 import random
-import subprocess
 import sys
 import time
 from pathlib import Path
 
-from box import AUTH_PORT, Box, wait_until
-from cases import Case, check
-from run import ROOT, generate_contract
+import zmq
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+sys.path.append(str(ROOT))
+from lab.remote import Remote, connect, discovery_request, discovery_socket, raise_own_limits, wire
+from lab.stage import AUTH_PORT, LISTENING, Stage, check, tcp_sockets, wait_until
 
 ROUNDS, WORKERS = 10, 2
 SAMPLE_S, RESTART_S, EVENT_S, SETTLE_S = 5, 20, 0.01, 2
@@ -33,19 +35,18 @@ def count(what):
 
 
 def sessions_open():
-    """Half the service's listening ports, from the kernel's table: nobody has to connect to them for it."""
-    lines = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
-    return sum(line[3] == "0A" and int(line[1].split(":")[1], 16) in SESSION_PORTS for line in lines) // 2
+    """Each listens on two ports."""
+    return sum(port in SESSION_PORTS for port, _ in tcp_sockets(LISTENING)) // 2
 
 
-def visit(remote, number, door, rng):
+def visit(number, door, rng):
     """The combinations of flags in turn, all else by chance. A session that vanishes is watched, and so logged off."""
     flags = {name: number >> bit & 1 for bit, name in enumerate(FLAGS)}
     vanishes = flags["monitor"] and rng.random() < 0.3
-    client = remote.Remote(f"soak-{os.getpid()}" + (f"-{number}" if vanishes or rng.random() < 0.5 else ""), door)
+    client = Remote(f"soak-{os.getpid()}" + (f"-{number}" if vanishes or rng.random() < 0.5 else ""), door)
     if rng.random() < 0.3:
-        with remote.discovery_socket() as asking:
-            asking.send(remote.discovery_request(client.id))
+        with discovery_socket() as asking:
+            asking.send(discovery_request(client.id))
             check(asking.recv(9000).startswith(b"@?D"), "an odd answer to a discovery request")
     check(rng.random() > 0.1 or client.log_in(password="wrong") is None, "a login with a wrong password")
     while not client.log_in(**flags):
@@ -54,37 +55,36 @@ def visit(remote, number, door, rng):
     if rng.random() < 0.5:
         client.listen()
     acts = (client.read, lambda: client.write("/Device/Config/Name", str(number)), lambda: client.log_in(**flags),
-            lambda: client.ask(multi_write=remote.wire.MultiWrite(pairs=[remote.wire.Pair(key="/a", value="b")])))
+            lambda: client.ask(multi_write=wire.MultiWrite(pairs=[wire.Pair(key="/a", value="b")])))
     for act in (*rng.choices(acts, k=rng.randrange(4)), lambda: client.ask(change_count={})):
         act()
         count("requests")
     if vanishes:
         count("vanished")
     elif rng.random() < 0.5:
-        client.ask(login=remote.wire.Login())
+        client.ask(login=wire.Login())
     else:
         client.log_out()
     client.close()
 
 
 def play_clients(seed, end):
-    import remote  # here, because its contract is generated first
-    rng, door = random.Random(seed), remote.connect(remote.zmq.REQ, AUTH_PORT)
+    rng, door = random.Random(seed), connect(zmq.REQ, AUTH_PORT)
     for number in itertools.takewhile(lambda _: time.monotonic() < end, itertools.count()):
-        visit(remote, number, door, rng)
+        visit(number, door, rng)
 
 
-def play_platform(box, end):
+def play_platform(stage, end):
     while time.monotonic() < end:
         for event in EVENTS:
-            box.call(*event)
+            stage.call(*event)
             count("events")
         time.sleep(EVENT_S)
 
 
-def work_round(box, number, seconds, sample):
+def work_round(stage, number, seconds, sample):
     end, restart = time.monotonic() + seconds, time.monotonic() + RESTART_S
-    work = [(play_clients, (WORKERS * number + n, end)) for n in range(WORKERS)] + [(play_platform, (box, end))]
+    work = [(play_clients, (WORKERS * number + n, end)) for n in range(WORKERS)] + [(play_platform, (stage, end))]
     workers = [multiprocessing.Process(target=target, args=arguments) for target, arguments in work]
     for worker in workers:
         worker.start()
@@ -93,31 +93,32 @@ def work_round(box, number, seconds, sample):
         sample()
         if time.monotonic() > restart:
             restart += RESTART_S
-            box.kill(box.device)
-            box.start_device()
+            stage.kill(stage.device)
+            stage.start_device()
     check(not any(worker.exitcode for worker in workers), "a client failed; see above")
     wait_until(lambda: sessions_open() == 0, "all sessions are gone")
     time.sleep(SETTLE_S)
 
 
-def soak(box, minutes, out):
+def soak(stage, minutes, out):
     """(what the service holds after each round; status; entries that were still in its table when it stopped)"""
-    os.mkfifo(box.log_path)
-    last_words, begin, samples, quiet = box.folder / "last-words", time.monotonic(), [], []
+    os.mkfifo(stage.log_path)
+    last_words = stage.start("last-words", ["tail", "-n", "2000", stage.log_path])  # the log as a whole would fill the disk
+    begin, samples, quiet = time.monotonic(), [], []
 
     def sample(into=samples):
-        into.append({"s": round(time.monotonic() - begin, 1), **box.figures(), "open": sessions_open(),
+        into.append({"s": round(time.monotonic() - begin, 1), **stage.figures(), "open": sessions_open(),
                      **{name: value.value for name, value in COUNTS.items()}})
-    with last_words.open("wb") as end, subprocess.Popen(["tail", "-n", "2000", box.log_path], stdout=end):
-        box.start_service()
-        box.log_path = last_words  # the log as a whole would fill the disk
-        for number in range(ROUNDS):
-            work_round(box, number, minutes * 60 / ROUNDS, sample)
-            sample(quiet)
-            out.write_text(json.dumps({"quiet": quiet, "samples": samples}) + "\n")
-            print(quiet[-1], flush=True)
-        status, _ = box.stop()
-    return quiet, status, box.log().rpartition("destroy srv")[2].count("client_free_callback")
+    stage.start_program()
+    stage.log_path = stage.folder / "last-words.log"
+    for number in range(ROUNDS):
+        work_round(stage, number, minutes * 60 / ROUNDS, sample)
+        sample(quiet)
+        out.write_text(json.dumps({"quiet": quiet, "samples": samples}) + "\n")
+        print(quiet[-1], flush=True)
+    status, _ = stage.stop()
+    last_words.wait()
+    return quiet, status, stage.log().rpartition("destroy srv")[2].count("client_free_callback")
 
 
 def main():
@@ -127,10 +128,10 @@ def main():
     parser.add_argument("--out", type=Path, default=ROOT / "build" / "soak.json")
     parser.add_argument("--rss-kib", type=int, default=2048, help="what the allocator may keep beyond the first round's")
     options = parser.parse_args()
-    sys.path.append(str(generate_contract(options.bin.resolve())))
-    env = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
-    with Box(Case(options.bin.resolve()), env=env, debug=True, service=False) as box:
-        quiet, status, left = soak(box, options.minutes, options.out)
+    raise_own_limits()
+    sanitizers = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
+    with Stage(options.bin, env={"KESTO_DEBUG": "1", **sanitizers}, start=False) as stage:
+        quiet, status, left = soak(stage, options.minutes, options.out)
     for what, tolerance in (("descriptors", 0), ("threads", 0), ("rss_kib", options.rss_kib)):
         first, last = quiet[0][what], quiet[-1][what]
         print(f"{what}: {first} after the first round, {last} at the end")

@@ -1,21 +1,38 @@
-"""Remote clients and strangers. One ZeroMQ context for each process, so that a case may fork."""
+"""Remote clients and strangers. One ZeroMQ context for each process, so that the caller may fork."""
+import importlib
 import multiprocessing
 import os
+import resource
 import socket
-import statistics
+import subprocess
+import sys
+import tempfile
 import time
+from pathlib import Path
 
-import access_pb2 as wire
 import zmq
 
-from box import AUTH_PORT
-from cases import check
+from lab.stage import AUTH_PORT, check
 
 HOST, DISCOVERY_PORT = "127.0.0.1", 8004
 ANSWER_MS = 60000
-A_KEY = "/Device/Config/Hardware/Channels"
+A_KEY, A_VALUE = "/Device/Config/Hardware/Channels", "8"  # of the simulated device
 EXACT = 0x2000  # flag of a read: this key alone
 
+
+def load_contract():
+    """The messages of proto/access.proto. They are generated each time: that is quick, and never out of date."""
+    proto = Path(__file__).resolve().parent.parent / "proto"
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run(["protoc", f"--python_out={folder}", f"--proto_path={proto}", "access.proto"], check=True)
+        sys.path.insert(0, folder)
+        try:
+            return importlib.import_module("access_pb2")
+        finally:
+            sys.path.remove(folder)
+
+
+wire = load_contract()
 _contexts = {}
 
 
@@ -26,9 +43,15 @@ def context():
     return _contexts[os.getpid()]
 
 
-def connect(kind, port, timeout_ms=ANSWER_MS):
+def raise_own_limits():
+    """Whoever plays hundreds of clients needs what the system allows; programs that are started later inherit it."""
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+
+
+def connect(kind, port, rcvhwm=1000):
     made = context().socket(kind)
-    made.linger, made.rcvtimeo = 0, timeout_ms
+    made.linger, made.rcvtimeo, made.sndtimeo, made.rcvhwm = 0, ANSWER_MS, ANSWER_MS, rcvhwm
     made.connect(f"tcp://{HOST}:{port}")
     return made
 
@@ -67,10 +90,9 @@ class Remote:
         return self
 
     def listen(self, rcvhwm=1000):
-        self.events = context().socket(zmq.SUB)
-        self.events.linger, self.events.rcvtimeo, self.events.rcvhwm = 0, ANSWER_MS, rcvhwm
+        """Connects the event socket; an answer to a later request does not mean that it is subscribed."""
+        self.events = connect(zmq.SUB, self.ports[1], rcvhwm)
         self.events.subscribe(b"")
-        self.events.connect(f"tcp://{HOST}:{self.ports[1]}")
         return self
 
     def ask(self, **operation):
@@ -84,8 +106,17 @@ class Remote:
         reply = self.ask(read=wire.Read(key=key, flags=EXACT))
         return reply.value.text if reply is not None and reply.HasField("value") else None
 
+    def is_served(self):
+        return self.read() == A_VALUE
+
     def write(self, key, value):
         return self.ask(write=wire.Write(key=key, value=value))
+
+    def hear(self, wanted=lambda message: True):
+        """The next message on the event socket of which `wanted` is true; zmq.Again when none comes in ANSWER_MS."""
+        while not wanted(message := wire.Message.FromString(self.events.recv())):
+            pass
+        return message
 
     def log_out(self):
         exchange(self.door, request(self.id, login=wire.Login()))
@@ -98,13 +129,21 @@ class Remote:
         self.commands = self.events = None
 
 
+def enter(client_id, **flags):
+    """A client with a session that works."""
+    client = Remote(client_id)
+    check(client.log_in(**flags), f"{client_id} could not log in")
+    check(client.is_served(), f"the session of {client_id} does not work")
+    return client
+
+
 def discovery_request(client_id, public_key=""):
     return b"@?\x1c\x1c" + public_key.encode() + b"\x1c" + client_id.encode() + b"!"
 
 
-def discovery_socket(timeout_s=ANSWER_MS / 1000):
+def discovery_socket():
     made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    made.settimeout(timeout_s)
+    made.settimeout(ANSWER_MS / 1000)
     made.connect((HOST, DISCOVERY_PORT))
     return made
 
@@ -118,51 +157,43 @@ def stranger(port, first_bytes=b""):
 
 
 class Pace:
-    """A well-behaved client in a process of its own, which reads a key every `period_s` while the case does its worst.
+    """A well-behaved client in a process of its own, which reads a key every `period_s` while the caller does its worst.
 
-    with Pace() as pace: ... ; then pace.note(case): its requests, the median and the worst latency. Fails when a request
-    went unanswered or was answered with another value."""
+    with Pace() as pace: ... ; latencies_s = pace.end()"""
 
-    def __init__(self, client_id="well-behaved", period_s=0.01, user="root"):
+    def __init__(self, client_id="well-behaved", period_s=0.01):
         ready, self.results = multiprocessing.Event(), multiprocessing.SimpleQueue()
-        self.over = multiprocessing.Event()
-        self.process = multiprocessing.Process(target=self._run, args=(client_id, period_s, user, ready), daemon=True)
+        self.over, self.id = multiprocessing.Event(), client_id
+        self.process = multiprocessing.Process(target=self._run, args=(period_s, ready), daemon=True)
         self.process.start()
         check(ready.wait(ANSWER_MS / 1000), f"{client_id} could not log in")
 
-    def _run(self, client_id, period_s, user, ready):
-        client = Remote(client_id)
-        password = {"root": "vormi", "quillmont": "tandrivel"}[user]
-        ports, latencies, wrong = client.log_in(user, password), [], 0
-        expected = client.read()
-        if ports and expected:
-            ready.set()
+    def _run(self, period_s, ready):
+        client = enter(self.id)
+        ports, latencies_s, wrong = client.ports, [], 0
+        ready.set()
         while not self.over.is_set():
             begin = time.monotonic()
             try:
-                wrong += client.read() != expected
+                wrong += not client.is_served()
             except zmq.ZMQError:
                 wrong += 1
                 break
-            latencies.append(time.monotonic() - begin)
+            latencies_s.append(time.monotonic() - begin)
             self.over.wait(period_s)
-        wrong += client.log_in(user, password) != ports  # the session is still the one of the beginning
+        wrong += client.log_in() != ports  # the session is still the one of the beginning
         client.log_out()
-        self.results.put((latencies, wrong))
+        self.results.put((latencies_s, wrong))
+
+    def end(self):
+        """How long each answer took. A Failure when one was wrong or missing, or the session is another."""
+        self.over.set()
+        latencies_s, wrong = self.results.get()
+        check(wrong == 0, f"{self.id} had {wrong} wrong or missing answers")
+        return latencies_s
 
     def __enter__(self):
         return self
 
-    def __exit__(self, kind, *_):
-        self.over.set()
-        if kind is None:
-            self.latencies, self.wrong = self.results.get()
-            self.process.join()
-        else:
-            self.process.kill()
-
-    def note(self, case):
-        check(self.wrong == 0, f"the well-behaved client had {self.wrong} wrong or missing answers")
-        case.note("well-behaved requests", len(self.latencies))
-        case.note("median", 1000 * statistics.median(self.latencies), "ms")
-        case.note("worst", 1000 * max(self.latencies), "ms")
+    def __exit__(self, *_):
+        self.process.kill()
