@@ -73,6 +73,7 @@ struct Unit : testing::Test {
         bus_connection = nullptr;
         g_hash_table_foreach_remove(server.clients, client_free_callback, nullptr);
         g_hash_table_unref(server.clients);
+        identity_clear(&server.identity);
         g_async_queue_unref(priv.mq);
     }
     void push(uint32_t kind, uint32_t command = 0) {
@@ -228,7 +229,6 @@ TEST_F(Unit, NoCallBeginsOnceAStopIsQueued) {
     push(BUS_EVENT_STOP);
     EXPECT_EQ(data_read_callback(handle, 0, "/k"), nullptr);
     EXPECT_EQ(server_load_identity(&server), 0);
-    identity_clear(&server.identity);
     EXPECT_EQ(server_mq_timer(nullptr, 1, &server), -1);
     EXPECT_FALSE(bus_event_stop_queued());
     EXPECT_EQ(recorded.front(), "unable to call method for DBUS datad proxy: the service is stopping");
