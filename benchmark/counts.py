@@ -16,6 +16,8 @@ FEW_CLIENTS, MORE_CLIENTS = 1, 21
 WORK = {"read": "read, one bus call", "authorize": "authorize, no bus call", "discovery": "discovery of a known id",
         "event-1": "event, reported and sent to 1 client", "event-client": "event, each further client"}
 TOLERANCE = 0.10
+# How often threads meet each other asleep is the machine's business: shown, and not judged.
+UNJUDGED = {("instructions", "event-client"), ("system calls", "event-client"), ("system calls", "event-1")}
 # What threads do in waiting for each other differs from run to run, most of all in system calls.
 FREE = {"instructions": 500, "allocations": 0.5, "system calls": 2}
 
@@ -124,6 +126,8 @@ def excesses(counted, expected):
     found = []
     for name in COUNTERS:
         for work, text in WORK.items():
+            if (name, work) in UNJUDGED:
+                continue
             now, bound = counted[name]["service"][work], expected[name][work] * (1 + TOLERANCE) + FREE[name]
             if now > bound:
                 found.append(f"{text}: {now:.1f} {name}, expected {expected[name][work]:.1f}, bound {bound:.1f}")
