@@ -83,6 +83,8 @@ class Stage:
         self.folder = Path(self._owned_folder.name)
         self.log_path = self.folder / "program.log"
         if self.uid is not None:
+            for folder in (self.bin, *self.bin.parents):
+                check(folder.stat().st_mode & 0o001, f"nobody but its owner may enter {folder}, where the programs are")
             for folder in ("/tmp", self.folder):
                 os.chmod(folder, 0o1777)
         self.start_bus()

@@ -5,8 +5,8 @@
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/scripts/setup.sh"
+. "$root/scripts/programs.sh"
 
-children=()
 result=0
 
 # What the tour does, and the display filter that finds it.
@@ -56,28 +56,6 @@ malformed=(
     'command cut short      |-T|40000,63001|\x04\x01\x09|cut short'
 )
 
-stop_children() {
-    local i
-    for ((i = ${#children[@]} - 1; i >= 0; i--)); do
-        kill "${children[i]}" 2>/dev/null
-        wait "${children[i]}" 2>/dev/null
-    done
-    children=()
-}
-
-# start NAME READY COMMAND...: in the background; returns when its log holds READY.
-start() {
-    local log=$work/$1.log ready=$2
-    shift 2
-    : >"$log"
-    "$@" >"$log" 2>&1 &
-    children+=($!)
-    until grep -q "$ready" "$log"; do
-        kill -0 "${children[-1]}" 2>/dev/null || complain $failure "$1 did not start: $(tail -n 1 "$log")"
-        sleep 0.05
-    done
-}
-
 say() {
     printf '%-24s %s\n' "$1" "$2"
     [ "$2" = OK ] || result=$failure
@@ -117,8 +95,8 @@ raise_alarms() {
 }
 
 capture_tour() {
-    start bus unix: dbus-daemon --session --nofork --nopidfile --print-address --address="unix:path=$work/bus"
-    export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus KESTO_PASSWORD=tandrivel
+    start_bus
+    export KESTO_PASSWORD=tandrivel
     start device serving "$bin/kesto-device"
     KESTO_DEBUG=1 start service zsys_catch_interrupts "$bin/kesto-access"
     start capture 'File:' dumpcap -q -i lo -w "$work/tour.pcapng"

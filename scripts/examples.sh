@@ -4,10 +4,10 @@
 set -u
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/scripts/setup.sh"
+. "$root/scripts/programs.sh"
 
 copy=$root/build/examples  # as a client's author has taken it away: the contract and the examples
 visit_limit_s=60
-children=()
 
 # What an example must have printed, in this order.
 expected=(
@@ -36,27 +36,6 @@ prepare_copy() {
     (cd "$node" && npm ci --ignore-scripts --no-audit --no-fund) >"$copy/npm.log" 2>&1 ||
         complain $failure "npm could not install the Node example's libraries; the reason is in build/examples/npm.log"
     cp "$node/package-lock.json" "$node/node_modules/installed-lock.json"
-}
-
-stop_children() {
-    local i
-    for ((i = ${#children[@]} - 1; i >= 0; i--)); do
-        kill "${children[i]}" 2>/dev/null
-        wait "${children[i]}" 2>/dev/null
-    done
-}
-
-# start NAME READY COMMAND...: in the background; returns when its log holds READY.
-start() {
-    local log=$work/$1.log ready=$2
-    shift 2
-    : >"$log"
-    "$@" >"$log" 2>&1 &
-    children+=($!)
-    until grep -q "$ready" "$log"; do
-        kill -0 "${children[-1]}" 2>/dev/null || complain $failure "$1 did not start: $(tail -n 1 "$log")"
-        sleep 0.05
-    done
 }
 
 # The first of the expected lines that is not there, or nothing.
@@ -91,8 +70,7 @@ visit_all() {
     local result=0
     work=$(mktemp -d)
     trap 'stop_children; rm -rf "$work"' EXIT
-    start bus unix: dbus-daemon --session --nofork --nopidfile --print-address --address="unix:path=$work/bus"
-    export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus
+    start_bus
     start device serving "$bin/kesto-device" --alarm-every 0.2 --change-every 0.3
     KESTO_DEBUG=1 start service zsys_catch_interrupts "$bin/kesto-access"
     visit python /usr/bin/python3 "$copy/examples/python/client.py" || result=$failure
