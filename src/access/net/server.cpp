@@ -19,8 +19,8 @@
 #include "net/static_discovery.h"
 
 static constexpr int udp_linger_s = 3;
-static constexpr size_t for_ever = 0;  // the number of times that a timer fires
-static constexpr size_t make_room_period_ms = 250;
+static constexpr size_t for_ever = 0;               // the number of times that a timer fires
+static constexpr unsigned ticks_between_drops = 8;  // of silent connections: a quarter of a second
 
 static constexpr SocketOption auth_options[] = {
     {zsock_set_linger,              1000             }, // ms
@@ -163,18 +163,18 @@ static bool register_auth_socket() {
     return true;
 }
 
+static int on_tick(zloop_t *loop, int timer_id, void *server) {
+    static unsigned ticks = 0;
+    if (++ticks % ticks_between_drops == 0) resources_drop_silent_connections();
+    return server_mq_timer(loop, timer_id, server);
+}
+
 static bool start_queue_timer() {
-    srv->timer_id = zloop_timer(srv->loop, queue_period_ms, for_ever, server_mq_timer, srv);
+    srv->timer_id = zloop_timer(srv->loop, queue_period_ms, for_ever, on_tick, srv);
     return srv->timer_id != -1;
 }
 
-static int make_room(zloop_t *, int, void *) {
-    resources_drop_silent_connections();
-    return 0;
-}
-
 static void run_loop() {
-    zloop_timer(srv->loop, make_room_period_ms, for_ever, make_room, nullptr);  // without it the service runs on
     LOG("zsys_catch_interrupts\n");
     zsys_catch_interrupts();
     const int result = zloop_start(srv->loop);
