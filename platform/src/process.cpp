@@ -3,7 +3,7 @@
 // The name is taken before the owner has said which methods there are, and a call that arrives in between must not be
 // lost. GDBus refuses calls to an object that it does not know at once, from a thread of its own; calls to a subtree it
 // hands to the main loop first. So the object is a subtree without children, whose interface is looked up when the main
-// loop runs.
+// loop runs; once the methods are known, calls reach the object itself without that look-up.
 #include <atomic>
 #include <string>
 #include <string_view>
@@ -21,13 +21,13 @@ constexpr int release_timeout_ms = 1000;  // a bus that does not answer must not
 struct Frame : KestoProcess {
     std::string bus_name, object_path, interface_name;
     GDBusConnection *connection;
-    gulong closed_handler;
-    guint name_lost_subscription;
-    guint subtree;
-    bool owns_name;
-    const KestoOps *ops;
-    const KestoDbusMethod *methods;
-    GDBusNodeInfo *introspection;
+    gulong closed_handler = 0;
+    guint name_lost_subscription = 0;
+    guint subtree = 0, object = 0;
+    bool owns_name = false;
+    const KestoOps *ops = nullptr;
+    const KestoDbusMethod *methods = nullptr;
+    GDBusNodeInfo *introspection = nullptr;
 };
 
 static std::atomic<bool> stop_requested{false};
@@ -66,11 +66,12 @@ static void call_method(GDBusConnection *, const char *, const char *, const cha
     g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD, name);
 }
 
+static constexpr GDBusInterfaceVTable method_table{call_method, nullptr, nullptr, {}};
+
 static const GDBusInterfaceVTable *choose_vtable(GDBusConnection *, const char *, const char *, const char *,
                                                  const char *, gpointer *method_argument, gpointer argument) {
-    static constexpr GDBusInterfaceVTable vtable{call_method, nullptr, nullptr, {}};
     *method_argument = static_cast<KestoProcess *>(static_cast<Frame *>(argument));
-    return &vtable;
+    return &method_table;
 }
 
 static bool export_object(Frame *frame) {
@@ -108,8 +109,7 @@ KestoProcess *kesto_process_new(const char *bus_name, const char *object_path, c
     if (object_path == nullptr || !g_variant_is_object_path(object_path)) return nullptr;
     if (interface_name == nullptr || !g_dbus_is_interface_name(interface_name)) return nullptr;
 
-    auto *frame =
-        new Frame{{}, bus_name, object_path, interface_name, bus_connect(), 0, 0, 0, false, nullptr, nullptr, nullptr};
+    auto *frame = new Frame{{}, bus_name, object_path, interface_name, bus_connect()};
     KestoProcess *process = frame;
     if (frame->connection == nullptr) {
         kesto_process_destroy(&process);
@@ -155,6 +155,9 @@ int kesto_process_add_dbus_methods(KestoProcess *process, const KestoDbusMethod 
     }
     frame->methods = methods;
     frame->introspection = g_steal_pointer(&node);
+    frame->object = g_dbus_connection_register_object(frame->connection, frame->object_path.c_str(),
+                                                      frame->introspection->interfaces[0], &method_table, process,
+                                                      nullptr, nullptr);  // without it the subtree still answers
     return 0;
 }
 
@@ -181,6 +184,7 @@ void kesto_mainloop_stop(void) {
 void kesto_process_destroy(KestoProcess **process) {
     if (process == nullptr || *process == nullptr) return;
     auto *frame = static_cast<Frame *>(*process);
+    if (frame->object != 0) g_dbus_connection_unregister_object(frame->connection, frame->object);
     if (frame->subtree != 0) g_dbus_connection_unregister_subtree(frame->connection, frame->subtree);
     if (frame->connection != nullptr) {
         // No longer watched: giving the name up is not losing it.
