@@ -23,8 +23,7 @@ static constexpr const char *disconnected = "DISCONNECTED";
 // CZMQ aborts in the start of an actor when it has been interrupted or lacks descriptors, and waits for ever for a
 // thread.
 static bool actor_can_start(const Client *client) {
-    return zsys_interrupted == 0 && session_room_left(client->cl_server, one_monitor) && resources_for_socket() &&
-           resources_for_thread();
+    return zsys_interrupted == 0 && session_room_left(client->cl_server, one_monitor) && resources_for_monitor();
 }
 
 static void set_pipe_options(zactor_t *monitor) {

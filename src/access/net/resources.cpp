@@ -17,11 +17,13 @@
 #include <czmq.h>
 
 static constexpr int descriptors_for_bus_call = 1;
-static constexpr int descriptors_for_socket = 16;
-static constexpr int descriptors_of_session = 8;  // with a monitor
+static constexpr int descriptors_for_start = 16;   // of CZMQ, with its first socket
+static constexpr int descriptors_for_socket = 4;   // its own and its listener's, twice over
+static constexpr int descriptors_for_monitor = 8;  // for the sockets between it and what it watches
 static constexpr int descriptors_kept_from_connections = 24;
-static_assert(descriptors_for_bus_call <= descriptors_for_socket);
-static_assert(descriptors_for_socket + descriptors_of_session <= descriptors_kept_from_connections,
+static_assert(std::max({descriptors_for_bus_call, descriptors_for_socket, descriptors_for_monitor}) <=
+              descriptors_for_start);
+static_assert(2 * descriptors_for_socket + descriptors_for_monitor <= descriptors_kept_from_connections,
               "connections alone must not be why a login is refused");
 
 static constexpr size_t memory_for_connection = 3 << 20, memory_for_socket = 6 << 20;  // with what comes in meanwhile
@@ -66,7 +68,7 @@ size_t resources_descriptor_limit() {
 
 // Opens that many descriptors and closes them again: the only way to know. A duplicate is the cheapest one to have.
 static bool descriptors_free(int wanted) {
-    int opened[descriptors_for_socket];
+    int opened[descriptors_for_start];  // nothing asks for more
     int count = 0;
     while (count < wanted) {
         const int descriptor = dup(STDERR_FILENO);
@@ -84,11 +86,15 @@ static bool memory_free(size_t bytes) {
     return true;
 }
 
-bool resources_for_socket() {
-    if (descriptors_free(descriptors_for_socket) && memory_free(memory_for_socket)) return true;
+static bool room_for(int descriptors) {
+    if (descriptors_free(descriptors) && memory_free(memory_for_socket)) return true;
     room_wanted = true;
     return false;
 }
+
+bool resources_for_start() { return room_for(descriptors_for_start); }
+
+bool resources_for_socket() { return room_for(descriptors_for_socket); }
 
 bool resources_for_request(size_t bytes) {
     if (bytes < large_request_bytes) return true;
@@ -100,12 +106,14 @@ bool resources_for_bus_call() { return descriptors_free(descriptors_for_bus_call
 
 static void *do_nothing(void *) { return nullptr; }
 
-bool resources_for_thread() {
+static bool thread_free() {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, do_nothing, nullptr) != 0) return false;
     pthread_join(thread, nullptr);
     return true;
 }
+
+bool resources_for_monitor() { return room_for(descriptors_for_monitor) && thread_free(); }
 
 // The lowest free descriptor is given, so one of the last is given only when all others are taken.
 static bool is_one_of_the_last(int descriptor) {

@@ -15,8 +15,14 @@ void resources_raise_descriptor_limit();
 /* The same for ZeroMQ sockets; starts CZMQ, and so needs descriptors. Once, before the first socket. */
 void resources_raise_socket_limit();
 
-/* Enough descriptors and memory for one more ZeroMQ socket or monitor and its connections. */
+/* Enough descriptors and memory to start CZMQ and open the first ZeroMQ socket. */
+bool resources_for_start();
+
+/* Enough descriptors and memory for one more ZeroMQ socket that listens. */
 bool resources_for_socket();
+
+/* Enough descriptors and memory for a socket's monitor, and a thread for it can be started. */
+bool resources_for_monitor();
 
 /* ZeroMQ sockets that the process may have: ZSYS_MAX_SOCKETS, or what libzmq can have when that is unset. Each caller
  * counts its own: libzmq aborts at its limit, and a socket counts there until it is closed in the background, so its
@@ -31,9 +37,6 @@ bool resources_for_request(size_t bytes);
 
 /* Enough descriptors for one synchronous D-Bus call. */
 bool resources_for_bus_call();
-
-/* A thread can be started. */
-bool resources_for_thread();
 
 /* Makes room when a connection or a socket has been refused since the last call: closes the connections that have been
  * silent for a second before they had said that they speak ZeroMQ. Network thread, at short intervals. */

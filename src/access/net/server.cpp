@@ -111,7 +111,7 @@ static bool create_clients() {
 
 static bool init_czmq() {
     resources_raise_descriptor_limit();
-    if (!resources_for_socket()) return false;
+    if (!resources_for_start()) return false;
     resources_raise_socket_limit();
     const bool ready = zsys_init() != nullptr;
     stop_signals_unblock();  // from here on this thread takes them, through CZMQ's handler
@@ -144,7 +144,7 @@ static void register_discovery() {
 }
 
 static bool create_auth_socket() {
-    if (resources_for_socket()) srv->auth = zsock_new(ZMQ_REP);
+    if (resources_for_start()) srv->auth = zsock_new(ZMQ_REP);
     return srv->auth != nullptr;
 }
 
