@@ -235,10 +235,8 @@ int session_open(Client *client, const SessionRequest &want) {
 }
 
 GVariant *session_login_reply(SessionPorts ports) {
-    GVariantBuilder reply;
-    g_variant_builder_init(&reply, G_VARIANT_TYPE("(a{sv})"));
-    g_variant_builder_open(&reply, G_VARIANT_TYPE("a{sv}"));
-    g_variant_builder_add(&reply, "{sv}", "ports", g_variant_new("(ii)", ports.command, ports.event));
-    g_variant_builder_close(&reply);
-    return g_variant_builder_end(&reply);
+    GVariant *value = g_variant_new_variant(g_variant_new("(ii)", ports.command, ports.event));
+    GVariant *entry = g_variant_new_dict_entry(g_variant_new_string("ports"), value);
+    GVariant *entries = g_variant_new_array(nullptr, &entry, 1);
+    return g_variant_new_tuple(&entries, 1);
 }
