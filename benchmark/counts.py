@@ -14,6 +14,7 @@ from lab.stage import Failure, Stage
 # An event that reaches more clients costs this much more for each of them.
 FEW_CLIENTS, MORE_CLIENTS = 1, 21
 WORK = {"read": "read, one bus call", "authorize": "authorize, no bus call", "discovery": "discovery of a known id",
+        "login": "login and log-out, two bus calls",
         "event-1": "event, reported and sent to 1 client", "event-client": "event, each further client"}
 TOLERANCE = 0.10
 # How often threads meet each other asleep is the machine's business: shown, and not judged.

@@ -53,6 +53,10 @@ void work_in_steps() {
     request_work("read", [&] { ask(client.commands, read); });
     request_work("authorize", [&] { ask(client.commands, authorize); });
     request_work("discovery", [&] { discovery.ask("bench-known", true); });
+    request_work("login", [&] {
+        ask(auth, login_request("bench-visitor"));
+        ask(auth, logout_request("bench-visitor"));
+    });
     event_work("event-1", clients);
     for (Client &further : clients_log_in(auth, few_clients, more_clients - few_clients))
         clients.push_back(std::move(further));

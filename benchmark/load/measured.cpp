@@ -11,11 +11,11 @@
 #include "device.h"
 #include "process.h"
 
-static constexpr int idle_ms = 3000;
+static constexpr int idle_ms = 5000;
 static constexpr int discoveries = 300, logins = 100, echoed_writes = 600, multi_writes = 800;
 static constexpr int reads = 3000, authorizations = 12000;
 static constexpr int event_bursts = 18, burst_length = 10;
-static constexpr int latency_reads = 200;
+static constexpr int latency_reads = 400;
 static constexpr double tick_us = 33000;
 static constexpr int answer_pause_us = 1000;  // longer than what a release takes after its answer
 static constexpr size_t echo_listeners = 9;
@@ -199,10 +199,10 @@ static void climb(Bench &bench, std::span<const Stage> ramp) {
 
 Figures measure(pid_t process, int effort) {
     Bench bench{process, effort, {}, connect_auth(), {}};
-    idle(bench);
     discover(bench, "key", true, false);
     discover(bench, "plain", false, false);
     discover(bench, "known", true, true);
+    idle(bench);
     climb(bench, whole_ramp);
     return bench.figures;
 }
