@@ -12,8 +12,10 @@ constexpr const char *secret_mask = "********";
 static bool read_ports(GVariant *login, wire::Session *session) {
     if (!g_variant_is_of_type(login, G_VARIANT_TYPE("(a{sv})"))) return false;
     g_autoptr(GVariant) entries = g_variant_get_child_value(login, 0);
+    g_autoptr(GVariant) ports = g_variant_lookup_value(entries, "ports", G_VARIANT_TYPE("(ii)"));
+    if (ports == nullptr) return false;
     int32_t command_port = 0, event_port = 0;
-    if (!g_variant_lookup(entries, "ports", "(ii)", &command_port, &event_port)) return false;
+    g_variant_get(ports, "(ii)", &command_port, &event_port);
     session->set_command_port(command_port);
     session->set_event_port(event_port);
     return true;
