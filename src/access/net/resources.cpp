@@ -18,7 +18,7 @@
 
 static constexpr int descriptors_for_bus_call = 1;
 static constexpr int descriptors_for_start = 16;   // of CZMQ, with its first socket
-static constexpr int descriptors_for_socket = 4;   // its own and its listener's, twice over
+static constexpr int descriptors_for_socket = 6;   // two, and what requests under way need meanwhile
 static constexpr int descriptors_for_monitor = 8;  // for the sockets between it and what it watches
 static constexpr int descriptors_kept_from_connections = 24;
 static_assert(std::max({descriptors_for_bus_call, descriptors_for_socket, descriptors_for_monitor}) <=

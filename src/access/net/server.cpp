@@ -165,8 +165,9 @@ static bool register_auth_socket() {
 
 static int on_tick(zloop_t *loop, int timer_id, void *server) {
     static unsigned ticks = 0;
+    const int result = server_mq_timer(loop, timer_id, server);
     if (++ticks % ticks_between_drops == 0) resources_drop_silent_connections();
-    return server_mq_timer(loop, timer_id, server);
+    return result;
 }
 
 static bool start_queue_timer() {
