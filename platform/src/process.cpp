@@ -3,7 +3,8 @@
 // The name is taken before the owner has said which methods there are, and a call that arrives in between must not be
 // lost. GDBus refuses calls to an object that it does not know at once, from a thread of its own; calls to a subtree it
 // hands to the main loop first. So the object is a subtree without children, whose interface is looked up when the main
-// loop runs; once the methods are known, calls reach the object itself without that look-up.
+// loop runs; once the methods are known, calls reach the object itself without that look-up. One that came before may
+// then be handled after one that comes now.
 #include <atomic>
 #include <string>
 #include <string_view>
