@@ -2,6 +2,7 @@
 import argparse
 import datetime
 import json
+import os
 import pathlib
 import platform
 import subprocess
@@ -30,7 +31,7 @@ def machine():
               if line.startswith("model name")]
     commit = subprocess.run(["git", "-C", ROOT, "describe", "--always", "--dirty"], stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL, text=True, check=False).stdout.strip()
-    return {"processor": models[0] if models else platform.machine(), "processors": len(models),
+    return {"processor": models[0] if models else platform.machine(), "processors": os.cpu_count(),
             "kernel": platform.release(), "packages": package_versions(), "commit": commit,
             "date": datetime.date.today().isoformat()}
 
@@ -90,19 +91,18 @@ def run(chosen):
         return 0
     status = 0
     if chosen.counts:
-        counted = counts.count(chosen.programs, ["service"] if chosen.check else rows.PROGRAM)
-        print_table(*counts.table(counted))
-        status = counts.judge(counted, chosen)
-        if not chosen.check:  # which leaves the floor out
-            kept["counts"] = counted
+        what, found = "counts", counts.count(chosen.programs, ["service"] if chosen.check else rows.PROGRAM)
+        print_table(*counts.table(found))
+        status = counts.judge(found, chosen)
     elif chosen.peer:
-        kept["peer"] = peer.measure(chosen.programs, 1 if chosen.smoke else chosen.rounds)
-        print_table(*peer.table(kept["peer"]))
+        what, found = "peer", peer.measure(chosen.programs, 1 if chosen.smoke else chosen.rounds)
+        print_table(*peer.table(found))
     else:
-        kept["runs"] = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)
-        print_comparisons(rows.comparisons(kept["runs"]))
-    kept["machine"] = machine()
-    if not chosen.smoke:
+        what = "runs"
+        found = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)
+        print_comparisons(rows.comparisons(found))
+    if not chosen.smoke and not chosen.check:  # which leaves the floor out
+        kept |= {what: found, f"{what} from": machine()}
         chosen.figures.parent.mkdir(exist_ok=True)
         chosen.figures.write_text(json.dumps(kept, indent=1) + "\n")
     return status

@@ -19,19 +19,21 @@ def _curve(compared, keys):
     return [(x, by_key[key].floor, by_key[key].service) for x, key in keys]
 
 
-# Each: file, title, what is drawn upwards, what to the right, and the curves as (name, [(x, row key)]).
+FROM_ZERO, LOGARITHMIC = "set yrange [0:*]", "set logscale y"
+
+# Each: file, title, what is drawn upwards and how, what to the right, and the curves as (name, [(x, row key)]).
 PICTURES = (
-    ("commands", "Processor time per command", "µs", "clients that ask at once",
+    ("commands", "Processor time per command", "µs", FROM_ZERO, "clients that ask at once",
      (("read", [(n, f"read.{n}.cpu") for n in rows.CLIENTS]),
       ("authorize", [(n, f"authorize.{n}.cpu") for n in rows.CLIENTS]))),
-    ("events", "Processor time per delivered event", "µs", "clients that hear it",
+    ("events", "Processor time per delivered event", "µs", LOGARITHMIC, "clients that hear it",
      (("event", [(n, f"event.{n}.cpu") for n in rows.EVENT_CLIENTS]),)),
-    ("sessions", "Time of one read", "µs", "sessions open", (("read", [(n, f"sessions.{n}.time") for n in rows.SESSIONS]),)),
+    ("sessions", "Time of one read", "µs", FROM_ZERO, "sessions open", (("read", [(n, f"sessions.{n}.time") for n in rows.SESSIONS]),)),
 )
 
 
 def _gnuplot(path, picture, compared):
-    _, title, upwards, rightwards, curves = picture
+    _, title, upwards, scale, rightwards, curves = picture
     data, plots = [], []
     for name, keys in curves:
         points = "\n".join(f"{x} {floor} {service}" for x, floor, service in _curve(compared, keys))
@@ -41,7 +43,7 @@ def _gnuplot(path, picture, compared):
             plots.append(f"${name} using 1:{column} with linespoints linewidth 2 {style} title '{name}, {side}'")
     return "\n".join([f"set terminal svg size 720,400 background 'white' font 'sans,14'", f"set output '{path}'",
                       f"set title '{title}'", f"set ylabel '{upwards}'", f"set xlabel '{rightwards}'",
-                      "set logscale x", "set yrange [0:*]", "set grid", "set key outside below", "set bmargin 6", *data,
+                      "set logscale x", scale, "set grid", "set key outside below", "set bmargin 6", *data,
                       "plot " + ", ".join(plots)])
 
 
@@ -59,12 +61,16 @@ def _markdown(headings, lines):
     return "\n".join("| " + " | ".join(line) + " |" for line in [headings, rule, *lines])
 
 
+def _origin(about):
+    return f"Measured on {about['date']}, commit {about['commit']}"
+
+
 def _machine(kept):
-    about = kept["machine"]
+    about = kept["runs from"]
     packages = ", ".join(f"{name} {version}" for name, version in about["packages"].items())
     rounds = sum(run["side"] == "service" for run in kept["runs"])
-    return (f"Measured on {about['date']}, commit {about['commit']}, {rounds} rounds, on {about['processors']} × "
-            f"{about['processor']}, Linux {about['kernel']}; {packages}.")
+    return (f"{_origin(about)}, {rounds} rounds, on {about['processors']} × {about['processor']}, "
+            f"Linux {about['kernel']}; {packages}.")
 
 
 def _tables(compared):
@@ -89,7 +95,7 @@ def _over(compared):
     late = _late(compared)
     if not late:
         return "None."
-    return "\n".join(f"- {line.row.name}, {line.row.what}: {line.ratio:.2f}" for line in late)
+    return "\n".join(f"- {line.row.name}, {line.row.what}: {line.ratio:.3f}" for line in late)
 
 
 def _replace(page, mark, text):
@@ -101,7 +107,7 @@ def _replace(page, mark, text):
 
 def _unexplained(page, compared):
     by_people = re.sub(r"<!-- \w+ -->\n.*?<!-- end -->", "", page, flags=re.DOTALL)
-    return sorted({line.row.name for line in _late(compared) if line.row.name not in by_people})
+    return sorted({line.row.name for line in _late(compared) if f"**{line.row.name}**" not in by_people})
 
 
 def write(root, kept):
@@ -112,10 +118,9 @@ def write(root, kept):
     page = path.read_text(encoding="utf-8")
     compared = rows.comparisons(kept["runs"])
     parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
-    if "counts" in kept:
-        parts["counts"] = _markdown(*counts.table(kept["counts"]))
-    if "peer" in kept:
-        parts["peer"] = _markdown(*peer.table(kept["peer"]))
+    for what, table in (("counts", counts.table), ("peer", peer.table)):
+        if what in kept:
+            parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
     for mark, text in parts.items():
         page = _replace(page, mark, text)
     _draw(root / "docs/performance", compared)

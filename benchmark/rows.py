@@ -109,7 +109,8 @@ def cells(comparison):
     row, ratios, controls = comparison.row, comparison.ratios, comparison.controls
     return [row.name, row.what, f"{number(comparison.floor)} {row.unit}".strip(),
             f"{number(comparison.service)} {row.unit}".strip(), f"{comparison.ratio:.2f}",
-            f"{min(ratios):.2f} to {max(ratios):.2f}", f"{min(controls):.2f} to {max(controls):.2f}"]
+            f"{min(ratios):.2f} to {max(ratios):.2f}",
+            f"{statistics.median(controls):.2f}, {min(controls):.2f} to {max(controls):.2f}"]
 
 
 HEADINGS = ["", "figure", "floor", "service", "ratio", "smallest, largest", "floor : floor"]

@@ -3,11 +3,12 @@
 
 #include "floor.h"
 
-bool receive_request(void *socket, wire::Message &request) {
+bool receive_request(void *socket, wire::Message &message) {
     zmq_msg_t received;
     zmq_msg_init(&received);
+    message.mutable_request()->Clear();  // merging then fills the same request anew, where parsing would make another
     const bool ok = zmq_msg_recv(&received, socket, ZMQ_DONTWAIT) >= 0 &&
-                    request.ParseFromArray(zmq_msg_data(&received), static_cast<int>(zmq_msg_size(&received)));
+                    message.MergeFromString({static_cast<char *>(zmq_msg_data(&received)), zmq_msg_size(&received)});
     zmq_msg_close(&received);
     return ok;
 }

@@ -52,8 +52,8 @@ void session_close(Floor &floor, const std::string &id);
 /* commands.cpp: the handler of one session's command socket. `session` is the Session. */
 int on_command(zloop_t *, zmq_pollitem_t *item, void *session);
 
-/* Receives one request. False when there was none. */
-bool receive_request(void *socket, wire::Message &request);
+/* Receives one request into `message`, whose room it takes over. False when there was none. */
+bool receive_request(void *socket, wire::Message &message);
 void send_bytes(void *socket, const std::string &bytes);
 void send_to_all(Floor &floor, const std::string &bytes, const Session *source);
 

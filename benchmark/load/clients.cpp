@@ -11,7 +11,7 @@ static constexpr int patience_ms = 20000;  // a program under observation may be
 static constexpr int sockets_max = 4096;
 static constexpr int pairs_of_a_multi_write = 8;
 static constexpr uint32_t this_key_alone = 0x2000, operation_read = 2;
-static constexpr const char *user_name = "root", *password = "vormi";
+static constexpr const char *user_name = "quillmont", *password = "tandrivel";
 static constexpr const char *key = "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-3/Gain", *value = "-6.5";
 static constexpr char separator = '\x1c';
 

@@ -49,10 +49,15 @@ void work_in_steps() {
     const Socket auth = connect_auth();
     std::vector<Client> clients = clients_log_in(auth, 0, few_clients);
     const Client &client = clients.front();
-    const std::string read = read_request(client.id), authorize = authorize_request(client.id);
-    request_work("read", [&] { ask(client.commands, read); });
-    request_work("authorize", [&] { ask(client.commands, authorize); });
+    const auto command_work = [&](const char *name, const std::string &request) {
+        request_work(name, [&] { ask(client.commands, request); });
+    };
+    command_work("read", read_request(client.id));
+    command_work("write", write_request(client.id));
+    command_work("multi-write", multi_write_request(client.id));
+    command_work("authorize", authorize_request(client.id));
     request_work("discovery", [&] { discovery.ask("bench-known", true); });
+    request_work("discovery-plain", [&] { discovery.ask("bench-known", false); });
     request_work("login", [&] {
         ask(auth, login_request("bench-visitor"));
         ask(auth, logout_request("bench-visitor"));
