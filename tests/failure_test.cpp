@@ -162,22 +162,27 @@ const FailureCase refused_logins[] = {
     {"zsock_bind:2",        {"panel-1: private cmd port on (*) 62001 -1", "error bind on port (tcp://*:62001)"}   },
     {"zsock_new_checked:3", {"[AUTH] events=63001", "zsocket_new(tcp://*:63001)"}                                 },
     {"zsock_bind:3",        {"panel-1: private events port on (*) 63001 -1", "error bind on port (tcp://*:63001)"}},
-    {"zsock_resolve:2",     {"MONITOR", "error in zsock_resolve [*]"}                                             },
     {"zloop_poller:4",      {"MONITOR", "error registering poller"}                                               },
 };
 
+// How often a monitor resolves sockets within the program's sight depends on how CZMQ was compiled.
+const FailureCase refused_login_without_monitor = {"zsock_resolve:2", {"error in zsock_resolve [*]"}};
+
+void expect_refused_login(const FailureCase &row, bool monitor) {
+    SCOPED_TRACE(row.call);
+    Gateway gateway(failing(row.call));
+    RemoteClient panel("panel-1");
+    EXPECT_EQ(panel.log_in({.monitor = monitor}), Ports{});
+    expect_texts(gateway, row.log);
+    gateway.expect_log(
+        {"[AUTH] > zmq_msg_send", "free client", "remove cl_id from list of known client", "free cl_id"});
+    gateway.device().expect_call("ClientDeauthenticated", "panel-1");
+    EXPECT_EQ(panel.log_in({.monitor = monitor}), (Ports{62002, 63002}));
+}
+
 TEST(ASessionThatCannotBeOpened, IsRefusedAndLeavesNothing) {
-    for (const FailureCase &row : refused_logins) {
-        SCOPED_TRACE(row.call);
-        Gateway gateway(failing(row.call));
-        RemoteClient panel("panel-1");
-        EXPECT_EQ(panel.log_in({.monitor = true}), Ports{});
-        expect_texts(gateway, row.log);
-        gateway.expect_log(
-            {"[AUTH] > zmq_msg_send", "free client", "remove cl_id from list of known client", "free cl_id"});
-        gateway.device().expect_call("ClientDeauthenticated", "panel-1");
-        EXPECT_EQ(panel.log_in({.monitor = true}), (Ports{62002, 63002}));
-    }
+    for (const FailureCase &row : refused_logins) expect_refused_login(row, true);
+    expect_refused_login(refused_login_without_monitor, false);
 }
 
 const FailureCase unmonitored_logins[] = {
