@@ -1,6 +1,9 @@
 /* One call of the service fails on purpose: what the log then says, what the client gets, and that the service either
  * ends in its normal way or goes on serving everybody else. "CALL:N" is the Nth call that the service makes of a
  * function. */
+#include <cstddef>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -302,7 +305,18 @@ TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
     EXPECT_EQ(panel.read("/Device/Config/Name").value().text(), "Rack 3, amplifier 2");
 }
 
+// An emulator may pass on the state alone.
+bool system_counts_bytes_of_connections() {
+    const int connection = socket(AF_INET, SOCK_STREAM, 0);
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    const int told = getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &size);
+    close(connection);
+    return told == 0 && size > offsetof(tcp_info, tcpi_bytes_sent);
+}
+
 TEST(StrangersWhoTakeAllConnections, MakeRoomForAClientAndNeverForTheLastDescriptors) {
+    if (!system_counts_bytes_of_connections()) GTEST_SKIP() << "silent connections cannot be told from others here";
     Gateway gateway;
     limit_descriptors(gateway, 64);
     std::vector<int> strangers(100);
