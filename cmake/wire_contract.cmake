@@ -3,7 +3,7 @@ set(generated ${PROJECT_BINARY_DIR}/generated)
 file(MAKE_DIRECTORY ${generated})
 add_custom_command(
   OUTPUT ${generated}/access.pb.cc ${generated}/access.pb.h
-  COMMAND ${PROTOC} --proto_path=${PROJECT_SOURCE_DIR}/proto --cpp_out=${generated} access.proto
+  COMMAND ${PROTOC} --proto_path=${PROJECT_SOURCE_DIR}/proto --cpp_out=lite:${generated} access.proto
   DEPENDS ${PROJECT_SOURCE_DIR}/proto/access.proto
   VERBATIM)
 

@@ -18,7 +18,7 @@ const DISCOVERY_TIMEOUT_MS = 5000;
 const LOGIN_PORT_ON_LOOPBACK = 60000; // a device that listens on 127.0.0.1 only publishes port 0
 const SEPARATOR = "\x1c";
 const FIELDS = 14;
-const [LOGIN_PORT, WRAPPED_KEY, SERIAL] = [3, 5, 10]; // of them
+const [LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT] = [3, 5, 10, 12]; // of them
 
 const SERIAL_KEY = "/Device/Config/Hardware/Model/Serial";
 const PROJECT_KEY = "/Device/Config/PROJECT_INFO";
@@ -53,7 +53,9 @@ async function discover(address, clientId) {
       throw new Error(`no device answers at ${address}`);
     });
     const fields = datagram.toString().replace(/^@\?D/, "").replace(/!$/, "").split(SEPARATOR);
-    if (fields.length !== FIELDS) throw new Error(`a reply of ${fields.length} fields`);
+    if (fields.length < FIELDS) throw new Error(`a reply of ${fields.length} fields`);
+    // A client wrote the project information, and maybe separators with it.
+    fields.splice(PROJECT, fields.length - FIELDS + 1, fields.slice(PROJECT, -1).join(SEPARATOR));
     const sharedKey = unwrap(privateKey, Buffer.from(fields[WRAPPED_KEY], "hex"));
     return { device: sender.address, fields, sharedKey };
   } finally {

@@ -85,6 +85,15 @@ std::vector<std::string> split_fields(std::string_view text) {
     return fields;
 }
 
+/* The project information is whatever a client wrote, and may hold separators. */
+void join_project_info(std::vector<std::string> &fields) {
+    while (fields.size() > discovery_fields.size()) {
+        const auto rest = fields.begin() + field_project_info + 1;
+        fields[field_project_info] += separator + *rest;
+        fields.erase(rest);
+    }
+}
+
 std::optional<int> parse_port(const std::string &text) {
     int port = 0;
     const char *text_end = text.data() + text.size();
@@ -95,6 +104,7 @@ std::optional<int> parse_port(const std::string &text) {
 
 std::optional<Device> device_from_reply(const std::string &reply) {
     std::vector<std::string> fields = split_discovery_text(reply);
+    join_project_info(fields);
     if (fields.size() != discovery_fields.size()) return std::nullopt;
     for (const int field : {field_auth_port, field_second_port}) {
         if (!take_prefix(fields[static_cast<size_t>(field)], port_head)) return std::nullopt;

@@ -46,6 +46,7 @@ enum DiscoveryFieldIndex {
     field_oem_manufacturer = 7,
     field_oem_model = 8,
     field_serial = 10,
+    field_project_info = 12,
     field_extra = 13
 };
 

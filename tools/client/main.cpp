@@ -60,7 +60,7 @@ const std::vector<Command> &commands() {
          {"alarm-wait"},
          run_tour                                                                                                                                                              },
         {"check",
-         "[HOST]",                        "Try a device against the contract, point by point",
+         "[HOST]",                        "Try a device against the contract; changed values are put back",
          0,                                                                                                     1,
          true,                                                                                                                     true,
          {"other-password"},

@@ -111,7 +111,7 @@ Context main_context(const std::vector<Command> &commands) {
         "interrupted.\n\n"
         "Examples:\n"
         "  kesto-client discover\n"
-        "  kesto-client check 192.168.1.20\n"
+        "  kesto-client --password tandrivel check 192.168.1.20\n"
         "  kesto-client --host 192.168.1.20 read -r /Device/Config/Hardware\n"
         "  kesto-client write /Device/Config/PROJECT_INFO \"Main hall\"\n");
     return context;
