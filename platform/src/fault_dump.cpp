@@ -27,7 +27,7 @@ constexpr FatalSignal fatal_signals[] = {
 constexpr size_t fatal_signal_count = std::size(fatal_signals);
 
 constexpr int frames_max = 64;
-constexpr size_t signal_stack_bytes = 64 * 1024;
+constexpr size_t signal_stack_bytes = size_t{64} << 10;
 constexpr unsigned dump_time_limit_s = 10;
 constexpr mode_t dump_mode = 0600;  // a backtrace tells where the code lies in memory
 

@@ -116,7 +116,7 @@ std::string check_unsupported(Visit &visit) {
 }
 
 std::string check_static_discovery(Visit &visit) {
-    const std::string text = ask_static_discovery(visit.own.account);
+    std::string text = ask_static_discovery(visit.own.account);
     const std::vector<std::string> fields = split_discovery_text(text);
     require(fields.size() == std::size(static_fields), std::to_string(fields.size()) + " fields in '" + text + "'");
     visit.static_text = text;

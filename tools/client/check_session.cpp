@@ -100,7 +100,7 @@ std::string check_change_count(Visit &visit) {
     const uint32_t before = session_change_count(session);
     write_project_info(session, text_of_the_check);
     const uint32_t growth = session_change_count(session) - before;  // the counter may wrap around
-    const std::string seen = std::to_string(before) + " -> " + std::to_string(before + growth);
+    std::string seen = std::to_string(before) + " -> " + std::to_string(before + growth);
     require(growth > 0 && growth <= INT32_MAX, seen);
     return seen;
 }

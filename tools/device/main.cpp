@@ -1,5 +1,6 @@
 /* kesto-device: an amplifier's data and audio services, simulated, so that the access service can be run and tried
  * on any machine. */
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <glib-unix.h>
@@ -41,6 +42,7 @@ static int run(Device &device, const Options &options) {
 }
 
 int main(int argc, char **argv) {
+    setlocale(LC_CTYPE, "");              // for the help's texts
     setvbuf(stdout, nullptr, _IOLBF, 0);  // others read our lines through a pipe and wait for them
     Options options;
     if (!options_read(argc, argv, options)) return EX_USAGE;

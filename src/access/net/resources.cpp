@@ -57,7 +57,7 @@ void resources_raise_socket_limit() {
 
 size_t resources_socket_limit() {
     const char *setting = getenv("ZSYS_MAX_SOCKETS");
-    const long wanted = setting != nullptr ? atol(setting) : 0;
+    const long wanted = setting != nullptr ? strtol(setting, nullptr, 10) : 0;
     return wanted > 0 ? static_cast<size_t>(wanted) : zsys_socket_limit();
 }
 
