@@ -138,18 +138,17 @@ def excesses(counted, expected):
     return found
 
 
-def _expected(path):
-    """By architecture: another one has other instructions and another C library."""
-    return json.loads(path.read_text()) if path.exists() else {}
-
-
+# The file holds them by architecture: another one has other instructions and another C library.
 def _keep(path, counted):
     own = {name: {work: round(value, 1) for work, value in sides["service"].items()} for name, sides in counted.items()}
-    path.write_text(json.dumps(_expected(path) | {platform.machine(): own}, indent=1) + "\n")
+    others = json.loads(path.read_text()) if path.exists() else {}
+    path.write_text(json.dumps(others | {platform.machine(): own}, indent=1) + "\n")
 
 
 def _check(path, counted):
-    expected = _expected(path).get(platform.machine())
+    if not path.exists():
+        raise Failure(f"there is no file {path}")
+    expected = json.loads(path.read_text()).get(platform.machine())
     if expected is None:
         print(f"{path} has no counts of {platform.machine()} to compare these with; --keep writes them")
         return 0

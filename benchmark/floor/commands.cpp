@@ -1,14 +1,18 @@
 // One request, one answer; a change goes to the other clients as the very bytes of the answer.
 #include <cstring>
 
+#include <google/protobuf/io/coded_stream.h>
+
 #include "floor.h"
 
 bool receive_request(void *socket, wire::Message &message) {
     zmq_msg_t received;
     zmq_msg_init(&received);
+    bool ok = zmq_msg_recv(&received, socket, ZMQ_DONTWAIT) >= 0;
+    google::protobuf::io::CodedInputStream bytes(static_cast<uint8_t *>(zmq_msg_data(&received)),
+                                                 static_cast<int>(zmq_msg_size(&received)));
     message.mutable_request()->Clear();  // merging then fills the same request anew, where parsing would make another
-    const bool ok = zmq_msg_recv(&received, socket, ZMQ_DONTWAIT) >= 0 &&
-                    message.MergeFromString({static_cast<char *>(zmq_msg_data(&received)), zmq_msg_size(&received)});
+    ok = ok && message.MergeFromCodedStream(&bytes);
     zmq_msg_close(&received);
     return ok;
 }
