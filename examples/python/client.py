@@ -3,7 +3,7 @@
 
     client.py [--address ADDRESS] [--user NAME] [--password TEXT] [--seconds N]
 
-It needs access_pb2.py, which protoc makes of access.proto (README.md beside this file).
+It needs access_pb2.py, which protoc makes of access.proto (examples/README.md).
 """
 
 import argparse

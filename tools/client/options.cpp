@@ -180,7 +180,8 @@ const Command &find_command(const std::vector<Command> &commands, const std::str
 
 int milliseconds(const char *option, double seconds, bool may_be_zero) {
     const bool fits = std::isfinite(seconds) && seconds <= seconds_max && (may_be_zero ? seconds >= 0 : seconds > 0);
-    if (!fits) throw wrong_usage(std::string("--") + option + " takes seconds above 0, at most 86400");
+    const char *from = may_be_zero ? "from 0" : "above 0";
+    if (!fits) throw wrong_usage(std::string("--") + option + " takes seconds " + from + ", at most 86400");
     return std::max(static_cast<int>(std::lround(seconds * ms_per_s)), may_be_zero ? 0 : 1);
 }
 

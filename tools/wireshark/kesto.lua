@@ -63,13 +63,15 @@ end
 -- Discovery.
 
 -- Adds the fields between the head and the end mark, with the byte that ends each of them; the values by name, and how
--- many fields there are. The last one of a request takes all the rest.
-local function add_discovery_fields(tvb, head, tree, names, rest_is_last)
+-- many fields there are. The one called `free_text` may hold separators itself.
+local function add_discovery_fields(tvb, head, tree, names, free_text)
     local text, values, first, count = tvb:raw(), {}, #head + 1, 0
     repeat
         count = count + 1
-        local found = not (rest_is_last and count == #names) and text:find("\x1c", first, true)
-        local behind, name = found or #text, names[count]
+        local name = names[count]
+        local found = text:find("\x1c", first, true)
+        if name == free_text then found = count < #names and text:find("\x1c[^\x1c]*$", first) end
+        local behind = found or #text
         if name then
             values[name] = text:sub(first, behind - 1)
             tree:add(fields[discovery_filter(name)], tvb(first - 1, behind - first + 1), values[name])
@@ -80,7 +82,7 @@ local function add_discovery_fields(tvb, head, tree, names, rest_is_last)
 end
 
 local function dissect_discovery_request(tvb, head, tree)
-    local values = add_discovery_fields(tvb, head, tree, contract.discovery_request, true)
+    local values = add_discovery_fields(tvb, head, tree, contract.discovery_request, "client_id")
     local id, key = values.client_id or "", values.public_key or ""
     if id:find("!", 1, true) then return complain(tree, "the client id ends at its first '!'") end
     if key ~= "" and not key:find("PUBLIC KEY-----", 1, true) then return complain(tree, "no public key in PEM") end
@@ -88,7 +90,7 @@ local function dissect_discovery_request(tvb, head, tree)
 end
 
 local function dissect_discovery_reply(tvb, head, tree)
-    local values, count = add_discovery_fields(tvb, head, tree, contract.discovery_reply, false)
+    local values, count = add_discovery_fields(tvb, head, tree, contract.discovery_reply, "project_information")
     if count ~= #contract.discovery_reply then
         return complain(tree, count .. " fields instead of " .. #contract.discovery_reply)
     end
@@ -107,6 +109,9 @@ local function dissect_discovery(tvb, pinfo, tree)
     if #text < limits.datagram_shortest_bytes then return complain(tree, "too short for a " .. what) end
     if #text > limits.datagram_longest_bytes then return complain(tree, "too long for a " .. what) end
     if text:sub(1, #head) ~= head then return complain(tree, "a " .. what .. " begins with " .. head) end
+    if from_device and text:sub(-1) ~= "!" and #text == limits.datagram_longest_bytes then
+        return "discovery reply, cut at the longest that it can be"
+    end
     if text:sub(-1) ~= "!" then return complain(tree, "a " .. what .. " ends with '!'") end
     return (from_device and dissect_discovery_reply or dissect_discovery_request)(tvb, head, tree)
 end
