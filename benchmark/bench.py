@@ -101,7 +101,8 @@ def run(chosen):
         what = "runs"
         found = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)
         print_comparisons(rows.comparisons(found))
-    if not chosen.smoke and not chosen.check:  # which leaves the floor out
+    shows_both_sides_in_full = not chosen.smoke and not chosen.check
+    if shows_both_sides_in_full:
         kept |= {what: found, f"{what} from": machine()}
         chosen.figures.parent.mkdir(exist_ok=True)
         chosen.figures.write_text(json.dumps(kept, indent=1) + "\n")

@@ -109,10 +109,11 @@ local function dissect_discovery(tvb, pinfo, tree)
     if #text < limits.datagram_shortest_bytes then return complain(tree, "too short for a " .. what) end
     if #text > limits.datagram_longest_bytes then return complain(tree, "too long for a " .. what) end
     if text:sub(1, #head) ~= head then return complain(tree, "a " .. what .. " begins with " .. head) end
-    if from_device and text:sub(-1) ~= "!" and #text == limits.datagram_longest_bytes then
-        return "discovery reply, cut at the longest that it can be"
+    if text:sub(-1) ~= "!" then
+        local cut = from_device and #text == limits.datagram_longest_bytes
+        return cut and "discovery reply, cut at the longest that it can be"
+            or complain(tree, "a " .. what .. " ends with '!'")
     end
-    if text:sub(-1) ~= "!" then return complain(tree, "a " .. what .. " ends with '!'") end
     return (from_device and dissect_discovery_reply or dissect_discovery_request)(tvb, head, tree)
 end
 
