@@ -1,6 +1,5 @@
 /* bus.h - the session bus as the library's own parts use it. Any thread. */
-#ifndef KESTO_SRC_BUS_H
-#define KESTO_SRC_BUS_H
+#pragma once
 
 #include <gio/gio.h>
 
@@ -20,5 +19,3 @@ struct BusMethod {
  * floating `parameters`. */
 GVariant *bus_call(GDBusConnection *connection, const BusMethod &method, GVariant *parameters,
                    int timeout_ms = default_timeout_ms);
-
-#endif

@@ -1,6 +1,5 @@
 /* codec.h - what the codec's sources share: the record behind a handle. */
-#ifndef KESTO_SRC_CODEC_H
-#define KESTO_SRC_CODEC_H
+#pragma once
 
 #include <string>
 
@@ -39,5 +38,3 @@ int codec_store(Proto *handle, const wire::Message &message);
 /* Copies a text from the service. False, and nothing is copied, when it is not UTF-8: protobuf would send it, and no
  * client could parse the message. */
 bool codec_set_text(std::string *field, const char *text);
-
-#endif

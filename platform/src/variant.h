@@ -1,6 +1,5 @@
 /* variant.h - values as the data service gives them. Any thread. */
-#ifndef KESTO_SRC_VARIANT_H
-#define KESTO_SRC_VARIANT_H
+#pragma once
 
 #include <glib.h>
 
@@ -12,5 +11,3 @@ inline GVariant *variant_unbox(GVariant *value) {
     g_variant_unref(value);
     return inner;
 }
-
-#endif

@@ -1,6 +1,5 @@
 /* device.h - facts of the device: its slot, its name, single keys of its data service; and the crash dump. */
-#ifndef KESTO_DEVICE_H
-#define KESTO_DEVICE_H
+#pragma once
 
 #include <stddef.h>
 
@@ -27,6 +26,4 @@ void close_fault_dump(void);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,6 +1,5 @@
 /* log.h - the debug switch and the log sink. */
-#ifndef KESTO_LOG_H
-#define KESTO_LOG_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -14,6 +13,4 @@ extern void (*_kesto_log_printf)(const char *format, ...) __attribute__((format(
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

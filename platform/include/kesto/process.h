@@ -1,7 +1,6 @@
 /* process.h - the process frame: one D-Bus object, a start and a stop operation, and the main loop between them.
  * All calls belong to the main thread, but for kesto_mainloop_stop. */
-#ifndef KESTO_PROCESS_H
-#define KESTO_PROCESS_H
+#pragma once
 
 #include <stdint.h>
 
@@ -60,6 +59,4 @@ void kesto_mainloop_stop(void);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -2,8 +2,7 @@
  *
  * A handle belongs to one thread at a time. Callbacks run inside proto_process, on its thread; the
  * texts that they receive are borrowed for the length of the call. */
-#ifndef KESTO_PROTO_H
-#define KESTO_PROTO_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -97,6 +96,4 @@ int proto_encode_SpeakerPresetLoaded(Proto *handle);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,8 +1,7 @@
 /* bus_event.h - what the main thread hands to the network thread: the items of the event queue, and the change counter.
  *
  * An event is complete before it is pushed and its producer does not touch it afterwards. */
-#ifndef ACCESS_COMMON_BUS_EVENT_H
-#define ACCESS_COMMON_BUS_EVENT_H
+#pragma once
 
 #include <cstdint>
 
@@ -56,11 +55,9 @@ void bus_event_push(GAsyncQueue *mq, BusEvent *event);
 /* Network thread. The oldest event, now the caller's, or nothing when the queue is empty. Never waits. */
 BusEvent *bus_event_try_pop(GAsyncQueue *mq);
 
-/* Whether a stop event waits in the queue or is being handled. Any thread. */
+/* Whether a stop event has been pushed since the queue was made. Any thread. */
 bool bus_event_stop_queued();
 
 /* The count of changes, wrapping at 2^32. Any thread. */
 void change_counter_increment();
 uint32_t change_counter_value();
-
-#endif

@@ -1,7 +1,6 @@
 /* log.h - the one log macro. A message is written when the platform's debug switch is on and its sink is set; with the
  * switch off a call costs one load and one branch, and its arguments are not evaluated. Any thread. */
-#ifndef ACCESS_COMMON_LOG_H
-#define ACCESS_COMMON_LOG_H
+#pragma once
 
 #include <kesto/log.h>
 
@@ -15,5 +14,3 @@
 
 /* What stands in a message for a text that may be absent. */
 inline const char *log_text(const char *text) { return text != nullptr ? text : "(null)"; }
-
-#endif

@@ -1,6 +1,5 @@
 /* owned.h - how a std::unique_ptr releases what a C library made. */
-#ifndef ACCESS_COMMON_OWNED_H
-#define ACCESS_COMMON_OWNED_H
+#pragma once
 
 /* For a function that takes the pointer: release(p). */
 template <auto release>
@@ -19,5 +18,3 @@ struct ByAddress {
         release(&owned);
     }
 };
-
-#endif

@@ -1,8 +1,7 @@
 /* signals.h - which thread takes SIGINT and SIGTERM. Only the network thread does, and not while it starts or stops a
  * monitor: a signal in the middle of that would end the process. The mask is the calling thread's; threads inherit it.
  */
-#ifndef ACCESS_COMMON_SIGNALS_H
-#define ACCESS_COMMON_SIGNALS_H
+#pragma once
 
 #include <csignal>
 
@@ -21,5 +20,3 @@ struct StopSignalsHeld {
 
     sigset_t before;
 };
-
-#endif

@@ -1,6 +1,5 @@
 /* slot.h - the slot that the device's service runs from. Set once by the main thread before any other thread exists. */
-#ifndef ACCESS_COMMON_SLOT_H
-#define ACCESS_COMMON_SLOT_H
+#pragma once
 
 #include <cstdint>
 
@@ -14,5 +13,3 @@ void slot_set_id(uint32_t id);
 
 /* The one-character mark that discovery publishes: "?", "-", "D" or "+". */
 const char *slot_mark();
-
-#endif

@@ -1,6 +1,5 @@
 /* pubkey.h - wraps the shared key with a client's RSA public key. Thread-safe; takes a few milliseconds at the most. */
-#ifndef ACCESS_CRYPT_PUBKEY_H
-#define ACCESS_CRYPT_PUBKEY_H
+#pragma once
 
 /* Encrypts the characters of `secret` under the RSA public key in `pem` (PKCS #1 version 1.5). The number of encrypted
  * bytes, with `wrapped` set to a new text of twice as many upper-case hexadecimal digits, which the caller releases
@@ -8,5 +7,3 @@
  * other failure; then `wrapped` is left as it was. A key that
  * is locked with a passphrase is a failure: nobody is asked. */
 int kesto_pubkey_encrypt(const char *pem, const char *secret, char **wrapped);
-
-#endif

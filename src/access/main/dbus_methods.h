@@ -2,8 +2,7 @@
  *
  * Each turns one call into one event of the queue and answers at once; the network thread broadcasts it later. While
  * the service is not started, each answers with an error. Main thread only. */
-#ifndef ACCESS_MAIN_DBUS_METHODS_H
-#define ACCESS_MAIN_DBUS_METHODS_H
+#pragma once
 
 #include <kesto/process.h>
 
@@ -14,5 +13,3 @@ void dbus_mtod_dispatch(GDBusMethodInvocation *invocation);
 void dbus_mtod_general_dispatch(GDBusMethodInvocation *invocation);
 void dbus_mtod_snapshot_loaded_dispatch(GDBusMethodInvocation *invocation);
 void dbus_mtod_speakerpreset_loaded_dispatch(GDBusMethodInvocation *invocation);
-
-#endif

@@ -1,6 +1,5 @@
 /* lifecycle.h - the operations through which the platform starts and stops the service. Main thread only. */
-#ifndef ACCESS_MAIN_LIFECYCLE_H
-#define ACCESS_MAIN_LIFECYCLE_H
+#pragma once
 
 #include <kesto/process.h>
 
@@ -15,5 +14,3 @@ int kesto_access_start(KestoProcess *process);
  * D-Bus call under way needs, at most 25 s, in a multi-write 65 s; no further one begins. Each known client adds about
  * a millisecond. 0, or -1 when the process has none. */
 int kesto_access_stop(KestoProcess *process);
-
-#endif
