@@ -1,5 +1,5 @@
 // The discovery handler with any datagram, over a real socket: received, parsed, answered, and its records released.
-#include "net/discovery.h"
+#include "net/discovery/discovery.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
@@ -8,8 +8,9 @@
 
 #include <kesto/device.h>
 
-#include "net/client.h"
-#include "net/server.h"
+#include "net/records/client.h"
+#include "net/records/server.h"
+#include "net/sessions/release.h"
 
 constexpr size_t longest_datagram = 8191;
 

@@ -8,11 +8,17 @@
 
 #include <gio/gio.h>
 
+#include <kesto/proto.h>
+
 #include "access.pb.h"
-#include "net/authentication.h"
-#include "net/client.h"
-#include "net/command_channel.h"
-#include "net/server.h"
+#include "net/records/client.h"
+#include "net/records/server.h"
+#include "net/requests/command_channel.h"
+#include "net/sessions/authentication.h"
+#include "net/sessions/connections.h"
+#include "net/sessions/ports.h"
+#include "net/sessions/release.h"
+#include "net/transport/bus.h"
 
 namespace wire = kesto::access::v1;
 
@@ -52,8 +58,9 @@ struct World {
     World() {
         proto_init(1, 0);
         server.loop = zloop_new();
-        server.next_cmd_port = cmd_port_first;
-        server.next_event_port = event_port_first;
+        server.next_cmd_port = command_ports.first;
+        server.next_event_port = event_ports.first;
+        server.session_handlers = {.command = client_read, .monitor = client_monitor_event};
         server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
         bus_connection = reinterpret_cast<GDBusConnection *>(this);
     }

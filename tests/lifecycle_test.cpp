@@ -195,7 +195,7 @@ TEST(Log, NamesProgramProcessAndPlace) {
     const std::string prefix = "\n[kesto-access|" + pid + std::string(pid.size() < 4 ? 4 - pid.size() : 0, ' ') + "] {";
     const std::string log = '\n' + gateway.service().text(STDERR_FILENO);
     EXPECT_THAT(log, testing::HasSubstr(prefix + "src/access/main/main.cpp:"));
-    EXPECT_THAT(log, testing::HasSubstr(prefix + "src/access/net/server.cpp:"));
+    EXPECT_THAT(log, testing::HasSubstr(prefix + "src/access/net/start/network_thread.cpp:"));
 }
 
 }  // namespace

@@ -10,21 +10,25 @@
 
 #include <kesto/log.h>
 
+#include "common/access_private.h"
 #include "common/bus_event.h"
-#include "common/private.h"
 #include "harness/recording.h"
 #include "main/lifecycle.h"
-#include "net/authentication.h"
-#include "net/client.h"
-#include "net/data_access.h"
-#include "net/frame.h"
-#include "net/identity.h"
-#include "net/monitor.h"
-#include "net/notification.h"
-#include "net/rights.h"
-#include "net/server.h"
-#include "net/shutdown.h"
-#include "net/static_discovery.h"
+#include "net/device/hardware_options.h"
+#include "net/device/identity.h"
+#include "net/device/static_discovery.h"
+#include "net/notification/notification.h"
+#include "net/records/client.h"
+#include "net/records/server.h"
+#include "net/requests/data_access.h"
+#include "net/requests/rights.h"
+#include "net/sessions/authentication.h"
+#include "net/sessions/connections.h"
+#include "net/sessions/login.h"
+#include "net/sessions/release.h"
+#include "net/start/network_thread.h"
+#include "net/transport/bus.h"
+#include "net/transport/frame.h"
 
 namespace {
 
@@ -230,7 +234,6 @@ TEST_F(Unit, NoCallBeginsOnceAStopIsQueued) {
     EXPECT_EQ(data_read_callback(handle, 0, "/k"), nullptr);
     EXPECT_EQ(server_load_identity(&server), 0);
     EXPECT_EQ(server_mq_timer(nullptr, 1, &server), -1);
-    EXPECT_FALSE(bus_event_stop_queued());
     EXPECT_EQ(recorded.front(), "unable to call method for DBUS datad proxy: the service is stopping");
 }
 

@@ -23,7 +23,6 @@ BusEvent *bus_event_new(BusEventKind kind) {
 
 void bus_event_free(void *argument) {
     auto *event = static_cast<BusEvent *>(argument);
-    if (event->kind == BUS_EVENT_STOP) stop_queued = false;
     if (event->kind == BUS_EVENT_KV) {
         g_free(event->kv.key);
         g_free(event->kv.value);
@@ -32,7 +31,10 @@ void bus_event_free(void *argument) {
     g_free(event);
 }
 
-GAsyncQueue *bus_event_queue_new() { return g_async_queue_new_full(bus_event_free); }
+GAsyncQueue *bus_event_queue_new() {
+    stop_queued = false;
+    return g_async_queue_new_full(bus_event_free);
+}
 
 void bus_event_push(GAsyncQueue *mq, BusEvent *event) {
     if (event->kind == BUS_EVENT_STOP) stop_queued = true;

@@ -1,8 +1,8 @@
 #include "main/dbus_methods.h"
 
+#include "common/access_private.h"
 #include "common/bus_event.h"
 #include "common/log.h"
-#include "common/private.h"
 
 const KestoDbusMethod access_dbus_methods[] = {
     {"Dispatch",                    dbus_mtod_dispatch,

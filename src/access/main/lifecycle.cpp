@@ -1,11 +1,10 @@
 #include "main/lifecycle.h"
 
+#include "common/access_private.h"
 #include "common/bus_event.h"
 #include "common/log.h"
-#include "common/private.h"
 #include "common/signals.h"
-#include "net/server.h"
-#include "net/shutdown.h"
+#include "net/start/network_thread.h"
 
 const KestoOps kesto_access_ops = {
     .reserved_first = nullptr,

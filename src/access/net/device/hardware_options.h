@@ -1,0 +1,5 @@
+/* hardware_options.h - the discovery extra: which options the hardware has. Network thread only. */
+#pragma once
+
+/* For example "4221=ON". Computed from the environment at the first call, then fixed; lives as long as the process. */
+const char *discovery_extra();

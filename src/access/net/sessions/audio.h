@@ -1,0 +1,8 @@
+/* audio.h - tells the device's audio service who has come and who has gone. Nothing is waited for, and nothing is said
+ * without a session bus. Network thread only. */
+#pragma once
+
+struct Client;
+
+void audio_client_authenticated(const Client *client);
+void audio_client_deauthenticated(const Client *client);

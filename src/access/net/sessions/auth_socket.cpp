@@ -1,0 +1,41 @@
+#include "net/sessions/auth_socket.h"
+
+#include "common/log.h"
+#include "net/records/server.h"
+#include "net/transport/endpoint.h"
+#include "net/transport/limits.h"
+
+static constexpr int closing_linger_ms = 0;
+
+static constexpr SocketOption auth_options[] = {
+    {zsock_set_linger,              1000             }, // ms; never counts, the close sets its own
+    {zsock_set_maxmsgsize,          max_message_bytes},
+    {zsock_set_tcp_keepalive,       1                },
+    {zsock_set_tcp_keepalive_idle,  20               }, // s
+    {zsock_set_tcp_keepalive_cnt,   2                },
+    {zsock_set_tcp_keepalive_intvl, 5                }, // s
+    {zsock_set_sndtimeo,            2000             }, // ms
+    {zsock_set_handshake_ivl,       0                }, // ms; no limit
+    {zsock_set_reconnect_ivl,       200              }, // ms
+    {zsock_set_reconnect_ivl_max,   1000             }, // ms
+};
+
+bool auth_socket_create(AccessServer *server) {
+    if (limits_allow_start()) server->auth = zsock_new(ZMQ_REP);
+    return server->auth != nullptr;
+}
+
+bool auth_socket_bind(const AccessServer *server) {
+    set_options(server->auth, auth_options);
+    zsock_set_rcvhwm(server->auth, max_waiting_requests);
+    const int bound = endpoint_bind(server->auth, bind_address(), server->auth_port);
+    LOG("[NET] auth port %d %d\n", server->auth_port, bound);
+    return bound == server->auth_port;
+}
+
+void auth_socket_close(AccessServer *server) {
+    if (server->auth == nullptr) return;
+    LOG("Stop auth destroy socket\n");
+    zsock_set_linger(server->auth, closing_linger_ms);
+    zsock_destroy(&server->auth);
+}

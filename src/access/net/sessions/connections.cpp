@@ -1,0 +1,74 @@
+/* What counts is a connection's accept and close, not a client's: whatever opens a TCP connection to the command port
+ * counts. */
+#include "net/sessions/connections.h"
+
+#include "common/log.h"
+#include "net/records/client.h"
+#include "net/sessions/audio.h"
+#include "net/sessions/login.h"
+#include "net/sessions/release.h"
+
+static constexpr const char *accepted = "ACCEPTED", *disconnected = "DISCONNECTED";
+
+static void log_off(Client *client) {
+    LOG("no other command connection opened, so auto-logoff (%s)\n", client->cl_id);
+    GVariant *reply = client_authenticate(client, {});
+    if (reply != nullptr) g_variant_unref(g_variant_ref_sink(reply));
+    LOG("free client (%u)\n", client->cl_destroy);
+    client_free(client, client_free_known);
+}
+
+static void connection_accepted(Client *client) {
+    LOG("%s socket\n", accepted);
+    client->cl_connections += 1;
+    if (client->cl_connections == 1) {
+        LOG("first same connection: (%s) %u\n", client->cl_id, client->cl_connections);
+        audio_client_authenticated(client);
+    } else {
+        LOG("reopen same connection: (%s) %u\n", client->cl_id, client->cl_connections);
+    }
+}
+
+static void connection_closed(Client *client) {
+    LOG("%s socket\n", disconnected);
+    if (client->cl_connections > 0) client->cl_connections -= 1;
+    if (client->cl_connections == 0) return log_off(client);
+    LOG("client deconnection but it is not the last one: (%s) %u\n", client->cl_id, client->cl_connections);
+}
+
+// The event's name, which the caller releases, or NULL.
+static char *receive_event(zactor_t *monitor) {
+    zmsg_t *message = zmsg_recv(monitor);
+    if (message == nullptr) return nullptr;
+    char *name = zmsg_popstr(message);
+    zmsg_destroy(&message);
+    if (name == nullptr) LOG("no event!!!\n");
+    return name;
+}
+
+static void handle_event(Client *client, const char *event) {
+    if (streq(event, accepted)) connection_accepted(client);
+    else if (streq(event, disconnected)) connection_closed(client);
+    else LOG("unmanaged '%s' socket event\n", event);
+}
+
+int client_monitor_event(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
+    auto *client = static_cast<Client *>(argument);
+    bool complete = false;
+    if (client == nullptr) LOG_FAILED("client has to be not NULL");
+    else if (client->cl_monitor == nullptr) LOG_FAILED("client monitor has to be not NULL");
+    else if (loop == nullptr) LOG_FAILED("loop has to be not NULL");
+    else if (item == nullptr) LOG_FAILED("poller has to be not NULL");
+    else if (item->socket == nullptr) LOG_FAILED("socket has to be not NULL");
+    else complete = true;
+    if (!complete) {
+        LOG("error in client_monitor_event\n");
+        return 0;
+    }
+
+    LOG("client monitor event %d\n", client->cl_cmd_port);
+    char *event = receive_event(client->cl_monitor);
+    if (event != nullptr) handle_event(client, event);
+    zstr_free(&event);
+    return 0;
+}

@@ -1,0 +1,12 @@
+/* monitor.h - the watch over the connections of a client's command socket. Network thread only; the actor behind it
+ * runs in a thread of CZMQ's and speaks through its pipe. What its events mean stands in connections.h. */
+#pragma once
+
+struct Client;
+
+/* Starts and registers the monitor of the client's cl_cmds, once per socket; may block for three waits of 600 ms.
+ * Afterwards cl_monitor is a running, registered monitor, or NULL with the reason in the log. */
+void client_start_monitor(Client *client);
+
+/* Ends it, before the socket that it watches is closed; may block for 600 ms. Does nothing when there is none. */
+void client_stop_monitor(Client *client);

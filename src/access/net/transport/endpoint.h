@@ -1,0 +1,34 @@
+/* endpoint.h - where the service's ZeroMQ sockets are bound, and how their options are set. Network thread only. */
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include <czmq.h>
+
+/* ZMQ_ACCESS_IP, or "*" (all interfaces) when it is unset or empty. Valid until the environment changes. */
+const char *bind_address();
+
+/* ZMQ_ACCESS_IP is the loopback address. */
+bool bind_address_is_loopback();
+
+/* Binds to "tcp://address:port". The bound port, or -1. */
+int endpoint_bind(zsock_t *socket, const char *address, int32_t port);
+
+/* Milliseconds, seconds or a count, as the option has it. libzmq aborts the process on a value that it does not take.
+ */
+struct SocketOption {
+    void (*set)(void *socket, int value);
+    int value;
+};
+
+inline void set_options(zsock_t *socket, std::span<const SocketOption> options) {
+    for (const SocketOption &option : options) option.set(socket, option.value);
+}
+
+/* The largest message that is accepted from a client, in bytes. */
+constexpr int max_message_bytes = 10485760;
+
+/* Requests of one connection that wait unread, before libzmq stops reading from it. A client has one in flight; a
+ * stranger that pipelines large ones must not fill the memory while a D-Bus call holds the loop up. */
+constexpr int max_waiting_requests = 2;

@@ -1,0 +1,44 @@
+/* limits.h - what is left to open. CZMQ, libzmq and GDBus abort the process when they run out in the middle of a call,
+ * so each such call is preceded by a look, and takes its ordinary failure path when there is too little. Any thread,
+ * where nothing else is said. */
+#pragma once
+
+#include <cstddef>
+
+/* Descriptors that no connection gets, so that a session can be opened whoever is connected. */
+constexpr int descriptors_kept_from_connections = 24;
+
+/* Lets the process have as many descriptors as the system allows it. Once, at the start of the network side. */
+void limits_raise_descriptors();
+
+/* The same for ZeroMQ sockets; starts CZMQ, and so needs descriptors. Once, before the first socket. */
+void limits_raise_sockets();
+
+/* Enough descriptors and memory to start CZMQ and open the first ZeroMQ socket. */
+bool limits_allow_start();
+
+/* Enough descriptors and memory for one more ZeroMQ socket that listens. */
+bool limits_allow_socket();
+
+/* Enough descriptors and memory for a socket's monitor, and a thread for it can be started. */
+bool limits_allow_monitor();
+
+/* Enough memory to decode and answer a request of that many bytes. */
+bool limits_allow_request(size_t bytes);
+
+/* Enough descriptors for one synchronous D-Bus call. */
+bool limits_allow_bus_call();
+
+/* The connection that was accepted with this descriptor leaves enough descriptors and memory to all others. */
+bool limits_allow_connection(int descriptor);
+
+/* ZeroMQ sockets that the process may have: ZSYS_MAX_SOCKETS, or what libzmq can have when that is unset. Each caller
+ * counts its own: libzmq aborts at its limit, and a socket counts there until it is closed in the background, so its
+ * limit is always the highest. */
+size_t limits_sockets();
+
+/* Descriptors that the process may have, whether they are free or not. */
+size_t limits_descriptors();
+
+/* Whether a start, a socket, a monitor or a connection has been refused since the last call. */
+bool limits_take_refusal();
