@@ -11,7 +11,7 @@ extern "C" {
  */
 int kesto_detect_slot_id(void);
 
-/* Reads one key of the data service: its text, which the caller releases with g_free, or nothing when it cannot be
+/* Reads one key of the data service: its text, which the caller releases with g_free, or NULL when it cannot be
  * read or is not a text. Blocks for one D-Bus call (at most 25 s) where the process has its bus
  * connection, as after kesto_process_new. Any thread. */
 char *kesto_dbus_data_read_kv(const char *key);

@@ -8,7 +8,7 @@ extern "C" {
 /* Non-zero: messages are written. Set once, when the library is loaded. */
 extern int _console_debug;
 
-/* The sink, or nothing. Writes one formatted message with one write. Any thread. */
+/* The sink, or NULL. Writes one formatted message with one write. Any thread. */
 extern void (*_kesto_log_printf)(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus

@@ -12,7 +12,7 @@ extern "C" {
 
 /* One per process. The owner of the process uses these two members; the rest of the object is the library's. */
 typedef struct KestoProcess {
-    void *priv;      /* the owner's, empty at first; the library never touches it */
+    void *priv;      /* the owner's, NULL at first; the library never touches it */
     int32_t setting; /* reserved; set it to 0 before anything is registered */
 } KestoProcess;
 
@@ -24,7 +24,7 @@ typedef struct KestoOps {
     int (*reserved_last)(KestoProcess *process);
 } KestoOps;
 
-/* One exported method. A row with all three members empty ends a table. */
+/* One exported method. A row with all three members NULL ends a table. */
 typedef struct KestoDbusMethod {
     const char *name;
     /* Main thread. Must answer the invocation, whose user data is the process. */
@@ -33,7 +33,7 @@ typedef struct KestoDbusMethod {
 } KestoDbusMethod;
 
 /* Connects to the session bus and takes `bus_name` at once, without queueing. `reserved` is 0.
- * Returns nothing when there is no bus, the name is taken, the bus does not answer, an argument is no proper name or
+ * Returns NULL when there is no bus, the name is taken, the bus does not answer, an argument is no proper name or
  * the object is exported already. Blocks for as long as that takes: connecting, being greeted and taking the name are
  * given up after 25 s each; connecting also about 1 s after a SIGINT or SIGTERM that the process keeps blocked. The
  * caller owns the result: kesto_process_destroy. */

@@ -29,21 +29,21 @@ typedef struct ProtoAlarm {
     uint32_t reserved;
 } ProtoAlarm;
 
-/* A new reference that the codec takes over (a floating one is sunk), or nothing. */
+/* A new reference that the codec takes over (a floating one is sunk), or NULL. */
 typedef GVariant *(*ProtoReadCallback)(Proto *handle, uint32_t flags, const char *key);
 /* 1 allowed, 0 refused. `recursive` is meaningful for reads. */
 typedef int (*ProtoAuthCallback)(Proto *handle, uint32_t operation, const char *key, uint32_t recursive);
 /* Sets `hide_secure_info` to non-zero when secrets are to be masked in the answer. */
 typedef void (*ProtoLoginInfoCallback)(Proto *handle, uint32_t *hide_secure_info);
-/* The result of the write; negative when refused or failed. `value` may be absent. */
+/* The result of the write; negative when refused or failed. `value` may be NULL. */
 typedef int (*ProtoWriteCallback)(Proto *handle, uint32_t type, const char *key, const char *value);
-/* Any key or value may be absent. 0 or -1. The list is new and NULL-terminated; the codec releases it (g_strfreev). */
+/* Any key or value may be NULL. 0 or -1. The list is new and NULL-terminated; the codec releases it (g_strfreev). */
 typedef int (*ProtoMultiWriteCallback)(Proto *handle, uint32_t count, const char *const *keys,
                                        const char *const *values, uint32_t *result_count, char ***results);
 /* Told of a change recorded with proto_change; its result is not used. */
 typedef int (*ProtoChangeCallback)(Proto *handle);
-/* Login or, with both texts absent, log-out. The codec takes over the "(a{sv})" it returns, which may be floating, or
- * nothing: refused, or logged out. */
+/* Login or, with both texts NULL, log-out. The codec takes over the "(a{sv})" it returns, which may be floating, or
+ * NULL: refused, or logged out. */
 typedef GVariant *(*ProtoActionCallback)(Proto *handle, const char *user_name, const char *password, int32_t monitor,
                                          int32_t discard_my_feedback, int32_t hide_secure_info, int32_t no_lock,
                                          const char *discovery);
@@ -54,10 +54,10 @@ typedef uint32_t (*ProtoGetChangeCallback)(void);
 void proto_init(int first, int second);
 void proto_deinit(void);
 
-/* An empty handle, for one event; or one that holds a copy of the received bytes. Never nothing. */
+/* An empty handle, for one event; or one that holds a copy of the received bytes. Never NULL. */
 Proto *proto_new(void);
 Proto *proto_new_full(const void *bytes, size_t length);
-/* Releases the handle and clears the caller's reference; an absent handle is ignored. */
+/* Releases the handle and clears the caller's reference; NULL is ignored. */
 void proto_destroy(Proto **handle);
 
 /* The static discovery text for requests that ask for it; not copied, must outlive the handle. */
@@ -75,20 +75,20 @@ void proto_set_getchange(Proto *handle, ProtoGetChangeCallback callback);
 
 /* 0, or negative when the bytes are not a request. */
 int proto_decode(Proto *handle);
-/* The client id of the decoded request, borrowed from the handle, or nothing. */
+/* The client id of the decoded request, borrowed from the handle, or NULL. */
 const char *proto_id(const Proto *handle);
 /* Carries the decoded request out, calling the callbacks. An operation without its callback is unsupported. 0 or -1. */
 int proto_process(Proto *handle);
 /* Encodes the answer into the handle's buffer. 0 or -1. */
 int proto_encode(Proto *handle);
-/* The encoded bytes, borrowed from the handle, or nothing; and their count, SIZE_MAX when there are none. */
+/* The encoded bytes, borrowed from the handle, or NULL; and their count, or SIZE_MAX when they are NULL. */
 const void *proto_buffer(const Proto *handle);
 size_t proto_buffer_size(const Proto *handle);
 
 /* Records on the handle that its request changed device data; calls the change callback. */
 void proto_change(Proto *handle);
 
-/* Encode one event into the handle's buffer. 0 or -1. `type` may be absent. */
+/* Encode one event into the handle's buffer. 0 or -1. `type` may be NULL. */
 int proto_encode_alarm_event(Proto *handle, const ProtoAlarm *alarm);
 int proto_encode_kv(Proto *handle, const char *key, const char *value, const char *type);
 int proto_encode_RestoreSnapshot(Proto *handle, uint32_t slot);

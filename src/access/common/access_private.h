@@ -8,11 +8,11 @@
 #include <kesto/process.h>
 
 struct AccessPrivate {
-    GThread *thread; /* the network thread, or empty once joined */
-    GAsyncQueue *mq; /* of BusEvent, or empty once released */
+    GThread *thread; /* the network thread, or NULL once joined */
+    GAsyncQueue *mq; /* of BusEvent, or NULL once released */
 };
 
-/* The private data of a process, or nothing before the start and after the stop. */
+/* The private data of a process; NULL before the start and after the stop. */
 inline AccessPrivate *access_private(const KestoProcess *process) {
     return static_cast<AccessPrivate *>(process->priv);
 }

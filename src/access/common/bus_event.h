@@ -23,7 +23,7 @@ enum BusCommand : uint32_t {
 
 struct BusKeyValue {
     char *key, *value; /* owned by the event */
-    char *type;        /* owned, or absent */
+    char *type;        /* owned, or NULL */
 };
 
 struct BusCommandRecord {
@@ -40,7 +40,7 @@ struct BusEvent {
     };
 };
 
-/* Any thread. Zero-filled but for its kind; the caller's until it is pushed. Never nothing. */
+/* Any thread. Zero-filled but for its kind; the caller's until it is pushed. Never NULL. */
 BusEvent *bus_event_new(BusEventKind kind);
 
 /* Any thread, for the event's owner: releases it with its texts. */
@@ -52,7 +52,7 @@ GAsyncQueue *bus_event_queue_new();
 /* Any thread; never blocks, never fails. The queue takes the event over. */
 void bus_event_push(GAsyncQueue *mq, BusEvent *event);
 
-/* Network thread. The oldest event, now the caller's, or nothing when the queue is empty. Never waits. */
+/* Network thread. The oldest event, now the caller's, or NULL when the queue is empty. Never waits. */
 BusEvent *bus_event_try_pop(GAsyncQueue *mq);
 
 /* Whether a stop event has been pushed since the queue was made. Any thread. */

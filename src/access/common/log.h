@@ -12,5 +12,5 @@
 /* Blocks for one write to the sink. Messages of any length are written whole. */
 [[gnu::format(printf, 3, 4)]] void log_write(const char *file, int line, const char *format, ...);
 
-/* What stands in a message for a text that may be absent. */
+/* What stands in a message for a text that may be NULL. */
 inline const char *log_text(const char *text) { return text != nullptr ? text : "(null)"; }

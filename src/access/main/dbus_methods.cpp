@@ -42,7 +42,7 @@ static void answer_empty(GDBusMethodInvocation *invocation) {
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
-// The private data, or nothing with the reason in the log; `handler` is the caller's name.
+// The private data, or NULL with the reason in the log; `handler` is the caller's name.
 static AccessPrivate *running_private(GDBusMethodInvocation *invocation, const char *handler) {
     LOG("%s\n", handler);
     const auto *process = static_cast<KestoProcess *>(g_dbus_method_invocation_get_user_data(invocation));

@@ -6,7 +6,7 @@
 
 #include <kesto/process.h>
 
-/* For kesto_process_add_dbus_methods; ended by an empty row. */
+/* For kesto_process_add_dbus_methods; ended by a row of NULLs. */
 extern const KestoDbusMethod access_dbus_methods[];
 
 void dbus_mtod_dispatch(GDBusMethodInvocation *invocation);

@@ -17,5 +17,5 @@ bool discovery_socket_share_port(const AccessServer *server);
 /* Binds it to udp_port on all interfaces and lets it send broadcasts, which is not essential. */
 bool discovery_socket_bind(const AccessServer *server);
 
-/* Does nothing when there is none. */
+/* Does nothing when there is no socket. */
 void discovery_socket_close(AccessServer *server);

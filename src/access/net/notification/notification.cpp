@@ -15,7 +15,7 @@ static constexpr int not_encoded = -1;
 
 using OwnedEvent = std::unique_ptr<BusEvent, ByPointer<bus_event_free>>;
 
-// Each encoder: 0, or not_encoded when there is nothing to send.
+// Each encoder returns 0, or not_encoded when the event is not to be sent or cannot be encoded.
 static int encode_alarm(Proto *handle, ProtoAlarm *alarm) {
     if (alarm->code != broadcast_alarm_code) {
         LOG("DBUS: DISCARD code=%d\n", alarm->code);

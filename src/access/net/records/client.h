@@ -42,7 +42,7 @@ Client *client_new();
 /* The record of an id, or NULL. */
 Client *client_lookup(const AccessServer *server, const char *id);
 
-/* Hands the record over to the table. There must be none of its id. */
+/* Hands the record over to the table, which must not hold one of the same id. */
 void client_insert(AccessServer *server, Client *client);
 
 inline bool has_session(const Client *client) {

@@ -59,7 +59,7 @@ static GVariant *call_write(uint32_t type, const char *key, const char *value, G
     return data_service_call("Write", g_variant_new("(iss)", sent_type, key, value), default_timeout_ms, error);
 }
 
-// The data service's result; 0 when the reply holds none.
+// The data service's result; 0 for a reply of another type.
 static int32_t write_result(GVariant *reply) {
     int32_t result = 0;
     if (reply != nullptr && g_variant_is_of_type(reply, G_VARIANT_TYPE("(i)"))) g_variant_get(reply, "(i)", &result);

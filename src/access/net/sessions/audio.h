@@ -1,5 +1,5 @@
-/* audio.h - tells the device's audio service who has come and who has gone. Nothing is waited for, and nothing is said
- * without a session bus. Network thread only. */
+/* audio.h - tells the device's audio service who has come and who has gone. It does not wait for an answer, and
+ * does nothing without a session bus. Network thread only. */
 #pragma once
 
 struct Client;

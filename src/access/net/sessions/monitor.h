@@ -8,5 +8,6 @@ struct Client;
  * Afterwards cl_monitor is a running, registered monitor, or NULL with the reason in the log. */
 void client_start_monitor(Client *client);
 
-/* Ends it, before the socket that it watches is closed; may block for 600 ms. Does nothing when there is none. */
+/* Ends the monitor. To be called before the socket that it watches is closed; may block for 600 ms. Does nothing for a
+ * client without a monitor. */
 void client_stop_monitor(Client *client);

@@ -21,7 +21,7 @@ struct SessionPorts {
     int32_t event;
 };
 
-/* Of the id "@localhost", whose session takes none of the ranges. */
+/* The ports of the id "@localhost", which lie outside of both ranges. */
 constexpr SessionPorts localhost_ports = {.command = 62000, .event = 63000};
 
 static_assert(command_ports.last < event_ports.first, "a command port must never be another client's event port");

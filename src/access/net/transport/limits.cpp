@@ -55,7 +55,7 @@ size_t limits_descriptors() {
 
 // Opens that many descriptors and closes them again: the only way to know. A duplicate is the cheapest one to have.
 static bool descriptors_free(int wanted) {
-    int opened[descriptors_for_start];  // nothing asks for more
+    int opened[descriptors_for_start];  // the most that is asked for
     int count = 0;
     while (count < wanted) {
         const int descriptor = dup(STDERR_FILENO);
