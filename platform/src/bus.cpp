@@ -13,11 +13,11 @@
 
 using namespace std::chrono_literals;
 
-constexpr auto connect_timeout = 25s;  // as long as GDBus waits for the answer to a call
-constexpr auto stop_signal_check_period = 1s;
+static constexpr auto connect_timeout = 25s;  // as long as GDBus waits for the answer to a call
+static constexpr auto stop_signal_check_period = 1s;
 
-constexpr size_t descriptors_to_connect = 8;  // GDBus's own wake-ups, its socket, and what looking for it opens
-constexpr size_t descriptors_to_call = 1;     // a waiting call is woken through one of its own
+static constexpr size_t descriptors_to_connect = 8;  // GDBus's own wake-ups, its socket, and what looking for it opens
+static constexpr size_t descriptors_to_call = 1;     // a waiting call is woken through one of its own
 
 static bool descriptors_available(size_t wanted) {
     int opened[descriptors_to_connect];

@@ -19,10 +19,10 @@ using google::protobuf::io::CodedInputStream;
 
 // An empty pair takes two bytes on the wire and fifty in memory, so that the size of a request says nothing about what
 // it costs to unpack.
-constexpr int pairs_max = 65536;
+static constexpr int pairs_max = 65536;
 
-constexpr int path_to_pairs[] = {wire::Message::kRequestFieldNumber, wire::Request::kMultiWriteFieldNumber,
-                                 wire::MultiWrite::kPairsFieldNumber};
+static constexpr int path_to_pairs[] = {wire::Message::kRequestFieldNumber, wire::Request::kMultiWriteFieldNumber,
+                                        wire::MultiWrite::kPairsFieldNumber};
 
 static google::protobuf::LogHandler *previous_log_handler;
 
@@ -33,7 +33,7 @@ void proto_deinit(void) { google::protobuf::SetLogHandler(previous_log_handler);
 
 // A thread's last handle is kept for its next one, with the room that its messages have: most of what a short exchange
 // allocates. One that has grown large is not.
-constexpr size_t bytes_worth_keeping = 4096;
+static constexpr size_t bytes_worth_keeping = 4096;
 static thread_local std::unique_ptr<Proto> spare;
 
 static bool is_worth_keeping(const Proto &handle) {

@@ -5,8 +5,8 @@
 #include "codec.h"
 #include "variant.h"
 
-constexpr std::string_view secret_endings[] = {"Password", "Passphrase", "Secret", "Pin"};
-constexpr const char *secret_mask = "********";
+static constexpr std::string_view secret_endings[] = {"Password", "Passphrase", "Secret", "Pin"};
+static constexpr const char *secret_mask = "********";
 
 // The ports of a login's "(a{sv})".
 static bool read_ports(GVariant *login, wire::Session *session) {

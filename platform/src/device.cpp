@@ -8,9 +8,9 @@
 #include "bus.h"
 #include "variant.h"
 
-constexpr BusMethod data_read = {"com.quillmont.kesto.Data", "/com/quillmont/kesto/Data",
-                                 "com.quillmont.kesto.Data.Service", "Read"};
-constexpr uint32_t read_this_key_alone = 0x2000;
+static constexpr BusMethod data_read = {"com.quillmont.kesto.Data", "/com/quillmont/kesto/Data",
+                                        "com.quillmont.kesto.Data.Service", "Read"};
+static constexpr uint32_t read_this_key_alone = 0x2000;
 
 int kesto_detect_slot_id(void) {
     const char *setting = std::getenv("KESTO_SLOT_ID");

@@ -16,7 +16,7 @@ struct FatalSignal {
     int number;
     std::string_view name;
 };
-constexpr FatalSignal fatal_signals[] = {
+static constexpr FatalSignal fatal_signals[] = {
     {SIGSEGV, "SIGSEGV"},
     {SIGBUS,  "SIGBUS" },
     {SIGFPE,  "SIGFPE" },
@@ -24,12 +24,12 @@ constexpr FatalSignal fatal_signals[] = {
     {SIGABRT, "SIGABRT"},
     {SIGTRAP, "SIGTRAP"}, // how GLib ends a process after a fatal message
 };
-constexpr size_t fatal_signal_count = std::size(fatal_signals);
+static constexpr size_t fatal_signal_count = std::size(fatal_signals);
 
-constexpr int frames_max = 64;
-constexpr size_t signal_stack_bytes = size_t{64} << 10;
-constexpr unsigned dump_time_limit_s = 10;
-constexpr mode_t dump_mode = 0600;  // a backtrace tells where the code lies in memory
+static constexpr int frames_max = 64;
+static constexpr size_t signal_stack_bytes = size_t{64} << 10;
+static constexpr unsigned dump_time_limit_s = 10;
+static constexpr mode_t dump_mode = 0600;  // a backtrace tells where the code lies in memory
 
 static const char *dump_path;
 static struct sigaction previous_actions[fatal_signal_count];

@@ -15,9 +15,9 @@
 
 #include "bus.h"
 
-constexpr uint32_t do_not_queue = 4;      // RequestName's flag
-constexpr uint32_t primary_owner = 1;     // RequestName's only good answer here
-constexpr int release_timeout_ms = 1000;  // a bus that does not answer must not hold up the end
+static constexpr uint32_t do_not_queue = 4;      // RequestName's flag
+static constexpr uint32_t primary_owner = 1;     // RequestName's only good answer here
+static constexpr int release_timeout_ms = 1000;  // a bus that does not answer must not hold up the end
 
 struct Frame : KestoProcess {
     std::string bus_name, object_path, interface_name;

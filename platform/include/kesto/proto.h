@@ -1,7 +1,7 @@
 /* proto.h - the protocol codec: decodes a client's request, carries it out through callbacks, encodes the answer.
  *
- * A handle belongs to one thread at a time. Callbacks run inside proto_process, on its thread; the
- * texts that they receive are borrowed for the length of the call. */
+ * A handle belongs to one thread at a time. Callbacks run inside proto_process, on its thread; the texts that they
+ * receive are borrowed for the length of the call. */
 #pragma once
 
 #include <stddef.h>

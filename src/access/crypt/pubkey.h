@@ -1,9 +1,9 @@
 /* pubkey.h - wraps the shared key with a client's RSA public key. Thread-safe; takes a few milliseconds at the most. */
 #pragma once
 
-/* Encrypts the characters of `secret` under the RSA public key in `pem` (PKCS #1 version 1.5). The number of encrypted
- * bytes, with `wrapped` set to a new text of twice as many upper-case hexadecimal digits, which the caller releases
- * with g_free. -1 when the RSA operation fails, the number of bytes when there is no memory for the text, 0 for any
- * other failure; then `wrapped` is left as it was. A key that
- * is locked with a passphrase is a failure: nobody is asked. */
+/* Encrypts the characters of `secret` under the RSA public key in `pem` (PKCS #1 version 1.5). Returns the number of
+ * encrypted bytes and sets `wrapped` to a new text of twice as many upper-case hexadecimal digits, which the caller
+ * releases with g_free. `wrapped` stays as it was on failure: -1 when the RSA operation fails, the number of bytes when
+ * there is no memory for the text, 0 for any other reason. A key that is locked with a passphrase is a failure: nobody
+ * is asked. */
 int kesto_pubkey_encrypt(const char *pem, const char *secret, char **wrapped);

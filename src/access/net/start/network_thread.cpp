@@ -30,7 +30,7 @@ static AccessServer *srv = nullptr;
 static bool create_server(void *process) {
     if (process == nullptr) return false;
     srv = g_new0(AccessServer, 1);
-    bus_connect();
+    session_bus_connect();
     srv->udp_fd = -1;
     srv->udp_port = discovery_udp_port;
     srv->auth_port = auth_tcp_port;

@@ -11,7 +11,7 @@ GDBusConnection *bus_connection = nullptr;
 
 static void on_bus_closed(GDBusConnection *, gboolean, GError *, void *) { kesto_mainloop_stop(); }
 
-void bus_connect() {
+void session_bus_connect() {
     if (bus_connection != nullptr) return;
     bus_connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
     if (bus_connection == nullptr) return;

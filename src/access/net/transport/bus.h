@@ -11,7 +11,7 @@ constexpr int default_timeout_ms = -1;
 
 /* Connects, unless that has been done. When the bus goes away, the platform's main loop is stopped. Blocks until the
  * bus has answered, without a limit. */
-void bus_connect();
+void session_bus_connect();
 
 /* Why no synchronous call can be made now, or NULL. A stop waits for the call under way, and must not wait for another:
  * with a service behind the bus that does not answer, each takes its whole time-out. */
