@@ -32,7 +32,6 @@ static void echo_to_others(Client *client, Proto *handle) {
     if (client->cl_broadcast == 0) return;
     LOG("[%s] Broadcasting to all clients.\n", client->cl_id);
     broadcast(client->cl_server, handle, client);
-    client->cl_broadcast = 0;
 }
 
 static bool process_and_answer(Exchange &request, Client *client) {
@@ -67,7 +66,8 @@ int client_read(zloop_t *, zmq_pollitem_t *item, void *argument) {
     else answered = process_and_answer(request, client);
 
     if (!answered) answer_failure(request);
-    request.codec.reset();   // it points at the record
-    free_if_marked(client);  // only now: the answer has left
+    request.codec.reset();     // it points at the record
+    client->cl_broadcast = 0;  // of this request alone, also when it could not be answered
+    free_if_marked(client);    // only now: the answer has left
     return 0;
 }
