@@ -49,12 +49,9 @@ Proto *proto_new_full(const void *bytes, size_t length) {
 }
 
 static void make_empty(Proto &handle) {
+    handle.use = {};
     handle.received.clear();
     handle.buffer.clear();
-    handle.decoded = handle.answered = false;
-    handle.discovery = nullptr;
-    handle.private_data = nullptr;
-    handle.callbacks = {};
 }
 
 void proto_destroy(Proto **handle) {
@@ -65,21 +62,23 @@ void proto_destroy(Proto **handle) {
     spare = std::move(done);
 }
 
-void proto_set_discovery(Proto *handle, const char *text) { handle->discovery = text; }
-void proto_set_private(Proto *handle, void *pointer) { handle->private_data = pointer; }
-void *proto_get_private(const Proto *handle) { return handle->private_data; }
-void proto_set_cb_read(Proto *handle, ProtoReadCallback callback) { handle->callbacks.read = callback; }
-void proto_set_cb_auth(Proto *handle, ProtoAuthCallback callback) { handle->callbacks.auth = callback; }
+void proto_set_discovery(Proto *handle, const char *text) { handle->use.discovery = text; }
+void proto_set_private(Proto *handle, void *pointer) { handle->use.private_data = pointer; }
+void *proto_get_private(const Proto *handle) { return handle->use.private_data; }
+void proto_set_cb_read(Proto *handle, ProtoReadCallback callback) { handle->use.callbacks.read = callback; }
+void proto_set_cb_auth(Proto *handle, ProtoAuthCallback callback) { handle->use.callbacks.auth = callback; }
 void proto_set_cb_get_login_info(Proto *handle, ProtoLoginInfoCallback callback) {
-    handle->callbacks.get_login_info = callback;
+    handle->use.callbacks.get_login_info = callback;
 }
-void proto_set_cb_write(Proto *handle, ProtoWriteCallback callback) { handle->callbacks.write = callback; }
+void proto_set_cb_write(Proto *handle, ProtoWriteCallback callback) { handle->use.callbacks.write = callback; }
 void proto_set_cb_multiwrite(Proto *handle, ProtoMultiWriteCallback callback) {
-    handle->callbacks.multi_write = callback;
+    handle->use.callbacks.multi_write = callback;
 }
-void proto_set_cb_change(Proto *handle, ProtoChangeCallback callback) { handle->callbacks.change = callback; }
-void proto_set_cb_action(Proto *handle, ProtoActionCallback callback) { handle->callbacks.action = callback; }
-void proto_set_getchange(Proto *handle, ProtoGetChangeCallback callback) { handle->callbacks.get_change = callback; }
+void proto_set_cb_change(Proto *handle, ProtoChangeCallback callback) { handle->use.callbacks.change = callback; }
+void proto_set_cb_action(Proto *handle, ProtoActionCallback callback) { handle->use.callbacks.action = callback; }
+void proto_set_getchange(Proto *handle, ProtoGetChangeCallback callback) {
+    handle->use.callbacks.get_change = callback;
+}
 
 // Counts the pairs without unpacking them, and stops beyond the limit. Where the bytes are malformed it stops like the
 // parser, which then refuses them.
@@ -169,28 +168,28 @@ static bool parse_request(Proto *handle, bool unknown) {
 
 int proto_decode(Proto *handle) {
     bool unknown = false;
-    handle->answered = false;
+    handle->use.answered = false;
     handle->buffer.clear();
-    handle->decoded = handle->received.size() <= INT_MAX && has_only_a_request(handle->received, unknown) &&
-                      has_few_pairs(handle->received) && parse_request(handle, unknown) &&
-                      texts_are_whole(handle->request.request());
-    return handle->decoded ? 0 : -1;
+    handle->use.decoded = handle->received.size() <= INT_MAX && has_only_a_request(handle->received, unknown) &&
+                          has_few_pairs(handle->received) && parse_request(handle, unknown) &&
+                          texts_are_whole(handle->request.request());
+    return handle->use.decoded ? 0 : -1;
 }
 
 const char *proto_id(const Proto *handle) {
-    if (!handle->decoded) return nullptr;
+    if (!handle->use.decoded) return nullptr;
     const std::string &id = handle->request.request().client_id();
     return id.empty() ? nullptr : id.c_str();
 }
 
 void proto_change(Proto *handle) {
-    if (handle->callbacks.change != nullptr) handle->callbacks.change(handle);
+    if (handle->use.callbacks.change != nullptr) handle->use.callbacks.change(handle);
 }
 
 int proto_encode(Proto *handle) {
     handle->buffer.clear();
-    if (!handle->answered) return -1;
-    const ProtoGetChangeCallback get_change = handle->callbacks.get_change;
+    if (!handle->use.answered) return -1;
+    const ProtoGetChangeCallback get_change = handle->use.callbacks.get_change;
     handle->answer.mutable_reply()->set_change_count(get_change != nullptr ? get_change() : 0);
     return codec_store(handle, handle->answer);
 }

@@ -20,16 +20,20 @@ struct ProtoCallbacks {
     ProtoGetChangeCallback get_change;
 };
 
+/* What belongs to one use of a handle. */
+struct ProtoUse {
+    bool decoded = false, answered = false; /* whether `request` and `answer` below are this use's */
+    const char *discovery = nullptr;        /* the static discovery text, borrowed */
+    void *private_data = nullptr;
+    ProtoCallbacks callbacks = {};
+};
+
 struct Proto {
+    ProtoUse use;
     std::string received;
-    wire::Message request; /* of this use of the handle only when decoded */
-    wire::Message answer;  /* of this use of the handle only when answered */
-    bool decoded, answered;
-    bool has_unknown;      /* the request has fields that the contract does not have */
-    std::string buffer;    /* never empty once encoded: a message always has a body */
-    const char *discovery; /* the static discovery text, borrowed */
-    void *private_data;
-    ProtoCallbacks callbacks;
+    wire::Message request, answer;
+    bool has_unknown = false; /* `request` has fields that the contract does not have */
+    std::string buffer;       /* never empty once encoded: a message always has a body */
 };
 
 /* Serializes the message into the handle's buffer. 0, or -1 with an empty buffer. */

@@ -22,13 +22,13 @@ static bool read_ports(GVariant *login, wire::Session *session) {
 }
 
 static wire::Status answer_login(Proto *handle, const wire::Login &login, wire::Reply *reply) {
-    if (handle->callbacks.action == nullptr) return wire::STATUS_UNSUPPORTED;
+    if (handle->use.callbacks.action == nullptr) return wire::STATUS_UNSUPPORTED;
     const char *user_name = login.has_user_name() ? login.user_name().c_str() : nullptr;
     const char *password = login.has_password() ? login.password().c_str() : nullptr;
     const char *discovery = login.has_discovery() ? login.discovery().c_str() : nullptr;
     GVariant *given =
-        handle->callbacks.action(handle, user_name, password, login.monitor(), login.discard_my_feedback(),
-                                 login.hide_secure_info(), login.no_lock(), discovery);
+        handle->use.callbacks.action(handle, user_name, password, login.monitor(), login.discard_my_feedback(),
+                                     login.hide_secure_info(), login.no_lock(), discovery);
     g_autoptr(GVariant) value = given != nullptr ? g_variant_take_ref(given) : nullptr;
     const bool log_out = user_name == nullptr && password == nullptr;
     if (log_out) return wire::STATUS_OK;
@@ -40,7 +40,7 @@ static wire::Status answer_login(Proto *handle, const wire::Login &login, wire::
 
 static bool hides_secrets(Proto *handle) {
     uint32_t hide = 0;
-    if (handle->callbacks.get_login_info != nullptr) handle->callbacks.get_login_info(handle, &hide);
+    if (handle->use.callbacks.get_login_info != nullptr) handle->use.callbacks.get_login_info(handle, &hide);
     return hide != 0;
 }
 
@@ -76,8 +76,8 @@ static void set_value_text(GVariant *value, wire::Value *answer) {
 }
 
 static wire::Status answer_read(Proto *handle, const wire::Read &read, wire::Reply *reply) {
-    if (handle->callbacks.read == nullptr) return wire::STATUS_UNSUPPORTED;
-    GVariant *given = handle->callbacks.read(handle, read.flags(), read.key().c_str());
+    if (handle->use.callbacks.read == nullptr) return wire::STATUS_UNSUPPORTED;
+    GVariant *given = handle->use.callbacks.read(handle, read.flags(), read.key().c_str());
     if (given == nullptr) return wire::STATUS_REFUSED;
     g_autoptr(GVariant) value = variant_unbox(g_variant_take_ref(given));
     const bool hide = hides_secrets(handle);
@@ -95,9 +95,9 @@ static wire::Status answer_read(Proto *handle, const wire::Read &read, wire::Rep
 }
 
 static wire::Status answer_write(Proto *handle, const wire::Write &write, wire::Reply *reply) {
-    if (handle->callbacks.write == nullptr) return wire::STATUS_UNSUPPORTED;
+    if (handle->use.callbacks.write == nullptr) return wire::STATUS_UNSUPPORTED;
     const char *value = write.has_value() ? write.value().c_str() : nullptr;
-    const int result = handle->callbacks.write(handle, write.type(), write.key().c_str(), value);
+    const int result = handle->use.callbacks.write(handle, write.type(), write.key().c_str(), value);
     wire::WriteResult *answer = reply->mutable_write();
     answer->set_key(write.key());
     answer->set_value(write.value());
@@ -107,7 +107,7 @@ static wire::Status answer_write(Proto *handle, const wire::Write &write, wire::
 }
 
 static wire::Status answer_multi_write(Proto *handle, const wire::MultiWrite &write, wire::Reply *reply) {
-    if (handle->callbacks.multi_write == nullptr) return wire::STATUS_UNSUPPORTED;
+    if (handle->use.callbacks.multi_write == nullptr) return wire::STATUS_UNSUPPORTED;
     std::vector<const char *> keys, values;
     for (const wire::Pair &pair : write.pairs()) {
         keys.push_back(pair.has_key() ? pair.key().c_str() : nullptr);
@@ -115,8 +115,8 @@ static wire::Status answer_multi_write(Proto *handle, const wire::MultiWrite &wr
     }
     uint32_t result_count = 0;
     g_auto(GStrv) results = nullptr;
-    const int result = handle->callbacks.multi_write(handle, static_cast<uint32_t>(keys.size()), keys.data(),
-                                                     values.data(), &result_count, &results);
+    const int result = handle->use.callbacks.multi_write(handle, static_cast<uint32_t>(keys.size()), keys.data(),
+                                                         values.data(), &result_count, &results);
     wire::MultiWriteResult *answer = reply->mutable_multi_write();
     *answer->mutable_pairs() = write.pairs();
     for (uint32_t i = 0; results != nullptr && i < result_count && results[i] != nullptr; ++i) {
@@ -126,21 +126,22 @@ static wire::Status answer_multi_write(Proto *handle, const wire::MultiWrite &wr
 }
 
 static wire::Status answer_authorize(Proto *handle, const wire::Authorize &question, wire::Reply *reply) {
-    if (handle->callbacks.auth == nullptr) return wire::STATUS_UNSUPPORTED;
+    if (handle->use.callbacks.auth == nullptr) return wire::STATUS_UNSUPPORTED;
     const int allowed =
-        handle->callbacks.auth(handle, question.operation(), question.key().c_str(), question.recursive());
+        handle->use.callbacks.auth(handle, question.operation(), question.key().c_str(), question.recursive());
     reply->mutable_authorization()->set_allowed(allowed != 0);
     return wire::STATUS_OK;
 }
 
 static wire::Status answer_discovery(const Proto *handle, wire::Reply *reply) {
-    if (handle->discovery == nullptr) return wire::STATUS_UNSUPPORTED;
-    return codec_set_text(reply->mutable_discovery(), handle->discovery) ? wire::STATUS_OK : wire::STATUS_UNSPECIFIED;
+    if (handle->use.discovery == nullptr) return wire::STATUS_UNSUPPORTED;
+    return codec_set_text(reply->mutable_discovery(), handle->use.discovery) ? wire::STATUS_OK
+                                                                             : wire::STATUS_UNSPECIFIED;
 }
 
 // The counter itself stands in every reply.
 static wire::Status answer_change_count(const Proto *handle) {
-    return handle->callbacks.get_change != nullptr ? wire::STATUS_OK : wire::STATUS_UNSUPPORTED;
+    return handle->use.callbacks.get_change != nullptr ? wire::STATUS_OK : wire::STATUS_UNSUPPORTED;
 }
 
 // The status of the reply, or unspecified when the service gave a text that no reply can carry.
@@ -159,8 +160,8 @@ static wire::Status answer(Proto *handle, const wire::Request &request, wire::Re
 }
 
 int proto_process(Proto *handle) {
-    handle->answered = false;
-    if (!handle->decoded) return -1;
+    handle->use.answered = false;
+    if (!handle->use.decoded) return -1;
     const wire::Request &request = handle->request.request();
     wire::Reply *reply = handle->answer.mutable_reply();
     reply->Clear();
@@ -169,6 +170,6 @@ int proto_process(Proto *handle) {
     const wire::Status status = answer(handle, request, reply);
     if (status == wire::STATUS_UNSPECIFIED) return -1;
     reply->set_status(status);
-    handle->answered = true;
+    handle->use.answered = true;
     return 0;
 }
