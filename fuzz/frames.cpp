@@ -58,8 +58,8 @@ struct World {
     World() {
         proto_init(1, 0);
         server.loop = zloop_new();
-        server.next_cmd_port = command_ports.first;
-        server.next_event_port = event_ports.first;
+        server.next_cmd_port = first_ports.command;
+        server.next_event_port = first_ports.event;
         server.session_handlers = {.command = client_read, .monitor = client_monitor_event};
         server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
         bus_connection = reinterpret_cast<GDBusConnection *>(this);

@@ -1,15 +1,15 @@
 #!/usr/bin/python3
 """Whether the includes of src/access run downwards.
 
-A folder stands on a floor and includes files of its own folder and of lower floors; folders of one floor do not know
-each other. A room is a source with its header; no rooms include each other in a ring."""
+A folder stands in a layer and includes files of its own folder and of lower layers; folders of one layer do not know
+each other. A module is a source with its header; no modules include each other in a cycle."""
 
 import re
 import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent / "src" / "access"
-FLOORS = [  # from the ground up
+LAYERS = [  # from the bottom up
     ["common"],
     ["crypt", "net/records", "net/transport"],
     ["net/device", "net/notification"],
@@ -18,7 +18,7 @@ FLOORS = [  # from the ground up
     ["net/start"],
     ["main"],
 ]
-LEVEL = {folder: level for level, folders in enumerate(FLOORS) for folder in folders}
+LEVEL = {folder: level for level, folders in enumerate(LAYERS) for folder in folders}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
 
@@ -37,29 +37,29 @@ def is_allowed(name, other):
     return here == there or LEVEL[there] < LEVEL[here]
 
 
-def first_ring(arrows):
-    """Rooms, the last of which includes the first again; empty when there is no ring."""
+def first_cycle(arrows):
+    """Modules, the last of which includes the first again; empty when there is no cycle."""
     done, path = set(), []
 
-    def visit(room):
-        if room in path:
-            return path[path.index(room):]
-        if room in done:
+    def visit(module):
+        if module in path:
+            return path[path.index(module):]
+        if module in done:
             return []
-        path.append(room)
-        for other in sorted(arrows[room]):
-            if ring := visit(other):
-                return ring
+        path.append(module)
+        for other in sorted(arrows[module]):
+            if cycle := visit(other):
+                return cycle
         path.pop()
-        done.add(room)
+        done.add(module)
         return []
 
-    return next((ring for room in sorted(arrows) if (ring := visit(room))), [])
+    return next((cycle for module in sorted(arrows) if (cycle := visit(module))), [])
 
 
 def complaints(files):
     for folder in sorted({folder_of(name) for name in files} - LEVEL.keys()):
-        yield f"{folder} stands on no floor; FLOORS in scripts/check_includes.py has them"
+        yield f"{folder} stands in no layer; LAYERS in scripts/check_includes.py has them"
         return
     arrows = {name.rpartition(".")[0]: set() for name in files}
     for name, others in sorted(files.items()):
@@ -67,8 +67,8 @@ def complaints(files):
             if not is_allowed(name, other):
                 yield f"src/access/{name} includes {other}, which does not stand below it"
             arrows[name.rpartition(".")[0]].add(other.rpartition(".")[0])
-    if ring := first_ring({room: others - {room} for room, others in arrows.items()}):
-        yield "these include each other in a ring: " + " -> ".join(ring + ring[:1])
+    if cycle := first_cycle({module: others - {module} for module, others in arrows.items()}):
+        yield "these include each other in a cycle: " + " -> ".join(cycle + cycle[:1])
 
 
 def main():

@@ -14,7 +14,7 @@
 #include "common/bus_event.h"
 #include "harness/recording.h"
 #include "main/lifecycle.h"
-#include "net/device/hardware_options.h"
+#include "net/device/discovery_extra.h"
 #include "net/device/identity.h"
 #include "net/device/static_discovery.h"
 #include "net/notification/notification.h"

@@ -46,7 +46,8 @@ BusEvent *bus_event_new(BusEventKind kind);
 /* Any thread, for the event's owner: releases it with its texts. */
 void bus_event_free(void *event);
 
-/* Main thread. A queue that releases the events still in it when it is released (g_async_queue_unref). */
+/* Main thread, one in a process at a time. A queue that releases the events still in it when it is released
+ * (g_async_queue_unref). */
 GAsyncQueue *bus_event_queue_new();
 
 /* Any thread; never blocks, never fails. The queue takes the event over. */

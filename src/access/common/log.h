@@ -6,7 +6,7 @@
 
 #define LOG(...) ((void)(_console_debug != 0 ? log_write(__FILE__, __LINE__, __VA_ARGS__) : (void)0))
 
-/* A failed call, named with the function that decided what becomes of it. `what` is a literal. */
+/* Logs that `what`, a literal, has failed, with the function that the macro stands in. */
 #define LOG_FAILED(what) LOG("%s:%s:%d - " what "\n", __FILE__, __func__, __LINE__)
 
 /* Blocks for one write to the sink. Messages of any length are written whole. */

@@ -1,6 +1,5 @@
 /* signals.h - which thread takes SIGINT and SIGTERM. Only the network thread does, and not while it starts or stops a
- * monitor: a signal in the middle of that would end the process. The mask is the calling thread's; threads inherit it.
- */
+ * monitor, when a signal would spoil it. The functions change the calling thread's mask; new threads inherit it. */
 #pragma once
 
 #include <csignal>
@@ -18,5 +17,5 @@ struct StopSignalsHeld {
     StopSignalsHeld(const StopSignalsHeld &) = delete;
     StopSignalsHeld &operator=(const StopSignalsHeld &) = delete;
 
-    sigset_t before;
+    sigset_t before; /* the mask to restore */
 };

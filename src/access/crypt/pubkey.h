@@ -1,4 +1,5 @@
-/* pubkey.h - wraps the shared key with a client's RSA public key. Thread-safe; takes a few milliseconds at the most. */
+/* pubkey.h - wraps the shared key with a client's RSA public key. Thread-safe; takes some milliseconds with the worst
+ * of keys. */
 #pragma once
 
 /* Encrypts the characters of `secret` under the RSA public key in `pem` (PKCS #1 version 1.5). Returns the number of

@@ -1,7 +1,7 @@
 /* dbus_methods.h - the D-Bus methods through which the device reports its changes.
  *
  * Each turns one call into one event of the queue and answers at once; the network thread broadcasts it later. While
- * the service is not started, each answers with an error. Main thread only. */
+ * the service is not running, each answers with an error. Main thread only. */
 #pragma once
 
 #include <kesto/process.h>

@@ -12,5 +12,5 @@ int kesto_access_start(KestoProcess *process);
 
 /* Asks the network thread to stop, waits for its end and releases the private data. The wait is as long as the
  * D-Bus call under way needs, at most 25 s, in a multi-write 65 s; no further one begins. Each known client adds about
- * a millisecond. 0, or -1 when the process has no private data. */
+ * a millisecond, with a monitor up to 600 ms. 0, or -1 when the process has no private data. */
 int kesto_access_stop(KestoProcess *process);

@@ -40,12 +40,13 @@ static void detect_slot() {
     LOG("slotid: %d %s\n", detected, slot_mark());
 }
 
-static void run_process(KestoProcess *process) {
+static void run_process(KestoProcess **owned) {
+    KestoProcess *process = *owned;
     process->setting = 0;
     kesto_process_add_ops(process, &kesto_access_ops);
     kesto_process_add_dbus_methods(process, access_dbus_methods);
     kesto_process_run(process);
-    kesto_process_destroy(&process);
+    kesto_process_destroy(owned);
 }
 
 static void close_platform() {
@@ -79,7 +80,7 @@ int main(int argc, char **argv) {
         close_platform();
         return -1;
     }
-    run_process(process);
+    run_process(&process);
     close_platform();
     LOG("stopped access\n");
     return EXIT_SUCCESS;

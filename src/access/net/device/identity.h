@@ -1,7 +1,8 @@
 /* identity.h - who the device is.
  *
  * The data service may come up after this service, so the identity is filled step by step: each load reads only what is
- * still missing. Network thread only; each missing text may block for one D-Bus call. */
+ * still missing. Network thread only; each of the four texts of the data service may block for one D-Bus call of at
+ * most 25 s. */
 #pragma once
 
 struct AccessServer;

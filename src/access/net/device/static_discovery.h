@@ -1,11 +1,12 @@
-/* static_discovery.h - the device's discovery data in two further forms: one small file under /tmp for each value, for
+/* static_discovery.h - the device's discovery data beside the replies: one small file under /tmp for each value, for
  * other programs on the device, and the eight-field text that clients may present at login. Network thread only; may
  * block for the D-Bus calls of loading the identity. */
 #pragma once
 
 struct AccessServer;
 
-/* Computes the text and writes the files when the device identity is complete; does nothing else otherwise. */
+/* Computes the text and writes the files when the device identity is complete; otherwise only loads what it can of the
+ * identity. */
 void compute_static_discovery(AccessServer *server);
 
 /* Computes it if that has not succeeded yet. */

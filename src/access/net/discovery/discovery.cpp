@@ -15,20 +15,20 @@
 #include "common/log.h"
 #include "common/slot.h"
 #include "crypt/pubkey.h"
-#include "net/device/brand.h"
 #include "net/device/data_key.h"
+#include "net/device/discovery_extra.h"
 #include "net/device/discovery_text.h"
-#include "net/device/hardware_options.h"
 #include "net/device/identity.h"
+#include "net/device/oem_texts.h"
 #include "net/records/client.h"
 #include "net/records/server.h"
 #include "net/sessions/release.h"
 
-static constexpr size_t buffer_size = discovery_text_size;
+static constexpr size_t buffer_size = 8192;
 static constexpr ssize_t request_shortest = 3, request_longest = buffer_size - 1;
-static constexpr std::string_view framing_start = "@?";
 static constexpr const char *shared_key = "7D2E5A91C04BF368";
-static constexpr const char *second_port_field = "ZMQ:61000", *no_port_field = "ZMQ:0";
+static constexpr const char *second_port = "61000", *second_port_loopback = "0";
+static const std::string port_field_start = "ZMQ:";
 static constexpr const char *project_info_key = "/Device/Config/PROJECT_INFO";
 static constexpr size_t amplifier_name_size = 256;
 
@@ -93,7 +93,7 @@ static bool is_framed(Datagram &datagram) {
         return false;
     }
     const char first = datagram.text[0], second = datagram.text[1], last = datagram.text[length - 1];
-    if (first != '@' || second != '?' || last != end_mark) {
+    if (first != framing_start[0] || second != framing_start[1] || last != end_mark) {
         LOG("[DISCOVERY] discarded... (%d %c %c %c)\n", static_cast<int>(length), first, second, last);
         return false;
     }
@@ -108,54 +108,51 @@ static void read_amplifier_name(char (&name)[amplifier_name_size]) {
     *name = '\0';
 }
 
-static const Brand &brand() {
-    static const Brand at_first_reply = brand_from_environment();
-    return at_first_reply;
-}
-
-static void log_reply(const AccessServer *server, int32_t login_port, const char *wrapped_key) {
-    const DeviceIdentity &identity = server->identity;
+static void log_reply(const DeviceIdentity &identity, const OemTexts &oem, int32_t login_port,
+                      const char *wrapped_key) {
     LOG("[DISCOVERY] < HW_MODEL=%s FW=%s SERIAL=%s OEM_SERIAL=%s ZMQ:%d slot=%s manufacter=%s oem_model=%s ENCKEY=%s "
         "\n",
         identity.model, identity.fw_version, identity.serial, identity.oem_serial, login_port, slot_mark(),
-        brand().manufacturer, brand().model, wrapped_key);
+        oem.manufacturer, oem.model, wrapped_key);
 }
 
 // Its length; a reply that is too long is cut.
-static size_t write_reply(const AccessServer *server, const char *wrapped_key, char (&reply)[buffer_size]) {
+static size_t write_reply(const AccessServer *server, const char *wrapped_key, char (&reply)[discovery_text_size]) {
+    static const OemTexts oem = oem_texts_from_environment();
     const DeviceIdentity &identity = server->identity;
     const bool loopback = server->loopback != 0;
     const int32_t login_port = loopback ? 0 : server->auth_port;
-    const std::string login_port_field = "ZMQ:" + std::to_string(login_port);
+    const std::string login_port_field = port_field_start + std::to_string(login_port);
+    const std::string second_port_field = port_field_start + (loopback ? second_port_loopback : second_port);
     char amplifier_name[amplifier_name_size];
     read_amplifier_name(amplifier_name);
     g_autofree char *project_info = data_key_read(project_info_key);
 
     const std::string_view fields[] = {
-        identity.model,                                // 1
-        identity.fw_version,                           // 2
-        identity.oem_serial,                           // 3
-        login_port_field,                              // 4
-        loopback ? no_port_field : second_port_field,  // 5
-        wrapped_key,                                   // 6
-        slot_mark(),                                   // 7
-        brand().manufacturer,                          // 8
-        brand().model,                                 // 9
-        amplifier_name,                                // 10
-        identity.serial,                               // 11
-        identity.easy_swap_id,                         // 12
-        project_info != nullptr ? project_info : "",   // 13
-        discovery_extra(),                             // 14
+        identity.model,                               // 1
+        identity.fw_version,                          // 2
+        identity.oem_serial,                          // 3
+        login_port_field,                             // 4
+        second_port_field,                            // 5
+        wrapped_key,                                  // 6
+        slot_mark(),                                  // 7
+        oem.manufacturer,                             // 8
+        oem.model,                                    // 9
+        amplifier_name,                               // 10
+        identity.serial,                              // 11
+        identity.easy_swap_id,                        // 12
+        project_info != nullptr ? project_info : "",  // 13
+        discovery_extra(),                            // 14
     };
     const size_t length = discovery_text_write(fields, reply);
-    log_reply(server, login_port, wrapped_key);
+    log_reply(identity, oem, login_port, wrapped_key);
     return length;
 }
 
 // The number of bytes sent, or -1.
 static ssize_t send_reply(int descriptor, const sockaddr_in &destination, const AccessServer *server,
                           const Client *client) {
-    char reply[buffer_size];
+    char reply[discovery_text_size];
     const size_t length = write_reply(server, client->cl_enckey != nullptr ? client->cl_enckey : "", reply);
     return sendto(descriptor, reply, length, 0, reinterpret_cast<const sockaddr *>(&destination), sizeof(destination));
 }

@@ -4,17 +4,17 @@
 
 struct AccessServer;
 
-/* Creates the socket. */
+/* Creates the socket and sets SO_LINGER; a refusal of that is only logged. */
 bool discovery_socket_create(AccessServer *server);
 
-/* Reads its descriptor's flags, and sets them with those for not blocking. */
+/* Its descriptor's flags; and the same flags with O_NONBLOCK set. */
 bool discovery_socket_read_flags(const AccessServer *server, int *flags);
 bool discovery_socket_set_nonblocking(const AccessServer *server, int flags);
 
-/* Lets it have its port while others have it, too. */
+/* Sets SO_REUSEADDR. */
 bool discovery_socket_share_port(const AccessServer *server);
 
-/* Binds it to udp_port on all interfaces and lets it send broadcasts, which is not essential. */
+/* Sets SO_BROADCAST, of which a refusal is only logged, and binds the socket to udp_port on all interfaces. */
 bool discovery_socket_bind(const AccessServer *server);
 
 /* Does nothing when there is no socket. */

@@ -1,6 +1,6 @@
 /* notification.h - delivers changes to the clients' event sockets: those that the device reports through the queue, and
- * those that one client makes, echoed to the others. Network thread only; a broadcast visits every client within one
- * call and never waits for a slow one. */
+ * those that one client makes, echoed to the others, and to the writer as well if it asked for that. Network thread
+ * only; a broadcast visits every client within one call and never waits for a slow one. */
 #pragma once
 
 #include <cstdint>
@@ -19,15 +19,16 @@ struct BroadcastContext {
     uint32_t count; /* clients to which the message was handed */
 };
 
-/* Reactor timer handler: encodes and broadcasts all that is queued; `server` is the AccessServer. 0, or -1 to end the
- * loop on a stop event. */
+/* Reactor timer handler: encodes and broadcasts all that is queued; `server` is the AccessServer. 0, also without a
+ * queue; -1, which ends the loop, for NULL and on a stop event: what is queued behind it stays there. */
 int server_mq_timer(zloop_t *loop, int timer_id, void *server);
 
-/* Visit function for the table of clients: sends the context's message to one of them. */
+/* Visit function for the table of clients: sends the context's message to one of them, unless the client has no event
+ * socket, is marked to be freed, or is the source and wanted no feedback. */
 void client_notify(void *key, void *client, void *context);
 
-/* Runs client_notify over the whole table and logs how many were reached. The handle is borrowed and has been encoded;
- * `source` may be NULL. */
+/* Runs client_notify over the whole table and logs to how many it was handed. The handle is borrowed and has been
+ * encoded; `source` may be NULL. */
 void broadcast(const AccessServer *server, Proto *handle, Client *source);
 
 /* The codec's change callback: marks the handle's client for the echo and counts the change. Returns 0. */

@@ -17,6 +17,8 @@ Client *client_new() {
     return client;
 }
 
+bool is_localhost(const Client *client) { return g_str_equal(client->cl_id, localhost_id); }
+
 Client *client_lookup(const AccessServer *server, const char *id) {
     return static_cast<Client *>(g_hash_table_lookup(server->clients, id));
 }

@@ -21,10 +21,10 @@ struct DeviceIdentity {
     char *easy_swap_id;
 };
 
-/* What a session registers with the loop for its client, and does not know itself: a request may carry a login, and a
- * monitor's event may end the session. The start fills them in. */
+/* The handlers that a session registers with the loop for its client. They stand here because the files that they are
+ * in know the session's, and not the other way round. Set by reactor_create, before any session is opened. */
 struct SessionHandlers {
-    zloop_fn *command; /* of cl_cmds; the argument is the Client */
+    zloop_fn *command; /* of cl_cmds; its argument is the Client */
     zloop_fn *monitor; /* of cl_monitor; likewise */
 };
 
@@ -32,7 +32,7 @@ struct AccessServer {
     int32_t udp_fd; /* the discovery socket, or -1 */
     int32_t udp_port;
     zloop_t *loop;           /* the reactor loop, or NULL */
-    int32_t auth_port;       /* published by discovery */
+    int32_t auth_port;       /* published by discovery, as 0 in loopback mode */
     zsock_t *auth;           /* the authentication socket (REP), or NULL */
     int32_t next_cmd_port;   /* of the next session */
     int32_t next_event_port; /* of the next session */

@@ -1,5 +1,6 @@
-/* audio.h - tells the device's audio service who has come and who has gone. It does not wait for an answer, and
- * does nothing without a session bus. Network thread only. */
+/* audio.h - tells the device's audio service who has come and who has gone, without waiting for its answer:
+ * "@localhost" with no_lock, else the client's id. Does nothing without a session bus, and for an id that is not UTF-8.
+ * Network thread only. */
 #pragma once
 
 struct Client;

@@ -8,16 +8,16 @@
 static constexpr int closing_linger_ms = 0;
 
 static constexpr SocketOption auth_options[] = {
-    {zsock_set_linger,              1000             }, // ms; never counts, the close sets its own
-    {zsock_set_maxmsgsize,          max_message_bytes},
-    {zsock_set_tcp_keepalive,       1                },
-    {zsock_set_tcp_keepalive_idle,  20               }, // s
-    {zsock_set_tcp_keepalive_cnt,   2                },
-    {zsock_set_tcp_keepalive_intvl, 5                }, // s
-    {zsock_set_sndtimeo,            2000             }, // ms
-    {zsock_set_handshake_ivl,       0                }, // ms; no limit
-    {zsock_set_reconnect_ivl,       200              }, // ms
-    {zsock_set_reconnect_ivl_max,   1000             }, // ms
+    {zsock_set_linger,              1000                 }, // ms; never counts, the close sets its own
+    {zsock_set_maxmsgsize,          max_message_bytes    },
+    {zsock_set_tcp_keepalive,       1                    },
+    {zsock_set_tcp_keepalive_idle,  keepalive_idle_s     },
+    {zsock_set_tcp_keepalive_cnt,   keepalive_probes     },
+    {zsock_set_tcp_keepalive_intvl, keepalive_interval_s },
+    {zsock_set_sndtimeo,            2000                 }, // ms
+    {zsock_set_handshake_ivl,       no_handshake_limit_ms},
+    {zsock_set_reconnect_ivl,       reconnect_ms         },
+    {zsock_set_reconnect_ivl_max,   reconnect_longest_ms },
 };
 
 bool auth_socket_create(AccessServer *server) {

@@ -3,11 +3,11 @@
 
 struct AccessServer;
 
-/* Creates the socket. False when the process has too little left for one. */
+/* Creates the socket. False when the process cannot have one. */
 bool auth_socket_create(AccessServer *server);
 
 /* Sets its options and binds it to auth_port. False, with the result in the log, when the port is not to be had. */
 bool auth_socket_bind(const AccessServer *server);
 
-/* Answers that have not left are dropped. Does nothing when there is no socket. */
+/* Closes the socket; answers that have not left are dropped. Does nothing when there is no socket. */
 void auth_socket_close(AccessServer *server);

@@ -5,7 +5,6 @@
 #include "net/device/static_discovery.h"
 #include "net/notification/notification.h"
 #include "net/records/client.h"
-#include "net/records/server.h"
 #include "net/sessions/login.h"
 #include "net/sessions/release.h"
 #include "net/transport/exchange.h"

@@ -1,4 +1,4 @@
-/* authentication.h - the one socket that anybody may speak to: the server's auth. Network thread only. */
+/* authentication.h - serves the authentication socket, on which clients log in. Network thread only. */
 #pragma once
 
 #include <czmq.h>

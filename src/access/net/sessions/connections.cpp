@@ -6,9 +6,8 @@
 #include "net/records/client.h"
 #include "net/sessions/audio.h"
 #include "net/sessions/login.h"
+#include "net/sessions/monitor.h"
 #include "net/sessions/release.h"
-
-static constexpr const char *accepted = "ACCEPTED", *disconnected = "DISCONNECTED";
 
 static void log_off(Client *client) {
     LOG("no other command connection opened, so auto-logoff (%s)\n", client->cl_id);
@@ -19,7 +18,7 @@ static void log_off(Client *client) {
 }
 
 static void connection_accepted(Client *client) {
-    LOG("%s socket\n", accepted);
+    LOG("%s socket\n", monitor_accepted);
     client->cl_connections += 1;
     if (client->cl_connections == 1) {
         LOG("first same connection: (%s) %u\n", client->cl_id, client->cl_connections);
@@ -30,26 +29,31 @@ static void connection_accepted(Client *client) {
 }
 
 static void connection_closed(Client *client) {
-    LOG("%s socket\n", disconnected);
+    LOG("%s socket\n", monitor_disconnected);
     if (client->cl_connections > 0) client->cl_connections -= 1;
     if (client->cl_connections == 0) return log_off(client);
     LOG("client deconnection but it is not the last one: (%s) %u\n", client->cl_id, client->cl_connections);
 }
 
-// The event's name, which the caller releases, or NULL.
-static char *receive_event(zactor_t *monitor) {
-    zmsg_t *message = zmsg_recv(monitor);
-    if (message == nullptr) return nullptr;
-    char *name = zmsg_popstr(message);
-    zmsg_destroy(&message);
-    if (name == nullptr) LOG("no event!!!\n");
-    return name;
+enum class ConnectionEvent { none, accepted, disconnected };
+
+static ConnectionEvent event_named(const char *name) {
+    if (g_str_equal(name, monitor_accepted)) return ConnectionEvent::accepted;
+    if (g_str_equal(name, monitor_disconnected)) return ConnectionEvent::disconnected;
+    LOG("unmanaged '%s' socket event\n", name);
+    return ConnectionEvent::none;
 }
 
-static void handle_event(Client *client, const char *event) {
-    if (streq(event, accepted)) connection_accepted(client);
-    else if (streq(event, disconnected)) connection_closed(client);
-    else LOG("unmanaged '%s' socket event\n", event);
+static ConnectionEvent receive_event(zactor_t *monitor) {
+    zmsg_t *message = zmsg_recv(monitor);
+    if (message == nullptr) return ConnectionEvent::none;
+    char *name = zmsg_popstr(message);
+    ConnectionEvent event = ConnectionEvent::none;
+    if (name != nullptr) event = event_named(name);
+    else LOG("no event!!!\n");
+    zstr_free(&name);
+    zmsg_destroy(&message);
+    return event;
 }
 
 int client_monitor_event(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
@@ -67,8 +71,10 @@ int client_monitor_event(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
     }
 
     LOG("client monitor event %d\n", client->cl_cmd_port);
-    char *event = receive_event(client->cl_monitor);
-    if (event != nullptr) handle_event(client, event);
-    zstr_free(&event);
+    switch (receive_event(client->cl_monitor)) {
+        case ConnectionEvent::accepted: connection_accepted(client); break;
+        case ConnectionEvent::disconnected: connection_closed(client); break;
+        case ConnectionEvent::none: break;
+    }
     return 0;
 }

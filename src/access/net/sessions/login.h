@@ -12,7 +12,7 @@
 
 struct Client;
 
-/* One login or, with neither user name nor password, log-out. The texts are borrowed; each may be NULL. */
+/* A login; with neither user name nor password, a log-out. The texts are borrowed; each may be NULL. */
 struct LoginRequest {
     const char *user_name = nullptr;
     const char *password = nullptr;
@@ -21,8 +21,9 @@ struct LoginRequest {
 };
 
 /* Logs the client in or out; may block for the D-Bus calls of the static discovery text and for a session's opening.
- * The floating login reply, "(a{sv})" with the two ports, which is the caller's; NULL for a log-out and for a refusal.
- * A record with cl_destroy 1 afterwards is to be freed by the caller, after the answer. */
+ * The floating login reply, "(a{sv})" with the two ports, which is the caller's; NULL for a log-out, for a refusal,
+ * and with the record untouched when there is no session bus, no client or no id. A record with cl_destroy 1 afterwards
+ * is to be freed by the caller, after the answer. */
 GVariant *client_authenticate(Client *client, const LoginRequest &request);
 
 /* The codec's action callback: client_authenticate for the handle's client. */
@@ -30,5 +31,6 @@ GVariant *server_auth_callback(Proto *handle, const char *user_name, const char 
                                int32_t discard_my_feedback, int32_t hide_secure_info, int32_t no_lock,
                                const char *discovery);
 
-/* The codec's login-info callback: whether the handle's client asked for secrets to be hidden. */
+/* The codec's login-info callback: whether the handle's client asked for secrets to be hidden; 0 without a client.
+ * `hide_secure_info` may be NULL. */
 void client_action_get_login_info_callback(Proto *handle, uint32_t *hide_secure_info);

@@ -34,7 +34,7 @@ static void set_pipe_options(zactor_t *monitor) {
 }
 
 static bool instruct_monitor(zactor_t *monitor) {
-    if (zstr_sendx(monitor, "LISTEN", "ACCEPTED", "DISCONNECTED", nullptr) != 0) {
+    if (zstr_sendx(monitor, "LISTEN", monitor_accepted, monitor_disconnected, nullptr) != 0) {
         LOG("error connecting [%d]\n", zmq_errno());
         return false;
     }

@@ -4,7 +4,10 @@
 
 struct Client;
 
-/* Starts and registers the monitor of the client's cl_cmds, once per socket; may block for three waits of 600 ms.
+/* The events that a monitor reports, by name. */
+constexpr const char *monitor_accepted = "ACCEPTED", *monitor_disconnected = "DISCONNECTED";
+
+/* Starts and registers the monitor of the client's cl_cmds, once per socket; may block for some waits of 600 ms.
  * Afterwards cl_monitor is a running, registered monitor, or NULL with the reason in the log. */
 void client_start_monitor(Client *client);
 

@@ -49,6 +49,8 @@ void client_free(Client *client, ClientFreeType type) {
 
     session_close(client);
     drop_texts(client);
+    client->cl_cmd_port = no_port;
+    client->cl_event_port = no_port;
     drop_id(client, type);
     g_free(client);
     g_usleep(pause_after_release_us);

@@ -15,7 +15,7 @@ enum ClientFreeType : uint32_t {
     client_free_known = 1, /* also tells the audio service and removes the entry from the table */
 };
 
-/* Releases the record with all that it holds, in the order in which things depend on each other. NULL is ignored.
+/* Releases the record with all that it holds: monitor, sockets, texts, table entry. NULL is ignored.
  * May be called from one of the record's own handlers, which then must not touch it again. Takes half a
  * millisecond; with a monitor up to 600 ms. */
 void client_free(Client *client, ClientFreeType type);

@@ -7,14 +7,14 @@ struct AccessServer;
 
 struct SessionCount {
     size_t sockets;  /* of ZeroMQ */
-    size_t sessions; /* whose connections are still to come */
+    size_t sessions; /* each needs descriptors to listen at, and for connections that are still to come */
 };
 
 constexpr SessionCount one_session = {.sockets = 2, .sessions = 1};
 
-/* Of a session that is there: its pipe, and the one between it and the socket that it watches, two ends each. */
+/* The monitor of an open session: two pairs of sockets, its pipe and the pair between it and the socket it watches. */
 constexpr SessionCount one_monitor = {.sockets = 4, .sessions = 0};
 
-/* The process may have that many more beside its own sessions, with the descriptors that they and their connections
- * need. Strangers' connections are not counted: they give way. */
+/* Whether that many more fit beside the open sessions, with the descriptors that these and their connections need.
+ * Strangers' connections are not counted: they give way. */
 bool session_room_left(const AccessServer *server, SessionCount further);

@@ -17,16 +17,16 @@ static constexpr int commands_closing_linger_ms = 50;  // the answer to a log-ou
 static constexpr int events_closing_linger_ms = 0;
 
 static constexpr SocketOption command_options[] = {
-    {zsock_set_maxmsgsize,          max_message_bytes},
-    {zsock_set_linger,              150              }, // ms; never counts, each close sets its own
-    {zsock_set_tcp_keepalive,       1                },
-    {zsock_set_tcp_keepalive_idle,  20               }, // s
-    {zsock_set_tcp_keepalive_cnt,   2                },
-    {zsock_set_tcp_keepalive_intvl, 5                }, // s
-    {zsock_set_sndtimeo,            1500             }, // ms
-    {zsock_set_handshake_ivl,       0                }, // ms; no limit
-    {zsock_set_reconnect_ivl,       200              }, // ms
-    {zsock_set_reconnect_ivl_max,   1000             }, // ms
+    {zsock_set_maxmsgsize,          max_message_bytes    },
+    {zsock_set_linger,              150                  }, // ms; never counts, each close sets its own
+    {zsock_set_tcp_keepalive,       1                    },
+    {zsock_set_tcp_keepalive_idle,  keepalive_idle_s     },
+    {zsock_set_tcp_keepalive_cnt,   keepalive_probes     },
+    {zsock_set_tcp_keepalive_intvl, keepalive_interval_s },
+    {zsock_set_sndtimeo,            1500                 }, // ms
+    {zsock_set_handshake_ivl,       no_handshake_limit_ms},
+    {zsock_set_reconnect_ivl,       reconnect_ms         },
+    {zsock_set_reconnect_ivl_max,   reconnect_longest_ms },
 };
 
 static constexpr SocketOption heartbeat_options[] = {
@@ -36,15 +36,15 @@ static constexpr SocketOption heartbeat_options[] = {
 };
 
 static constexpr SocketOption event_options[] = {
-    {zsock_set_linger,              0   }, // ms; the close sets its own
-    {zsock_set_tcp_keepalive,       1   },
-    {zsock_set_tcp_keepalive_idle,  20  }, // s
-    {zsock_set_tcp_keepalive_cnt,   2   },
-    {zsock_set_tcp_keepalive_intvl, 5   }, // s
-    {zsock_set_sndtimeo,            600 }, // ms
-    {zsock_set_handshake_ivl,       0   }, // ms; no limit
-    {zsock_set_reconnect_ivl,       200 }, // ms
-    {zsock_set_reconnect_ivl_max,   1000}, // ms
+    {zsock_set_linger,              0                    }, // ms; the close sets its own
+    {zsock_set_tcp_keepalive,       1                    },
+    {zsock_set_tcp_keepalive_idle,  keepalive_idle_s     },
+    {zsock_set_tcp_keepalive_cnt,   keepalive_probes     },
+    {zsock_set_tcp_keepalive_intvl, keepalive_interval_s },
+    {zsock_set_sndtimeo,            600                  }, // ms
+    {zsock_set_handshake_ivl,       no_handshake_limit_ms},
+    {zsock_set_reconnect_ivl,       reconnect_ms         },
+    {zsock_set_reconnect_ivl_max,   reconnect_longest_ms },
 };
 
 struct SocketReading {
@@ -159,7 +159,7 @@ static void record_session(Client *client, const SessionRequest &want, SessionPo
 }
 
 int session_open(Client *client, const SessionRequest &want) {
-    assert(!has_session(client));
+    assert(!has_session(client) && client->cl_server->session_handlers.command != nullptr);
     client->cl_destroy = 1;  // the caller clears it once the session stands
     const SessionPorts ports = take_ports(client);
     const char *address = bind_address();
@@ -199,6 +199,4 @@ void session_close(Client *client) {
     client_stop_monitor(client);  // before the socket that it watches
     close_command_socket(client);
     close_event_socket(client);
-    client->cl_cmd_port = no_port;
-    client->cl_event_port = no_port;
 }

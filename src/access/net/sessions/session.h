@@ -16,10 +16,10 @@ struct SessionRequest {
 
 /* Opens a session for a client that has no session. Returns 0, or -1 with the reason in the log. It sets cl_destroy to
  * 1, and what follows is the caller's: to clear it when a session was opened, or else to free the record after the
- * answer; until then the record keeps what was opened. Two ports are spent either way. May block as long as the start
- * of a monitor does. */
+ * answer; until then the record keeps what was opened. Its two ports are spent either way. May block as long as the
+ * start of a monitor does. */
 int session_open(Client *client, const SessionRequest &want);
 
-/* Closes the session, or as much of one as has been opened. An answer that has been sent still gets out. With a monitor
- * it may block for 600 ms. */
+/* Closes the session, or as much of one as has been opened; the record keeps its ports. An answer that has been sent
+ * still gets out. With a monitor it may block for 600 ms. */
 void session_close(Client *client);

@@ -34,16 +34,21 @@ static bool create_server(void *process) {
     srv->udp_fd = -1;
     srv->udp_port = discovery_udp_port;
     srv->auth_port = auth_tcp_port;
-    srv->next_cmd_port = command_ports.first;
-    srv->next_event_port = event_ports.first;
+    srv->next_cmd_port = first_ports.command;
+    srv->next_event_port = first_ports.event;
     srv->timer_id = -1;
-    srv->loopback = bind_address_is_loopback() ? 1 : 0;
 
     LOG("[NET] access first reading settings, it can fail\n");
     const int complete = server_load_identity(srv);
     LOG("result: %d\n", complete);
     srv->owner = static_cast<KestoProcess *>(process);
     LOG("[NET] setting private to %p\n", process);
+    return true;
+}
+
+static bool create_discovery_socket() {
+    if (!discovery_socket_create(srv)) return false;
+    srv->loopback = bind_address_is_loopback() ? 1 : 0;
     return true;
 }
 
@@ -61,6 +66,7 @@ static bool init_czmq() {
     return ready;
 }
 
+// The loop, with what may fail without ending the start.
 static bool create_loop() {
     if (!reactor_create(srv)) return false;
     ensure_static_discovery(srv);
@@ -71,7 +77,7 @@ static bool create_loop() {
 void *kesto_access_net_start(void *process) {
     int flags = -1;
     if (!create_server(process)) LOG_FAILED("user_data cast NULL");
-    else if (!discovery_socket_create(srv)) LOG_FAILED("socket udp error");
+    else if (!create_discovery_socket()) LOG_FAILED("socket udp error");
     else if (!discovery_socket_read_flags(srv, &flags)) LOG_FAILED("fcntl F_GETFL");
     else if (!discovery_socket_set_nonblocking(srv, flags)) LOG_FAILED("fcntl F_SETFL to set not blocking");
     else if (!discovery_socket_share_port(srv)) LOG_FAILED("setsockopt SO_REUSEADDR");

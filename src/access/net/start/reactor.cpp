@@ -55,9 +55,11 @@ bool reactor_serve_logins(AccessServer *server) {
 }
 
 static int on_tick(zloop_t *loop, int timer_id, void *argument) {
+    const int result = server_mq_timer(loop, timer_id, argument);
+    if (result != 0) return result;
     auto *server = static_cast<AccessServer *>(argument);
     if (++server->ticks % ticks_between_drops == 0) accept_gate_drop_silent();
-    return server_mq_timer(loop, timer_id, server);
+    return 0;
 }
 
 bool reactor_start_timer(AccessServer *server) {

@@ -4,19 +4,19 @@
 
 struct AccessServer;
 
-/* Creates the loop. False when that fails. */
+/* Creates the loop, sets its tracing and fills in the handlers of sessions. False when the loop cannot be created. */
 bool reactor_create(AccessServer *server);
 
-/* Has discovery requests served; without its poller the service runs on, without discovery. */
+/* Registers the discovery socket. A refusal is logged; the service then runs without discovery. */
 void reactor_serve_discovery(AccessServer *server);
 
-/* Has log-ins served, and for each session that they open its requests and its connections. False when that fails. */
+/* Registers the authentication socket. False when the loop refuses it. */
 bool reactor_serve_logins(AccessServer *server);
 
 /* Starts the queue timer. False when that fails. */
 bool reactor_start_timer(AccessServer *server);
 
-/* Runs the loop until SIGINT, SIGTERM or a stop event. */
+/* Runs the loop until SIGINT, SIGTERM, a stop event or the end of the ZeroMQ context. */
 void reactor_run(const AccessServer *server);
 
 /* Each does nothing when there is nothing to end. */

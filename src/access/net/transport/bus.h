@@ -3,16 +3,16 @@
 
 #include <gio/gio.h>
 
-/* Lives as long as the process; NULL when there is no bus. */
+/* Lives as long as the process; NULL before session_bus_connect, and when there is no bus. */
 extern GDBusConnection *bus_connection;
 
-/* GDBus's own time-out for a call, 25 s. */
+/* Stands for GDBus's own time-out for a call, 25 s. */
 constexpr int default_timeout_ms = -1;
 
 /* Connects, unless that has been done. When the bus goes away, the platform's main loop is stopped. Blocks until the
  * bus has answered, without a limit. */
 void session_bus_connect();
 
-/* Why no synchronous call can be made now, or NULL. A stop waits for the call under way, and must not wait for another:
- * with a service behind the bus that does not answer, each takes its whole time-out. */
+/* NULL, or why no synchronous call may begin: the service is stopping, or no descriptor is free. A stop waits for the
+ * call under way, and for that one only: each may take its whole time-out. */
 const char *bus_obstacle();

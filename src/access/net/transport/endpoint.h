@@ -9,13 +9,14 @@
 /* ZMQ_ACCESS_IP, or "*" (all interfaces) when it is unset or empty. Valid until the environment changes. */
 const char *bind_address();
 
-/* ZMQ_ACCESS_IP is the loopback address. */
+/* Whether ZMQ_ACCESS_IP is exactly "127.0.0.1". */
 bool bind_address_is_loopback();
 
 /* Binds to "tcp://address:port". The bound port, or -1. */
 int endpoint_bind(zsock_t *socket, const char *address, int32_t port);
 
-/* Milliseconds, seconds or a count, as the option has it. libzmq aborts the process on a value that it does not take.
+/* Milliseconds, seconds, bytes, a count or 1 for on, as the option has it. libzmq aborts the process on a value that it
+ * does not take.
  */
 struct SocketOption {
     void (*set)(void *socket, int value);
@@ -25,6 +26,11 @@ struct SocketOption {
 inline void set_options(zsock_t *socket, std::span<const SocketOption> options) {
     for (const SocketOption &option : options) option.set(socket, option.value);
 }
+
+/* What all sockets of the service have in common. */
+constexpr int keepalive_idle_s = 20, keepalive_probes = 2, keepalive_interval_s = 5;
+constexpr int no_handshake_limit_ms = 0;
+constexpr int reconnect_ms = 200, reconnect_longest_ms = 1000;
 
 /* The largest message that is accepted from a client, in bytes. */
 constexpr int max_message_bytes = 10485760;

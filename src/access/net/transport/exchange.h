@@ -10,12 +10,13 @@
 
 struct Exchange {
     void *socket;           /* the raw ZeroMQ socket */
-    CodecHandle codec = {}; /* made from the received bytes; NULL until then */
+    CodecHandle codec = {}; /* of the received bytes, or empty for want of memory; NULL until then */
     size_t received_bytes = 0;
     bool whole = false; /* the request came in one frame, and there is memory to decode it */
 };
 
-/* Receives one request without waiting and makes the codec handle. False when nothing could be received. */
+/* Receives one request without waiting and makes the codec handle; further frames of it are dropped. False when nothing
+ * could be received; an answer has to be tried also then. */
 bool exchange_receive(Exchange &exchange);
 
 /* False when the bytes are not a request, came in more frames than one, or take more memory than there is. */

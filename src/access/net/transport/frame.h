@@ -10,7 +10,8 @@
 
 using CodecHandle = std::unique_ptr<Proto, ByAddress<proto_destroy>>;
 
-/* Borrowed bytes; `bytes` is NULL when there are none, which is not the same as a frame of size 0. */
+/* Bytes borrowed from a codec handle, valid until it encodes again or is destroyed. `bytes` is NULL when there are
+ * none, which is not the same as a frame of size 0. */
 struct Frame {
     const void *bytes;
     size_t size;
@@ -19,5 +20,6 @@ struct Frame {
 /* What the handle has encoded; no bytes when that failed. */
 Frame encoded_frame(const Proto *handle);
 
-/* Sends a copy of the frame on a raw ZeroMQ socket. False when the send fails. */
+/* Sends a copy of the frame on a raw ZeroMQ socket; `flags` are those of zmq_msg_send. Without ZMQ_DONTWAIT it may wait
+ * as long as the socket's send time-out. False when the send fails. */
 bool send_frame(void *socket, Frame frame, int flags);

@@ -5,13 +5,14 @@
 
 #include <cstddef>
 
-/* Descriptors that no connection gets, so that a session can be opened whoever is connected. */
+/* Descriptors that are never given to connections, so that a login still finds some. */
 constexpr int descriptors_kept_from_connections = 24;
 
-/* Lets the process have as many descriptors as the system allows it. Once, at the start of the network side. */
+/* Lets the process have as many descriptors as the system allows it. Once, at the start of the network thread. */
 void limits_raise_descriptors();
 
-/* The same for ZeroMQ sockets; starts CZMQ, and so needs descriptors. Once, before the first socket. */
+/* The same for ZeroMQ sockets; starts CZMQ, and so needs descriptors. Once, on the network thread, before the first
+ * socket. */
 void limits_raise_sockets();
 
 /* Enough descriptors and memory to start CZMQ and open the first ZeroMQ socket. */
@@ -32,13 +33,14 @@ bool limits_allow_bus_call();
 /* The connection that was accepted with this descriptor leaves enough descriptors and memory to all others. */
 bool limits_allow_connection(int descriptor);
 
-/* ZeroMQ sockets that the process may have: ZSYS_MAX_SOCKETS, or what libzmq can have when that is unset. Each caller
- * counts its own: libzmq aborts at its limit, and a socket counts there until it is closed in the background, so its
- * limit is always the highest. */
+/* How many ZeroMQ sockets the service allows itself, to be compared with an own count: ZSYS_MAX_SOCKETS, or what libzmq
+ * can have when that is no number above 0. libzmq's own limit is always the highest: it aborts there, and counts a
+ * closed socket until it has been closed in the background. */
 size_t limits_sockets();
 
-/* Descriptors that the process may have, whether they are free or not. */
+/* Descriptors that the process may have, free or not; 0 when the system does not tell. */
 size_t limits_descriptors();
 
-/* Whether a start, a socket, a monitor or a connection has been refused since the last call. */
+/* Whether a start, a socket, a monitor or a connection has been refused since the last call, for want of descriptors or
+ * memory. */
 bool limits_take_refusal();

@@ -1,4 +1,4 @@
-#include "net/device/hardware_options.h"
+#include "net/device/discovery_extra.h"
 
 #include <cstddef>
 #include <cstdint>
