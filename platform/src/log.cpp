@@ -4,12 +4,16 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <poll.h>
 #include <unistd.h>
 
 #include <glib.h>
 
 #include <kesto/log.h>
+
+// A pipe takes a long message in pieces, between which another thread's would find room.
+static std::mutex one_message_at_a_time;
 
 static int debug_wanted() {
     const char *setting = std::getenv("KESTO_DEBUG");
@@ -42,7 +46,10 @@ static void write_whole(int descriptor, const char *text, size_t length) {
     va_start(arguments, format);
     g_autofree char *message = g_strdup_vprintf(format, arguments);
     va_end(arguments);
-    if (message != nullptr) write_whole(STDERR_FILENO, message, std::strlen(message));
+    if (message != nullptr) {
+        const std::lock_guard<std::mutex> whole(one_message_at_a_time);
+        write_whole(STDERR_FILENO, message, std::strlen(message));
+    }
     errno = caller_errno;
 }
 
