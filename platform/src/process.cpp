@@ -167,12 +167,19 @@ static void run_main_loop() {
     while (!stop_requested) g_main_context_iteration(nullptr, TRUE);
 }
 
+// Calls that have come in while the service stopped get its answer rather than the bus's.
+static void answer_waiting_calls() {
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+}
+
 int kesto_process_run(KestoProcess *process) {
     if (process == nullptr) return -1;
     const KestoOps *ops = static_cast<Frame *>(process)->ops;
     if (ops != nullptr && ops->start != nullptr) ops->start(process);
     run_main_loop();
     if (ops != nullptr && ops->stop != nullptr) ops->stop(process);
+    answer_waiting_calls();
     stop_requested = false;  // only now: threads that stop joins ask once more
     return 0;
 }
