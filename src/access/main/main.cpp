@@ -1,3 +1,4 @@
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -26,7 +27,9 @@ static constexpr GOptionEntry no_options[] = {{}};
 static void parse_command_line(GOptionContext *context, int argc, char **argv) {
     g_autoptr(GError) error = nullptr;
     g_option_context_add_main_entries(context, no_options, nullptr);
-    if (!g_option_context_parse(context, &argc, &argv, &error)) g_error("option parsing failed: %s\n", error->message);
+    if (g_option_context_parse(context, &argc, &argv, &error)) return;
+    close_fault_dump();  // else the dump of a real crash would be overwritten
+    g_error("option parsing failed: %s\n", error->message);
 }
 
 static void detect_slot() {
@@ -65,7 +68,8 @@ static void occupy_standard_streams() {
 
 int main(int argc, char **argv) {
     occupy_standard_streams();
-    stop_signals_block();  // before any thread exists, so that all but the network thread keep it so
+    signal(SIGPIPE, SIG_IGN);  // a log whose reader has gone is no reason to end
+    stop_signals_block();      // before any thread exists, so that all but the network thread keep it so
     proto_init(1, 0);
     init_fault_dump(crash_dump_path);
 
