@@ -52,6 +52,15 @@ static std::string_view take_field(std::string_view &left, char terminator) {
     return field;
 }
 
+// A device answers with the same marks as a client asks. Two that answered each other's answers would never stop.
+static bool is_device_answer(std::string_view request) {
+    std::string_view left = fields_of(request);
+    if (!take_field(left, field_separator).starts_with('D')) return false;
+    take_field(left, field_separator);
+    take_field(left, field_separator);
+    return left.starts_with(port_field_start);
+}
+
 static char *copy_of(std::string_view field) { return g_strndup(field.data(), field.size()); }
 
 static bool wrap_shared_key(Client *client) {
@@ -93,7 +102,8 @@ static bool is_framed(Datagram &datagram) {
         return false;
     }
     const char first = datagram.text[0], second = datagram.text[1], last = datagram.text[length - 1];
-    if (first != framing_start[0] || second != framing_start[1] || last != end_mark) {
+    const std::string_view text(datagram.text, static_cast<size_t>(length));
+    if (!text.starts_with(framing_start) || last != end_mark || is_device_answer(text)) {
         LOG("[DISCOVERY] discarded... (%d %c %c %c)\n", static_cast<int>(length), first, second, last);
         return false;
     }
