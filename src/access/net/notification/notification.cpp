@@ -8,6 +8,7 @@
 #include "common/owned.h"
 #include "net/records/client.h"
 #include "net/records/server.h"
+#include "net/transport/connection_table.h"
 #include "net/transport/frame.h"
 
 static constexpr int32_t broadcast_alarm_code = 40;
@@ -82,7 +83,10 @@ int server_mq_timer(zloop_t *, int, void *argument) {
         LOG("priv->mq == NULL\n");
         return 0;
     }
-    while (const OwnedEvent event{bus_event_try_pop(priv->mq)}) {
+    // What is queued meanwhile waits for the next tick, or a busy device would keep the loop from all else.
+    for (int left = g_async_queue_length(priv->mq); left > 0; --left) {
+        const OwnedEvent event{bus_event_try_pop(priv->mq)};
+        if (!event) break;
         if (event->kind == BUS_EVENT_STOP) {
             LOG("request to stop\n");
             return -1;
@@ -110,6 +114,7 @@ static void send_broadcast(BroadcastContext *context, const Client *client, cons
         LOG("[%s] Error broadcasting to %s\n", client->cl_id, key);
         return;
     }
+    connection_table_published(client->cl_event_port, frame.size);
     context->count += 1;
     LOG("[%s] Message broadcast to %s...\n", client->cl_id, key);
 }

@@ -8,10 +8,18 @@
 #include <cstdint>
 
 #include <czmq.h>
+#include <glib.h>
 
 struct AccessServer;
 
 constexpr int32_t no_port = -1;
+
+/* What a discovery request can carry beside its marks; a longer text is no id. */
+constexpr size_t longest_id = 8185;
+
+/* Records without a session: of who has only been seen. When there are more, or they hold more, the oldest go; a login
+ * under such an id then begins anew. */
+constexpr size_t visitors_most = 1024, visitors_bytes_most = size_t{4} << 20;
 
 /* Sessions of this id have fixed ports and no monitor. The audio service is told this id in the place of the own one of
  * a client that asked for no_lock. */
@@ -36,6 +44,8 @@ struct Client {
     uint32_t discard_my_feedback; /* 1: not told of its own writes; 0 or 1 like the next two, fixed in a session */
     uint32_t hide_secure_info;
     uint32_t no_lock;
+    GList as_visitor; /* the record's place among those without a session; its data is NULL when it has none */
+    size_t visitor_bytes;
 };
 
 /* A record without a session, or NULL when there is no memory. The caller fills cl_server and cl_id. */
@@ -44,8 +54,12 @@ Client *client_new();
 /* The record of an id, or NULL. */
 Client *client_lookup(const AccessServer *server, const char *id);
 
-/* Hands the record, which has its cl_id, over to the table, which must not hold one of the same id. */
+/* Hands the record, which has its cl_id, over to the table, which must not hold one of the same id. It counts among
+ * those without a session; the oldest of them are released when they have become too many. */
 void client_insert(AccessServer *server, Client *client);
+
+/* The record has a session from now on, or is about to be released. */
+void client_leave_visitors(Client *client);
 
 /* The record must have its cl_id. */
 bool is_localhost(const Client *client);

@@ -42,5 +42,8 @@ struct AccessServer {
     DeviceIdentity identity;
     int32_t loopback; /* 1 when the ZeroMQ endpoints are bound to 127.0.0.1 */
     SessionHandlers session_handlers;
-    uint32_t ticks; /* of the queue timer, since the start */
+    GQueue visitors; /* the clients without a session, the oldest first; see client.h */
+    size_t visitors_bytes;
+    uint32_t sessions_opened; /* since the start, wrapping */
+    uint32_t ticks;           /* of the queue timer, since the start */
 };

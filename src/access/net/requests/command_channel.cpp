@@ -41,7 +41,7 @@ static bool process_and_answer(Exchange &request, Client *client) {
         LOG("problem in proto_encode\n");
         return false;
     }
-    send_frame(request.socket, answer, ZMQ_DONTWAIT);  // a client that is gone still has its change echoed
+    exchange_answer(request, answer, ZMQ_DONTWAIT);  // a client that is gone still has its change echoed
     echo_to_others(client, request.codec.get());
     return true;
 }

@@ -27,8 +27,7 @@ bool auth_socket_create(AccessServer *server) {
 
 bool auth_socket_bind(const AccessServer *server) {
     set_options(server->auth, auth_options);
-    zsock_set_rcvhwm(server->auth, max_waiting_requests);
-    const int bound = endpoint_bind(server->auth, bind_address(), server->auth_port);
+    const int bound = endpoint_bind(server->auth, bind_address(), server->auth_port, PortKind::login);
     LOG("[NET] auth port %d %d\n", server->auth_port, bound);
     return bound == server->auth_port;
 }
@@ -36,6 +35,5 @@ bool auth_socket_bind(const AccessServer *server) {
 void auth_socket_close(AccessServer *server) {
     if (server->auth == nullptr) return;
     LOG("Stop auth destroy socket\n");
-    zsock_set_linger(server->auth, closing_linger_ms);
-    zsock_destroy(&server->auth);
+    endpoint_destroy(&server->auth, closing_linger_ms);
 }

@@ -1,10 +1,13 @@
 /* Whatever comes in gets exactly one answer: a REP socket that has received and does not send is deaf from then on. */
 #include "net/sessions/authentication.h"
 
+#include <cstring>
+
 #include "common/log.h"
 #include "net/device/static_discovery.h"
 #include "net/notification/notification.h"
 #include "net/records/client.h"
+#include "net/sessions/connections.h"
 #include "net/sessions/login.h"
 #include "net/sessions/release.h"
 #include "net/transport/exchange.h"
@@ -25,11 +28,12 @@ static bool receive_request(LoginExchange &login) {
 
 static bool take_client_id(LoginExchange &login) {
     login.id = proto_id(login.codec.get());
-    return login.id != nullptr;
+    return login.id != nullptr && strlen(login.id) <= longest_id;
 }
 
 // A record that was marked while nobody freed it is over; its id begins anew.
 static Client *find_client(const LoginExchange &login) {
+    settle_connections(login.server, login.id);
     Client *known = client_lookup(login.server, login.id);
     if (known == nullptr || known->cl_destroy != 1) return known;
     LOG("login known client that is marked to be removed before!!!!, so free client before\n");
@@ -81,7 +85,7 @@ static bool process_and_answer(LoginExchange &login) {
         LOG("problem in proto_encode\n");
         return false;
     }
-    if (!send_frame(login.socket, answer, 0)) {
+    if (!exchange_answer(login, answer, 0)) {
         login.codec.reset();
         LOG("error zmq_msg_send\n");
         return false;

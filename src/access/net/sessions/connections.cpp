@@ -4,10 +4,15 @@
 
 #include "common/log.h"
 #include "net/records/client.h"
+#include "net/records/server.h"
 #include "net/sessions/audio.h"
 #include "net/sessions/login.h"
 #include "net/sessions/monitor.h"
 #include "net/sessions/release.h"
+#include "net/transport/connection_table.h"
+
+// From the close of a connection to the monitor's report; the loop stands meanwhile.
+static constexpr long event_wait_ms = 10;
 
 static void log_off(Client *client) {
     LOG("no other command connection opened, so auto-logoff (%s)\n", client->cl_id);
@@ -77,4 +82,19 @@ int client_monitor_event(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
         case ConnectionEvent::none: break;
     }
     return 0;
+}
+
+static bool is_ending(const Client *client) {
+    return client != nullptr && client->cl_monitor_item.socket != nullptr && client->cl_connections > 0 &&
+           connection_table_count(client->cl_cmd_port) == 0;
+}
+
+void settle_connections(AccessServer *server, const char *id) {
+    Client *client = client_lookup(server, id);
+    while (is_ending(client)) {
+        zmq_pollitem_t event = client->cl_monitor_item;
+        if (zmq_poll(&event, 1, event_wait_ms) <= 0) return;
+        client_monitor_event(server->loop, &client->cl_monitor_item, client);
+        client = client_lookup(server, id);
+    }
 }

@@ -47,6 +47,7 @@ void client_free(Client *client, ClientFreeType type) {
     if (type != client_free_local) audio_client_deauthenticated(client);
     LOG("client free cmd port = %d, event port %d (type: %d)\n", client->cl_cmd_port, client->cl_event_port, type);
 
+    client_leave_visitors(client);
     session_close(client);
     drop_texts(client);
     client->cl_cmd_port = no_port;

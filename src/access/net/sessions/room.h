@@ -16,5 +16,6 @@ constexpr SessionCount one_session = {.sockets = 2, .sessions = 1};
 constexpr SessionCount one_monitor = {.sockets = 4, .sessions = 0};
 
 /* Whether that many more fit beside the open sessions, with the descriptors that these and their connections need.
- * Strangers' connections are not counted: they give way. */
+ * All connections
+ * are counted, whoever made them. */
 bool session_room_left(const AccessServer *server, SessionCount further);

@@ -16,6 +16,9 @@
 static constexpr int commands_closing_linger_ms = 50;  // the answer to a log-out must still get out
 static constexpr int events_closing_linger_ms = 0;
 
+static constexpr int closing_port_tries = 20;
+static constexpr gulong closing_port_pause_us = 500;
+
 static constexpr SocketOption command_options[] = {
     {zsock_set_maxmsgsize,          max_message_bytes    },
     {zsock_set_linger,              150                  }, // ms; never counts, each close sets its own
@@ -84,6 +87,17 @@ static void set_heartbeat(zsock_t *socket) {
     log_readings(socket, heartbeat_readings);
 }
 
+// A port that is one's own may still be closing in the background.
+static int bind_session_socket(const Client *client, zsock_t *socket, const char *address, int32_t port,
+                               PortKind kind) {
+    int bound = endpoint_bind(socket, address, port, kind);
+    for (int tries = 0; bound != port && is_localhost(client) && tries < closing_port_tries; ++tries) {
+        g_usleep(closing_port_pause_us);
+        bound = endpoint_bind(socket, address, port, kind);
+    }
+    return bound;
+}
+
 static int open_command_socket(Client *client, const SessionRequest &want, const char *address, int32_t port) {
     if (session_room_left(client->cl_server, one_session)) client->cl_cmds = new_socket(ZMQ_REP);
     if (client->cl_cmds == nullptr) {
@@ -91,11 +105,10 @@ static int open_command_socket(Client *client, const SessionRequest &want, const
         return -1;
     }
     set_options(client->cl_cmds, command_options);
-    zsock_set_rcvhwm(client->cl_cmds, max_waiting_requests);
     log_readings(client->cl_cmds, command_readings);
     if (wants_monitor(client, want)) set_heartbeat(client->cl_cmds);
 
-    const int bound = endpoint_bind(client->cl_cmds, address, port);
+    const int bound = bind_session_socket(client, client->cl_cmds, address, port, PortKind::command);
     LOG("%s: private cmd port on (%s) %d %d\n", client->cl_id, address, port, bound);
     if (bound != port) {
         LOG("error bind on port (tcp://*:%d)\n", port);
@@ -113,7 +126,7 @@ static int open_event_socket(Client *client, const char *address, int32_t port) 
     }
     set_options(client->cl_events, event_options);
 
-    const int bound = endpoint_bind(client->cl_events, address, port);
+    const int bound = bind_session_socket(client, client->cl_events, address, port, PortKind::event);
     LOG("%s: private events port on (%s) %d %d\n", client->cl_id, address, port, bound);
     if (bound != port) {
         LOG("error bind on port (tcp://*:%d)\n", port);
@@ -168,6 +181,8 @@ int session_open(Client *client, const SessionRequest &want) {
     watch_connections(client, want);  // a session without a monitor is still a session
     if (register_command_socket(client) != 0) return -1;
     record_session(client, want, ports);
+    client_leave_visitors(client);
+    client->cl_server->sessions_opened += 1;
     return 0;
 }
 
@@ -183,16 +198,14 @@ static void close_command_socket(Client *client) {
     }
     if (client->cl_cmds != nullptr) {
         LOG("free cl_cmds\n");
-        zsock_set_linger(client->cl_cmds, commands_closing_linger_ms);
-        zsock_destroy(&client->cl_cmds);
+        endpoint_destroy(&client->cl_cmds, commands_closing_linger_ms);
     }
 }
 
 static void close_event_socket(Client *client) {
     if (client->cl_events == nullptr) return;
     LOG("free cl_events\n");
-    zsock_set_linger(client->cl_events, events_closing_linger_ms);
-    zsock_destroy(&client->cl_events);
+    endpoint_destroy(&client->cl_events, events_closing_linger_ms);
 }
 
 void session_close(Client *client) {

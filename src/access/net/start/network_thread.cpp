@@ -19,6 +19,7 @@
 #include "net/sessions/release.h"
 #include "net/start/reactor.h"
 #include "net/transport/bus.h"
+#include "net/transport/connection_table.h"
 #include "net/transport/endpoint.h"
 #include "net/transport/limits.h"
 
@@ -61,6 +62,7 @@ static bool init_czmq() {
     limits_raise_descriptors();
     if (!limits_allow_start()) return false;
     limits_raise_sockets();
+    connection_table_init(limits_descriptors());
     const bool ready = zsys_init() != nullptr;
     stop_signals_unblock();  // from here on this thread takes them, through CZMQ's handler
     return ready;

@@ -11,7 +11,8 @@
 #include "net/requests/command_channel.h"
 #include "net/sessions/authentication.h"
 #include "net/sessions/connections.h"
-#include "net/transport/accept_gate.h"
+#include "net/transport/connection_table.h"
+#include "net/transport/limits.h"
 
 static constexpr uint32_t queue_period_ms = 33;
 static constexpr uint32_t drop_period_ms = 250;  // of silent connections; no timer of its own wakes the loop for it
@@ -47,18 +48,34 @@ void reactor_serve_discovery(AccessServer *server) {
     zloop_poller_set_tolerant(server->loop, &discovery_item);
 }
 
+static int on_login(zloop_t *loop, zmq_pollitem_t *item, void *server);
+
 bool reactor_serve_logins(AccessServer *server) {
     auth_item = {.socket = zsock_resolve(server->auth), .fd = 0, .events = ZMQ_POLLIN, .revents = 0};
-    if (zloop_poller(server->loop, &auth_item, server_auth, server) == -1) return false;
+    if (zloop_poller(server->loop, &auth_item, on_login, server) == -1) return false;
     zloop_poller_set_tolerant(server->loop, &auth_item);
     return true;
+}
+
+// The loop serves in the order of registration, and begins anew after a handler that has changed what there is to
+// serve. The authentication socket stands behind all sessions, so that a flood of logins waits for them.
+static int on_login(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
+    auto *server = static_cast<AccessServer *>(argument);
+    const uint32_t opened_before = server->sessions_opened;
+    const int result = server_auth(loop, item, server);
+    if (server->sessions_opened != opened_before) {
+        zloop_poller_end(loop, &auth_item);
+        reactor_serve_logins(server);
+    }
+    return result;
 }
 
 static int on_tick(zloop_t *loop, int timer_id, void *argument) {
     const int result = server_mq_timer(loop, timer_id, argument);
     if (result != 0) return result;
+    connection_table_turn();
     auto *server = static_cast<AccessServer *>(argument);
-    if (++server->ticks % ticks_between_drops == 0) accept_gate_drop_silent();
+    if (++server->ticks % ticks_between_drops == 0 && limits_take_refusal()) connection_table_drop_silent();
     return 0;
 }
 

@@ -12,6 +12,17 @@ const char *bind_address() {
 
 bool bind_address_is_loopback() { return g_str_equal(bind_address(), loopback_address); }
 
-int endpoint_bind(zsock_t *socket, const char *address, int32_t port) {
-    return zsock_bind(socket, "tcp://%s:%d", address, port);
+int endpoint_bind(zsock_t *socket, const char *address, int32_t port, PortKind kind) {
+    connection_table_open_port(port, kind);
+    const int bound = zsock_bind(socket, "tcp://%s:%d", address, port);
+    if (bound != port) connection_table_close_port(port);
+    return bound;
+}
+
+void endpoint_destroy(zsock_t **socket, int linger_ms) {
+    g_autofree char *bound = zsock_last_endpoint(*socket);
+    const char *port = bound != nullptr ? strrchr(bound, ':') : nullptr;
+    zsock_set_linger(*socket, linger_ms);
+    zsock_destroy(socket);
+    if (port != nullptr) connection_table_close_port(atoi(port + 1));
 }

@@ -6,14 +6,19 @@
 
 #include <czmq.h>
 
+#include "net/transport/connection_table.h"
+
 /* ZMQ_ACCESS_IP, or "*" (all interfaces) when it is unset or empty. Valid until the environment changes. */
 const char *bind_address();
 
 /* Whether ZMQ_ACCESS_IP is exactly "127.0.0.1". */
 bool bind_address_is_loopback();
 
-/* Binds to "tcp://address:port". The bound port, or -1. */
-int endpoint_bind(zsock_t *socket, const char *address, int32_t port);
+/* Binds to "tcp://address:port", whose connections are counted from then on. The bound port, or -1. */
+int endpoint_bind(zsock_t *socket, const char *address, int32_t port, PortKind kind);
+
+/* Closes the socket and clears the reference; its port, if it has one, is no longer counted. */
+void endpoint_destroy(zsock_t **socket, int linger_ms);
 
 /* Milliseconds, seconds, bytes, a count or 1 for on, as the option has it. libzmq aborts the process on a value that it
  * does not take.
@@ -31,10 +36,3 @@ inline void set_options(zsock_t *socket, std::span<const SocketOption> options) 
 constexpr int keepalive_idle_s = 20, keepalive_probes = 2, keepalive_interval_s = 5;
 constexpr int no_handshake_limit_ms = 0;
 constexpr int reconnect_ms = 200, reconnect_longest_ms = 1000;
-
-/* The largest message that is accepted from a client, in bytes. */
-constexpr int max_message_bytes = 10485760;
-
-/* Requests of one connection that wait unread, before libzmq stops reading from it. A client has one in flight; a
- * stranger that pipelines large ones must not fill the memory while a D-Bus call holds the loop up. */
-constexpr int max_waiting_requests = 2;

@@ -106,12 +106,15 @@ static bool thread_free() {
 bool limits_allow_monitor() { return room_for(descriptors_for_monitor) && thread_free(); }
 
 // The lowest free descriptor is given, so one of the last is given only when all others are taken.
-static bool is_one_of_the_last(int descriptor) {
-    return static_cast<size_t>(descriptor) + descriptors_kept_from_connections >= limits_descriptors();
+static bool is_one_of_the_last(int descriptor, size_t count) {
+    return static_cast<size_t>(descriptor) + count >= limits_descriptors();
 }
 
-bool limits_allow_connection(int descriptor) {
-    return allow_or_note(!is_one_of_the_last(descriptor) && memory_free(memory_for_connection));
+bool limits_leave(int descriptor, size_t descriptors) {
+    const size_t kept = descriptors_kept_from_connections + descriptors;
+    return allow_or_note(!is_one_of_the_last(descriptor, kept) && memory_free(memory_for_connection));
 }
+
+void limits_note_refusal() { refused = true; }
 
 bool limits_take_refusal() { return refused.exchange(false); }

@@ -30,8 +30,9 @@ bool limits_allow_request(size_t bytes);
 /* Enough descriptors for one synchronous D-Bus call. */
 bool limits_allow_bus_call();
 
-/* The connection that was accepted with this descriptor leaves enough descriptors and memory to all others. */
-bool limits_allow_connection(int descriptor);
+/* A connection that was accepted with this descriptor leaves enough memory to all others, and beside the descriptors
+ * that no connection gets that many. */
+bool limits_leave(int descriptor, size_t descriptors);
 
 /* How many ZeroMQ sockets the service allows itself, to be compared with an own count: ZSYS_MAX_SOCKETS, or what libzmq
  * can have when that is no number above 0. libzmq's own limit is always the highest: it aborts there, and counts a
@@ -40,6 +41,9 @@ size_t limits_sockets();
 
 /* Descriptors that the process may have, free or not; 0 when the system does not tell. */
 size_t limits_descriptors();
+
+/* Says that something has been refused for want of descriptors. */
+void limits_note_refusal();
 
 /* Whether a start, a socket, a monitor or a connection has been refused since the last call, for want of descriptors or
  * memory. */
