@@ -44,9 +44,9 @@ def measure_once(on, side, effort):
 
 
 def measure(programs, round_count, effort):
-    """The floor and the service by turns, beginning and ending with the floor."""
+    """The baseline and the service by turns, beginning and ending with the baseline."""
     runs = []
-    sides = ["floor"] + ["service", "floor"] * round_count
+    sides = ["baseline"] + ["service", "baseline"] * round_count
     with Stage(programs, pinned=True, start=False) as on:
         for i, side in enumerate(sides):
             print(f"\rrun {i + 1} of {len(sides)}: {side:<8}", end="", file=sys.stderr, flush=True)
@@ -70,8 +70,8 @@ def print_comparisons(compared):
 
 
 def options():
-    parser = argparse.ArgumentParser(prog="./bench", description="Measures the service beside a bare program that does "
-                                     "the same work on the same libraries, and prints the ratio of the two.")
+    parser = argparse.ArgumentParser(prog="./bench", description="Measures the service and a baseline, a program that does "
+                                     "the same work on the same libraries and nothing else, and prints the ratio of the two.")
     parser.add_argument("--rounds", type=int, default=11, metavar="N", help="ratios per row; 11 unless told otherwise")
     parser.add_argument("--smoke", action="store_true", help="one hasty round: that everything runs, not what it costs")
     parser.add_argument("--peer", action="store_true", help="send the same events through an MQTT broker, beside the service")

@@ -112,7 +112,7 @@ def count(programs, sides):
 def _texts(name, figures):
     """The figure of each side, and their ratio when there are two."""
     digits = 0 if name == "instructions" else 1
-    ratio = f"{figures['service'] / figures['floor']:.2f}" if figures.get("floor", 0) >= 0.05 else "-"
+    ratio = f"{figures['service'] / figures['baseline']:.2f}" if figures.get("baseline", 0) >= 0.05 else "-"
     return [*(f"{figures[side]:.{digits}f}" if side in figures else "-" for side in rows.PROGRAM), ratio]
 
 
@@ -122,7 +122,7 @@ def table(counted):
     for name in COUNTERS:
         for work, text in WORK.items():
             lines.append([text, name, *_texts(name, {side: by_work[work] for side, by_work in counted[name].items()})])
-    return ["one piece of work", "counted", "floor", "service", "ratio"], lines
+    return ["one piece of work", "counted", "baseline", "service", "ratio"], lines
 
 
 def excesses(counted, expected):

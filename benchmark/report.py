@@ -10,13 +10,13 @@ import peer
 import rows
 from lab.stage import Failure
 
-SIDES = (("floor", "bare program"), ("service", "service"))
+SIDES = ("baseline", "service")
 
 
 def _curve(compared, keys):
-    """[(x, floor, service)] of the rows with these keys, which are (x, key)."""
+    """[(x, baseline, service)] of the rows with these keys, which are (x, key)."""
     by_key = {line.row.key: line for lines in compared.values() for line in lines}
-    return [(x, by_key[key].floor, by_key[key].service) for x, key in keys]
+    return [(x, by_key[key].baseline, by_key[key].service) for x, key in keys]
 
 
 FROM_ZERO, LOGARITHMIC = "set yrange [0:*]", "set logscale y"
@@ -36,9 +36,9 @@ def _gnuplot(path, picture, compared):
     _, title, upwards, scale, rightwards, curves = picture
     data, plots = [], []
     for name, keys in curves:
-        points = "\n".join(f"{x} {floor} {service}" for x, floor, service in _curve(compared, keys))
+        points = "\n".join(f"{x} {baseline} {service}" for x, baseline, service in _curve(compared, keys))
         data.append(f"${name} << END\n{points}\nEND")
-        for column, (_, side) in enumerate(SIDES, start=2):
+        for column, side in enumerate(SIDES, start=2):
             style = "dashtype 2 linecolor '#888888'" if column == 2 else "linecolor '#0060a0'"
             plots.append(f"${name} using 1:{column} with linespoints linewidth 2 {style} title '{name}, {side}'")
     return "\n".join([f"set terminal svg size 720,400 background 'white' font 'sans,14'", f"set output '{path}'",
@@ -83,7 +83,7 @@ def _summary(compared):
     lines = [line for group in compared.values() for line in group]
     within = sum(line.ratio <= rows.LATE for line in lines)
     spread = sorted(abs(control - 1) for line in lines for control in line.controls)
-    return (f"{within} of {len(lines)} rows are at or below {rows.LATE}. Nine of ten comparisons of the bare program with "
+    return (f"{within} of {len(lines)} rows are at or below {rows.LATE}. Nine of ten comparisons of the baseline with "
             f"itself differ by less than {spread[int(0.9 * len(spread))]:.0%}: that much is noise.")
 
 

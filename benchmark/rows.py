@@ -2,7 +2,7 @@
 import dataclasses
 import statistics
 
-PROGRAM = {"floor": "bench-floor", "service": "kesto-access"}  # the two sides
+PROGRAM = {"baseline": "bench-baseline", "service": "kesto-access"}  # the two sides
 CLIENTS = (1, 10, 100)
 EVENT_CLIENTS = (1, 10, 100, 500)
 SESSIONS = (1, 10, 100, 250, 500, 998)
@@ -63,10 +63,10 @@ GROUPS = _groups()
 @dataclasses.dataclass(frozen=True)
 class Comparison:
     row: Row
-    floor: float
+    baseline: float
     service: float
     ratios: list
-    controls: list  # of the floor with the floor
+    controls: list  # of the baseline with the baseline
 
     @property
     def ratio(self):
@@ -82,10 +82,10 @@ def with_derived(figures):
     return figures
 
 
-def compare(row, floors, services):
-    """floors[i], services[i] and floors[i + 1] ran one after the other: a service's ratio is to the mean of the floors
-    around it, so that a machine that slows down or speeds up meanwhile weighs on both sides."""
-    value = [run[row.key] / row.divisor for run in floors], [run[row.key] / row.divisor for run in services]
+def compare(row, baselines, services):
+    """baselines[i], services[i] and baselines[i + 1] ran one after the other: a service's ratio is to the mean of the
+    baselines around it, so that a machine that slows down or speeds up meanwhile weighs on both sides."""
+    value = [run[row.key] / row.divisor for run in baselines], [run[row.key] / row.divisor for run in services]
     ratios = [s / ((before + after) / 2) for s, before, after in zip(value[1], value[0], value[0][1:])]
     controls = [after / before for before, after in zip(value[0], value[0][1:])]
     return Comparison(row, statistics.median(value[0]), statistics.median(value[1]), ratios, controls)
@@ -93,9 +93,9 @@ def compare(row, floors, services):
 
 def comparisons(runs):
     """{group: [Comparison]} of runs in their order, as bench.json keeps them."""
-    floors = [with_derived(run["figures"]) for run in runs if run["side"] == "floor"]
+    baselines = [with_derived(run["figures"]) for run in runs if run["side"] == "baseline"]
     services = [with_derived(run["figures"]) for run in runs if run["side"] == "service"]
-    return {group: [compare(row, floors, services) for row in rows] for group, rows in GROUPS.items()}
+    return {group: [compare(row, baselines, services) for row in rows] for group, rows in GROUPS.items()}
 
 
 def number(value):
@@ -107,10 +107,10 @@ def number(value):
 def cells(comparison):
     """The comparison as the texts of one line of a table."""
     row, ratios, controls = comparison.row, comparison.ratios, comparison.controls
-    return [row.name, row.what, f"{number(comparison.floor)} {row.unit}".strip(),
+    return [row.name, row.what, f"{number(comparison.baseline)} {row.unit}".strip(),
             f"{number(comparison.service)} {row.unit}".strip(), f"{comparison.ratio:.2f}",
             f"{min(ratios):.2f} to {max(ratios):.2f}",
             f"{statistics.median(controls):.2f}, {min(controls):.2f} to {max(controls):.2f}"]
 
 
-HEADINGS = ["", "figure", "floor", "service", "ratio", "smallest, largest", "floor : floor"]
+HEADINGS = ["", "figure", "baseline", "service", "ratio", "smallest, largest", "baseline : baseline"]

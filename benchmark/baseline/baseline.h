@@ -1,9 +1,8 @@
-/* floor.h - the bare program beside which the service is measured: the same work on the same libraries, written
- * straight down. It decides nothing, checks nothing and logs nothing, so it is the least that the work can cost, and it
- * is of no other use: whoever can reach it can do anything. Everything but the D-Bus methods runs on the network
- * thread. */
-#ifndef BENCHMARK_FLOOR_H
-#define BENCHMARK_FLOOR_H
+/* baseline.h - the program that the service is compared with: the same work on the same libraries, written straight
+ * down. It decides nothing, checks nothing and logs nothing, so it is the least that the work can cost, and it is of no
+ * other use: whoever can reach it can do anything. Everything but the D-Bus methods runs on the network thread. */
+#ifndef BENCHMARK_BASELINE_H
+#define BENCHMARK_BASELINE_H
 
 #include <atomic>
 #include <memory>
@@ -24,7 +23,7 @@ struct Session {
     bool hears_itself;
 };
 
-struct Floor {
+struct Baseline {
     GDBusConnection *bus;
     GAsyncQueue *queue;                 /* of std::string *, each a serialized event */
     std::atomic<uint32_t> change_count; /* the D-Bus methods add to it, too */
@@ -39,15 +38,15 @@ struct SocketTimes {
     int linger_ms, send_ms;
 };
 
-/* Serves for ever. `floor` is the Floor. */
-void *network_run(void *floor);
+/* Serves for ever. `baseline` is the Baseline. */
+void *network_run(void *baseline);
 
 /* sessions.cpp: a bound REP socket. */
 zsock_t *open_request_socket(SocketTimes times, int port);
 
 /* Opens a session, or finds the id's; closes it, or does nothing when there is none. */
-Session &session_open(Floor &floor, const std::string &id, const wire::Login &login);
-void session_close(Floor &floor, const std::string &id);
+Session &session_open(Baseline &baseline, const std::string &id, const wire::Login &login);
+void session_close(Baseline &baseline, const std::string &id);
 
 /* commands.cpp: the handler of one session's command socket. `session` is the Session. */
 int on_command(zloop_t *, zmq_pollitem_t *item, void *session);
@@ -55,20 +54,20 @@ int on_command(zloop_t *, zmq_pollitem_t *item, void *session);
 /* Receives one request into `message`, whose room it takes over. False when there was none. */
 bool receive_request(void *socket, wire::Message &message);
 void send_bytes(void *socket, const std::string &bytes);
-void send_to_all(Floor &floor, const std::string &bytes, const Session *source);
+void send_to_all(Baseline &baseline, const std::string &bytes, const Session *source);
 
 /* discovery.cpp: the handler of the UDP socket. */
-int on_discovery(zloop_t *, zmq_pollitem_t *item, void *floor);
+int on_discovery(zloop_t *, zmq_pollitem_t *item, void *baseline);
 
 /* bus.cpp: the calls, which block; the values are new references, or nothing when the call failed. */
-GVariant *bus_read(const Floor &floor, uint32_t flags, const std::string &key);
-int bus_write(const Floor &floor, const wire::Write &write);
-GVariant *bus_multi_write(const Floor &floor, const wire::MultiWrite &write);
-void bus_tell_audio(const Floor &floor, const char *method, const std::string &id);
-std::string bus_read_text(const Floor &floor, const char *key);
-void bus_export_methods(Floor &floor);
+GVariant *bus_read(const Baseline &baseline, uint32_t flags, const std::string &key);
+int bus_write(const Baseline &baseline, const wire::Write &write);
+GVariant *bus_multi_write(const Baseline &baseline, const wire::MultiWrite &write);
+void bus_tell_audio(const Baseline &baseline, const char *method, const std::string &id);
+std::string bus_read_text(const Baseline &baseline, const char *key);
+void bus_export_methods(Baseline &baseline);
 
 /* The one instance; handlers that get a session reach it here. */
-extern Floor the_floor;
+extern Baseline the_baseline;
 
 #endif

@@ -8,7 +8,7 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
-#include "floor.h"
+#include "baseline.h"
 
 static constexpr size_t datagram_size = 8192, key_bytes_max = 2048;
 static constexpr char separator = '\x1c';
@@ -49,25 +49,25 @@ static std::string wrap_shared_key(std::string_view pem) {
     return hex_of(wrapped, length);
 }
 
-static int format_reply(const Floor &floor, const std::string &wrapped_key, char (&reply)[datagram_size]) {
-    const std::string project_info = bus_read_text(floor, project_info_key);
+static int format_reply(const Baseline &baseline, const std::string &wrapped_key, char (&reply)[datagram_size]) {
+    const std::string project_info = bus_read_text(baseline, project_info_key);
     return snprintf(reply, sizeof(reply),
                     "@?D%s\x1c"
                     "1.12.1.32\x1c%s\x1cZMQ:60000\x1cZMQ:61000\x1c%s\x1c?\x1c\x1c\x1c\x1c%s\x1c%s\x1c%s\x1c"
                     "4221=ON!",
-                    floor.model.c_str(), floor.serial.c_str(), wrapped_key.c_str(), floor.serial.c_str(),
-                    floor.easy_swap_id.c_str(), project_info.c_str());
+                    baseline.model.c_str(), baseline.serial.c_str(), wrapped_key.c_str(), baseline.serial.c_str(),
+                    baseline.easy_swap_id.c_str(), project_info.c_str());
 }
 
 int on_discovery(zloop_t *, zmq_pollitem_t *item, void *argument) {
-    const auto &floor = *static_cast<Floor *>(argument);
+    const auto &baseline = *static_cast<Baseline *>(argument);
     char request[datagram_size], reply[datagram_size];
     sockaddr_in source = {};
     socklen_t source_size = sizeof(source);
     const ssize_t length =
         recvfrom(item->fd, request, sizeof(request), 0, reinterpret_cast<sockaddr *>(&source), &source_size);
     const std::string wrapped = wrap_shared_key(public_key_of({request, static_cast<size_t>(length)}));
-    const int reply_length = format_reply(floor, wrapped, reply);
+    const int reply_length = format_reply(baseline, wrapped, reply);
     sendto(item->fd, reply, static_cast<size_t>(reply_length), 0, reinterpret_cast<const sockaddr *>(&source),
            source_size);
     return 0;

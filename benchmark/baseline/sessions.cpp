@@ -1,5 +1,5 @@
 // A client's two sockets, with the options and on the ports of the service's own.
-#include "floor.h"
+#include "baseline.h"
 
 static constexpr int command_port_last = 62998, command_port_again = 62002;
 static constexpr int event_port_last = 63998, event_port_again = 63002;
@@ -37,35 +37,35 @@ zsock_t *open_request_socket(SocketTimes times, int port) {
 
 static zmq_pollitem_t item_of(zsock_t *socket) { return {zsock_resolve(socket), 0, ZMQ_POLLIN, 0}; }
 
-Session &session_open(Floor &floor, const std::string &id, const wire::Login &login) {
-    std::unique_ptr<Session> &known = floor.sessions[id];
+Session &session_open(Baseline &baseline, const std::string &id, const wire::Login &login) {
+    std::unique_ptr<Session> &known = baseline.sessions[id];
     if (known) return *known;
     known = std::make_unique<Session>();
     Session &session = *known;
     session.id = id;
     session.hears_itself = login.discard_my_feedback() == 0;
-    session.command_port = take_port(floor.next_command_port, command_port_last, command_port_again);
-    session.event_port = take_port(floor.next_event_port, event_port_last, event_port_again);
+    session.command_port = take_port(baseline.next_command_port, command_port_last, command_port_again);
+    session.event_port = take_port(baseline.next_event_port, event_port_last, event_port_again);
 
     session.commands = open_request_socket(command_times, session.command_port);
     session.events = open_socket(ZMQ_PUB, event_times);
     zsock_bind(session.events, "tcp://*:%d", session.event_port);
 
     zmq_pollitem_t item = item_of(session.commands);
-    zloop_poller(floor.loop, &item, on_command, &session);
-    bus_tell_audio(floor, "ClientAuthenticated", id);
+    zloop_poller(baseline.loop, &item, on_command, &session);
+    bus_tell_audio(baseline, "ClientAuthenticated", id);
     return session;
 }
 
-void session_close(Floor &floor, const std::string &id) {
-    const auto found = floor.sessions.find(id);
-    if (found == floor.sessions.end()) return;
+void session_close(Baseline &baseline, const std::string &id) {
+    const auto found = baseline.sessions.find(id);
+    if (found == baseline.sessions.end()) return;
     Session &session = *found->second;
-    bus_tell_audio(floor, "ClientDeauthenticated", id);
+    bus_tell_audio(baseline, "ClientDeauthenticated", id);
     zmq_pollitem_t item = item_of(session.commands);
-    zloop_poller_end(floor.loop, &item);
+    zloop_poller_end(baseline.loop, &item);
     zsock_set_linger(session.commands, closing_linger_ms);
     zsock_destroy(&session.commands);
     zsock_destroy(&session.events);
-    floor.sessions.erase(found);
+    baseline.sessions.erase(found);
 }

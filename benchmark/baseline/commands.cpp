@@ -3,7 +3,7 @@
 
 #include <google/protobuf/io/coded_stream.h>
 
-#include "floor.h"
+#include "baseline.h"
 
 bool receive_request(void *socket, wire::Message &message) {
     zmq_msg_t received;
@@ -19,11 +19,11 @@ bool receive_request(void *socket, wire::Message &message) {
 
 void send_bytes(void *socket, const std::string &bytes) { zmq_send(socket, bytes.data(), bytes.size(), 0); }
 
-void send_to_all(Floor &floor, const std::string &bytes, const Session *source) {
+void send_to_all(Baseline &baseline, const std::string &bytes, const Session *source) {
     zmq_msg_t shared;
     zmq_msg_init_size(&shared, bytes.size());
     memcpy(zmq_msg_data(&shared), bytes.data(), bytes.size());
-    for (const auto &[id, session] : floor.sessions) {
+    for (const auto &[id, session] : baseline.sessions) {
         if (session.get() == source && !source->hears_itself) continue;
         zmq_msg_t message;
         zmq_msg_init(&message);
@@ -34,7 +34,7 @@ void send_to_all(Floor &floor, const std::string &bytes, const Session *source) 
 }
 
 static wire::Status answer_read(const wire::Read &read, wire::Value *answer) {
-    g_autoptr(GVariant) value = bus_read(the_floor, read.flags(), read.key());
+    g_autoptr(GVariant) value = bus_read(the_baseline, read.flags(), read.key());
     if (value == nullptr) return wire::STATUS_REFUSED;
     answer->set_key(read.key());
     answer->set_signature(g_variant_get_type_string(value));
@@ -54,7 +54,7 @@ static wire::Status answer_read(const wire::Read &read, wire::Value *answer) {
 }
 
 static wire::Status answer_write(const wire::Write &write, wire::WriteResult *answer) {
-    const int result = bus_write(the_floor, write);
+    const int result = bus_write(the_baseline, write);
     answer->set_key(write.key());
     answer->set_value(write.value());
     answer->set_type(write.type());
@@ -63,7 +63,7 @@ static wire::Status answer_write(const wire::Write &write, wire::WriteResult *an
 }
 
 static wire::Status answer_multi_write(const wire::MultiWrite &write, wire::MultiWriteResult *answer) {
-    g_autoptr(GVariant) results = bus_multi_write(the_floor, write);
+    g_autoptr(GVariant) results = bus_multi_write(the_baseline, write);
     if (results == nullptr) return wire::STATUS_REFUSED;
     *answer->mutable_pairs() = write.pairs();
     GVariantIter texts;
@@ -99,12 +99,12 @@ int on_command(zloop_t *, zmq_pollitem_t *item, void *argument) {
     reply->set_sequence(request.sequence());
     const wire::Status status = fill_answer(request, reply);
     const bool changed = changes_data(request, status);
-    if (changed) the_floor.change_count.fetch_add(1);
+    if (changed) the_baseline.change_count.fetch_add(1);
     reply->set_status(status);
-    reply->set_change_count(the_floor.change_count.load());
+    reply->set_change_count(the_baseline.change_count.load());
     answer.SerializeToString(&bytes);
     send_bytes(item->socket, bytes);
-    if (changed) send_to_all(the_floor, bytes, session);
-    if (request.has_login()) session_close(the_floor, session->id);
+    if (changed) send_to_all(the_baseline, bytes, session);
+    if (request.has_login()) session_close(the_baseline, session->id);
     return 0;
 }
