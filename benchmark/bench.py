@@ -14,7 +14,7 @@ import counts
 import peer
 import report
 import rows
-from lab.stage import Failure, Stage
+from testbed.gateway import Failure, TestBed
 
 PACKAGES = ("libczmq4", "libzmq5", "libglib2.0-0", "libssl3", "libprotobuf-lite32", "dbus-daemon", "libc6", "g++",
             "valgrind", "mosquitto")
@@ -36,10 +36,10 @@ def machine():
             "date": datetime.date.today().isoformat()}
 
 
-def measure_once(on, side, effort):
-    on.start_program([on.bin / rows.PROGRAM[side]])
-    output = on.load([on.bin / "bench-load", "measure", on.pid, effort])
-    on.stop()
+def measure_once(bed, side, effort):
+    bed.start_program([bed.bin / rows.PROGRAM[side]])
+    output = bed.load([bed.bin / "bench-load", "measure", bed.pid, effort])
+    bed.stop()
     return {"side": side, "figures": json.loads(output)}
 
 
@@ -47,10 +47,10 @@ def measure(programs, round_count, effort):
     """The baseline and the service by turns, beginning and ending with the baseline."""
     runs = []
     sides = ["baseline"] + ["service", "baseline"] * round_count
-    with Stage(programs, pinned=True, start=False) as on:
+    with TestBed(programs, pinned=True, start=False) as bed:
         for i, side in enumerate(sides):
             print(f"\rrun {i + 1} of {len(sides)}: {side:<8}", end="", file=sys.stderr, flush=True)
-            runs.append(measure_once(on, side, effort))
+            runs.append(measure_once(bed, side, effort))
     print(file=sys.stderr)
     return runs
 

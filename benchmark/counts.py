@@ -10,7 +10,7 @@ import re
 import subprocess
 
 import rows
-from lab.stage import Failure, Stage
+from testbed.gateway import Failure, TestBed
 
 # An event that reaches more clients costs this much more for each of them.
 FEW_CLIENTS, MORE_CLIENTS = 1, 21
@@ -29,15 +29,15 @@ FREE = {"instructions": 100, "allocations": 0.5, "system calls": 2}
 class Instructions:
     """Callgrind's, of all threads, outside the kernel."""
 
-    def __init__(self, on):
-        self.dumps = on.folder / "callgrind"
+    def __init__(self, bed):
+        self.dumps = bed.folder / "callgrind"
         self.total = 0
 
     def command(self, program):
         return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={self.dumps}", program]
 
-    def read(self, on):
-        subprocess.run(["vgdb", f"--pid={on.pid}", "dump"], env=on.environment,  # its pipe is named after the user in it
+    def read(self, bed):
+        subprocess.run(["vgdb", f"--pid={bed.pid}", "dump"], env=bed.environment,  # its pipe is named after the user in it
                        check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         newest = max(self.dumps.parent.glob("callgrind.*"), key=lambda path: int(path.suffix[1:]))
         self.total += int(re.search(r"^totals: (\d+)", newest.read_text(), re.MULTILINE).group(1))
@@ -47,9 +47,9 @@ class Instructions:
 class Allocations:
     """Calls of malloc and its like, by a library in front of the C library's."""
 
-    def __init__(self, on):
-        self.file = on.folder / "allocations"
-        on.env = {"LD_PRELOAD": str(on.bin.parent / "lib/libbench-allocations.so"), "BENCH_ALLOCATIONS": str(self.file)}
+    def __init__(self, bed):
+        self.file = bed.folder / "allocations"
+        bed.env = {"LD_PRELOAD": str(bed.bin.parent / "lib/libbench-allocations.so"), "BENCH_ALLOCATIONS": str(self.file)}
 
     def command(self, program):
         return [program]
@@ -61,8 +61,8 @@ class Allocations:
 class SystemCalls:
     """strace's, of all threads."""
 
-    def __init__(self, on):
-        self.file = on.folder / "strace"
+    def __init__(self, bed):
+        self.file = bed.folder / "strace"
 
     def command(self, program):
         # With -D the program keeps the process id that its starter knows.
@@ -75,14 +75,14 @@ class SystemCalls:
 COUNTERS = {"instructions": Instructions, "allocations": Allocations, "system calls": SystemCalls}
 
 
-def observe(on, counter):
+def observe(bed, counter):
     """{name: count per piece of work}"""
-    load = on.start("load", [on.bin / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    load = bed.start("load", [bed.bin / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     figures, before = {}, 0
     with load:
         for line in load.stdout:
             step, name, pieces = line.split()
-            now = counter.read(on)
+            now = counter.read(bed)
             if step == "begin":
                 before = now
             else:
@@ -90,7 +90,7 @@ def observe(on, counter):
             load.stdin.write("\n")
             load.stdin.flush()
     if load.returncode != 0:
-        raise Failure(f"counting failed: {on.role_log('load')}; the program: {on.last_words()}")
+        raise Failure(f"counting failed: {bed.role_log('load')}; the program: {bed.last_words()}")
     more = figures.pop(f"event-{MORE_CLIENTS}")
     figures["event-client"] = (more - figures[f"event-{FEW_CLIENTS}"]) / (MORE_CLIENTS - FEW_CLIENTS)
     return figures
@@ -101,11 +101,11 @@ def count(programs, sides):
     counted = {name: {} for name in COUNTERS}
     for side in sides:
         for name in COUNTERS:
-            with Stage(programs, pinned=True, start=False) as on:
-                counter = COUNTERS[name](on)
-                on.start_program(counter.command(on.bin / rows.PROGRAM[side]))
-                counted[name][side] = observe(on, counter)
-                on.stop()
+            with TestBed(programs, pinned=True, start=False) as bed:
+                counter = COUNTERS[name](bed)
+                bed.start_program(counter.command(bed.bin / rows.PROGRAM[side]))
+                counted[name][side] = observe(bed, counter)
+                bed.stop()
     return counted
 
 

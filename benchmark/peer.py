@@ -8,7 +8,7 @@ import json
 import statistics
 
 import rows
-from lab.stage import Stage
+from testbed.gateway import TestBed
 
 BROKER_PORT = 1883
 CONFIGURATION = f"""listener {BROKER_PORT} 127.0.0.1
@@ -21,26 +21,26 @@ user root
 SIDES = ("broker", "service")
 
 
-def _broker_figures(on):
-    configuration = on.folder / "mosquitto.conf"
+def _broker_figures(bed):
+    configuration = bed.folder / "mosquitto.conf"
     configuration.write_text(CONFIGURATION)
-    on.start_program(["/usr/sbin/mosquitto", "-c", configuration], port=BROKER_PORT)
-    output = on.load([on.bin / "bench-peer", on.pid])
-    on.stop()
+    bed.start_program(["/usr/sbin/mosquitto", "-c", configuration], port=BROKER_PORT)
+    output = bed.load([bed.bin / "bench-peer", bed.pid])
+    bed.stop()
     return json.loads(output)
 
 
-def _service_figures(on):
-    on.start_program()
-    output = on.load([on.bin / "bench-load", "events", on.pid, 1])
-    on.stop()
+def _service_figures(bed):
+    bed.start_program()
+    output = bed.load([bed.bin / "bench-load", "events", bed.pid, 1])
+    bed.stop()
     return json.loads(output)
 
 
 def measure(programs, round_count):
     """The figures of each round, of both."""
-    with Stage(programs, pinned=True, start=False) as on:
-        return [{"broker": _broker_figures(on), "service": _service_figures(on)} for _ in range(round_count)]
+    with TestBed(programs, pinned=True, start=False) as bed:
+        return [{"broker": _broker_figures(bed), "service": _service_figures(bed)} for _ in range(round_count)]
 
 
 def table(rounds):

@@ -8,7 +8,7 @@ import subprocess
 import counts
 import peer
 import rows
-from lab.stage import Failure
+from testbed.gateway import Failure
 
 SIDES = ("baseline", "service")
 

@@ -1,11 +1,11 @@
 """The cases of this folder: a function each, registered under a name, run by run.py in a process and a sandbox of its own."""
-from lab.stage import Stage, check
+from testbed.gateway import TestBed, check
 
 CASES = {}
 
 
-class Case(Stage):
-    """The stage of one case, and in `notes` what the case measures on it."""
+class Case(TestBed):
+    """The test bed of one case, and in `notes` what the case measures on it."""
 
     def __init__(self, bin_dir, notes, **settings):
         self.notes = notes
@@ -22,13 +22,13 @@ class Case(Stage):
         check(status == 0, f"it ended with {self.last_words()}")
 
 
-def case(name, shows, alone=False, stage=Case, **settings):
-    """Registers the decorated function under `name`; it is called with what `stage` makes of these settings. `shows` says in
+def case(name, shows, alone=False, bed=Case, **settings):
+    """Registers the decorated function under `name`; it is called with what `bed` makes of these settings. `shows` says in
     a sentence what holds when it returns. `alone`: nothing else runs beside it, because its figures are times, or because
     threads count over the whole machine."""
 
     def register(function):
-        CASES[name] = {"function": function, "shows": shows, "alone": alone, "stage": stage, "settings": settings}
+        CASES[name] = {"function": function, "shows": shows, "alone": alone, "bed": bed, "settings": settings}
         return function
 
     return register

@@ -10,9 +10,9 @@ from functools import partial
 from pathlib import Path
 
 from cases import Case, case
-from lab import remote
-from lab.remote import EXACT, Remote, enter, wire
-from lab.stage import ESTABLISHED, LISTENING, check, tcp_sockets, wait_until
+from testbed import remote
+from testbed.remote import EXACT, Remote, enter, wire
+from testbed.gateway import ESTABLISHED, LISTENING, check, tcp_sockets, wait_until
 
 run = partial(subprocess.run, shell=True, check=True)
 KEY = "/Device/Config/Name"
@@ -52,8 +52,8 @@ def timed(function, *arguments):
     return function(*arguments), time.monotonic() - begin
 
 
-class Hall(Case):
-    """A stage whose device keeps what is written and tells of each call; what happens on it has a time."""
+class FaultBed(Case):
+    """A test bed whose device keeps what is written and tells of each call, and on which every step is timed."""
 
     def __init__(self, bin_dir, notes, device=DEVICE, **settings):
         super().__init__(bin_dir, notes, device=device, **settings)
@@ -96,30 +96,30 @@ class Hall(Case):
         self.expect(label, timed(write_and_hear))
 
 
-fault = partial(case, stage=Hall)
+fault = partial(case, bed=FaultBed)
 
 
-def meet(hall, name):
+def meet(bed, name):
     act, kind, told, seconds = FAULTS[name]
-    panel, other = hall.clients("panel", "other")
+    panel, other = bed.clients("panel", "other")
 
     def break_device():
-        hall.fault(act, kind) if kind else hall.kill(hall.device)
-    hall.expect_echo("an echo before", panel, other, "before")
+        bed.fault(act, kind) if kind else bed.kill(bed.device)
+    bed.expect_echo("an echo before", panel, other, "before")
     break_device()
-    answer = hall.begin(act, panel, "meant")
-    hall.note("others wait", timed(lambda: other.ask(change_count={}))[1], "s")
-    hall.expect("answered after", answer.result(), told, seconds)
+    answer = bed.begin(act, panel, "meant")
+    bed.note("others wait", timed(lambda: other.ask(change_count={}))[1], "s")
+    bed.expect("answered after", answer.result(), told, seconds)
     if kind in ("die", None):
-        hall.device.wait()
-        hall.start_device(*DEVICE)
+        bed.device.wait()
+        bed.start_device(*DEVICE)
     else:
-        hall.fault(act, "none")
+        bed.fault(act, "none")
     check(panel.read(KEY) == ("meant" if told == OK else "before"), f"the device holds {panel.read(KEY)}")
-    hall.expect_echo("an echo afterwards", panel, other, "after")
+    bed.expect_echo("an echo afterwards", panel, other, "after")
     break_device()
-    answer = hall.begin(act, panel, "last")
-    hall.expect_end(seconds)
+    answer = bed.begin(act, panel, "last")
+    bed.expect_end(seconds)
     check(answer.result()[0] == told, "the call under way was not answered")
 
 
@@ -129,76 +129,76 @@ for kind_of_fault in FAULTS:
 
 
 @fault("fault-hung-crowd", "SIGTERM waits for one call that hangs, however many clients wait with theirs")
-def crowd(hall):
-    first, *others = hall.clients(*"abcd")
-    hall.fault("read", "never")
-    answer = hall.begin("read", first)
+def crowd(bed):
+    first, *others = bed.clients(*"abcd")
+    bed.fault("read", "never")
+    answer = bed.begin("read", first)
     for client in others:
-        hall.pool.submit(ask, "read", client)
-    hall.expect("the first is answered after", answer.result(), REFUSED, CALL_S)
-    wait_until(lambda: hall.calls(KEY) == 2, "the second call is under way")
-    hall.expect_end(CALL_S)
+        bed.pool.submit(ask, "read", client)
+    bed.expect("the first is answered after", answer.result(), REFUSED, CALL_S)
+    wait_until(lambda: bed.calls(KEY) == 2, "the second call is under way")
+    bed.expect_end(CALL_S)
 
 
 @fault("fault-restarting", "a data service that restarts all the time loses no write that was acknowledged")
-def restarting(hall):
-    panel, = hall.clients("panel")
+def restarting(bed):
+    panel, = bed.clients("panel")
     statuses, over = [], time.monotonic() + 20
 
     def write_on():
         while time.monotonic() < over:
             statuses.append(ask("write", panel, str(len(statuses))))
-    writing = hall.pool.submit(write_on)
+    writing = bed.pool.submit(write_on)
     while not writing.done():
-        hall.kill(hall.device)
-        hall.start_device(*DEVICE)
+        bed.kill(bed.device)
+        bed.start_device(*DEVICE)
         time.sleep(0.2)
     writing.result()
     last, kept = max(i for i, status in enumerate(statuses) if status == OK), int(panel.read(KEY))
     check(kept >= last, f"the device holds {kept}, but {last} was acknowledged")
-    hall.note("acknowledged", statuses.count(OK), "writes")
-    hall.note("refused", statuses.count(REFUSED), "writes")
+    bed.note("acknowledged", statuses.count(OK), "writes")
+    bed.note("refused", statuses.count(REFUSED), "writes")
 
 
 @fault("fault-hung-start", "a start before a data service that never answers ends with SIGTERM or with the bus",
        device=(*DEVICE, "--fault", "read=never"), start=False)
-def hung_start(hall):
+def hung_start(bed):
     def begin_start():
-        before = hall.calls("Read")
-        hall.start_program(wait=False)
-        wait_until(lambda: hall.calls("Read") > before, "the first call is under way")
+        before = bed.calls("Read")
+        bed.start_program(wait=False)
+        wait_until(lambda: bed.calls("Read") > before, "the first call is under way")
     begin_start()
-    hall.expect_end(CALL_S, "SIGTERM")
+    bed.expect_end(CALL_S, "SIGTERM")
     begin_start()
-    hall.kill(hall.bus)
-    hall.expect_end(0, "bus killed", number=0)
+    bed.kill(bed.bus)
+    bed.expect_end(0, "bus killed", number=0)
 
 
 @fault("fault-bus-mute", "a bus that accepts and never answers ends the start with its own status", device=None, start=False)
-def mute_bus(hall):
-    hall.bus.send_signal(signal.SIGSTOP)
+def mute_bus(bed):
+    bed.bus.send_signal(signal.SIGSTOP)
     for label, within_s, number in (("given up after", CALL_S, 0), ("SIGTERM", 1, signal.SIGTERM)):
-        hall.start_program(wait=False)
-        wait_until(lambda: hall.figures()["threads"] > 2, "it is connecting")
-        hall.expect_end(within_s, label, 255, number)
+        bed.start_program(wait=False)
+        wait_until(lambda: bed.figures()["threads"] > 2, "it is connecting")
+        bed.expect_end(within_s, label, 255, number)
 
 
 @fault("fault-bus-frozen", "with a bus that stopped answering a call fails in its time, and SIGTERM waits for one")
-def frozen_bus(hall):
-    panel, = hall.clients("panel")
-    hall.bus.send_signal(signal.SIGSTOP)
-    hall.expect("answered after", timed(ask, "read", panel), REFUSED, CALL_S)
-    hall.pool.submit(ask, "read", panel)
+def frozen_bus(bed):
+    panel, = bed.clients("panel")
+    bed.bus.send_signal(signal.SIGSTOP)
+    bed.expect("answered after", timed(ask, "read", panel), REFUSED, CALL_S)
+    bed.pool.submit(ask, "read", panel)
     time.sleep(SLACK_S)
-    hall.expect_end(CALL_S)
+    bed.expect_end(CALL_S)
 
 
-def killed_bus(hall, in_a_call):
-    panel, = hall.clients("panel")
-    hall.fault("read", "never")
-    answer = hall.begin("read", panel) if in_a_call else None
-    hall.kill(hall.bus)
-    hall.expect_end(0, "end", number=0)
+def killed_bus(bed, in_a_call):
+    panel, = bed.clients("panel")
+    bed.fault("read", "never")
+    answer = bed.begin("read", panel) if in_a_call else None
+    bed.kill(bed.bus)
+    bed.expect_end(0, "end", number=0)
     check(answer is None or answer.result()[0] == REFUSED, "the call under way was not answered")
 
 
@@ -208,56 +208,56 @@ for when in ("idle", "in-a-call"):
 
 
 @fault("fault-no-audio", "with an audio service that hangs, or without one, clients come and go as ever")
-def no_audio(hall):
+def no_audio(bed):
     def visits():
         for _ in range(100):
-            hall.clients("visitor")[0].log_out()
-    hall.expect("100 visits", timed(visits))
-    hall.device.send_signal(signal.SIGSTOP)
-    hall.expect("100 while it hangs", timed(visits))
-    hall.kill(hall.device)
-    hall.expect("100 without it", timed(visits))
-    hall.expect_end()
+            bed.clients("visitor")[0].log_out()
+    bed.expect("100 visits", timed(visits))
+    bed.device.send_signal(signal.SIGSTOP)
+    bed.expect("100 while it hangs", timed(visits))
+    bed.kill(bed.device)
+    bed.expect("100 without it", timed(visits))
+    bed.expect_end()
 
 
 @fault("fault-tmp", "a full or locked /tmp costs the small files alone, and only until a later start", alone=True,
        as_nobody=True, start=False)
-def tmp(hall):
+def tmp(bed):
     for label, mode, size in (("full", 0o1777, "64k"), ("locked", 0o555, "64m"), ("as it was", 0o1777, "64m")):
         os.chmod("/tmp", mode)
         run(f"mount -o remount,size={size} /tmp")
         if label == "full":
             run("dd if=/dev/zero of=/tmp/filler 2>/dev/null || true")
-        hall.start_program()
-        check(hall.clients("panel")[0].is_served(), "no service")
-        hall.note(label, len(list(Path("/tmp").glob("discovery_*"))), "files")
+        bed.start_program()
+        check(bed.clients("panel")[0].is_served(), "no service")
+        bed.note(label, len(list(Path("/tmp").glob("discovery_*"))), "files")
         check(Path("/tmp/discovery_serial.txt").exists() == (label == "as it was"), "a file that should not be, or none")
-        hall.expect_end(0, f"{label}: SIGTERM")
+        bed.expect_end(0, f"{label}: SIGTERM")
 
 
-def hall_in_ten_years(bin_dir, notes):
+def bed_in_ten_years(bin_dir, notes):
     ctypes.CDLL(None).unshare(NEW_TIME)
     Path("/proc/self/timens_offsets").write_text(f"monotonic {TEN_YEARS_S} 0\n")
     run("gcc -shared -fPIC -x c - -o /tmp/clock.so", input=CLOCK.encode())
-    return Hall(bin_dir, notes, env={"LD_PRELOAD": "/tmp/clock.so"})
+    return FaultBed(bin_dir, notes, env={"LD_PRELOAD": "/tmp/clock.so"})
 
 
 @case("fault-clock", "after ten years of uptime, and with the clock set back a day, everything keeps its time",
-      stage=hall_in_ten_years)
-def clock(hall):
-    panel, other = hall.clients("panel", "other")
+      bed=bed_in_ten_years)
+def clock(bed):
+    panel, other = bed.clients("panel", "other")
 
     def dispatch_and_hear():
-        hall.call("SpeakerPresetLoadedDispatch")
+        bed.call("SpeakerPresetLoadedDispatch")
         other.hear(lambda message: message.event.HasField("speaker_preset_loaded"))
     for label in ("before", "set back"):
-        hall.expect_echo(f"{label}: an echo", panel, other, label)
-        hall.expect(f"{label}: an event", timed(dispatch_and_hear))
-        hall.fault("read", "never")
-        answer = hall.begin("read", panel)
+        bed.expect_echo(f"{label}: an echo", panel, other, label)
+        bed.expect(f"{label}: an event", timed(dispatch_and_hear))
+        bed.fault("read", "never")
+        answer = bed.begin("read", panel)
         Path("/tmp/set-back").touch()  # in the middle of the first call
-        hall.expect(f"{label}: a hung read", answer.result(), REFUSED, CALL_S)
-    hall.expect_end()
+        bed.expect(f"{label}: a hung read", answer.result(), REFUSED, CALL_S)
+    bed.expect_end()
 
 
 def unacknowledged(state, port):
@@ -271,8 +271,8 @@ def enter_network(pid):
 
 
 @fault("fault-pulled-peer", "a peer whose cable is pulled is logged off if it is monitored, and keeps its session if not")
-def pulled_peer(hall):
-    far = hall.start("far", ["unshare", "--net", "sleep", "600"])  # a network
+def pulled_peer(bed):
+    far = bed.start("far", ["unshare", "--net", "sleep", "600"])  # a network
     wait_until(lambda: os.readlink(f"/proc/{far.pid}/ns/net") != os.readlink("/proc/self/ns/net"), "the far side")
     there = f"nsenter -t {far.pid} -n ip"
     run(f"""ip link add near type veth peer name far netns {far.pid} && ip address add 10.0.0.1/24 dev near &&
@@ -280,30 +280,30 @@ def pulled_peer(hall):
     enter_network(far.pid)  # libzmq makes its sockets where its threads were born: here
     remote.HOST = "10.0.0.1"
     watched, other = enter("watched", monitor=1), enter("other")
-    enter_network(hall.pid)
+    enter_network(bed.pid)
     wait_until(lambda: unacknowledged(ESTABLISHED, other.ports[0]) == [0], "all is acknowledged")
     run(f"{there} link set far down")
     pulled = time.monotonic()
-    wait_until(lambda: hall.calls("client gone: watched"), "the log-off")
-    hall.expect("monitored: logged off after", (None, time.monotonic() - pulled), None, HEARTBEAT_S - 1)
+    wait_until(lambda: bed.calls("client gone: watched"), "the log-off")
+    bed.expect("monitored: logged off after", (None, time.monotonic() - pulled), None, HEARTBEAT_S - 1)
     wait_until(lambda: not unacknowledged(ESTABLISHED, other.ports[0]), "the other connection goes")
-    hall.expect("the other: connection gone after", (None, time.monotonic() - pulled), None, KEEPALIVE_S - 1, KEEPALIVE_S)
+    bed.expect("the other: connection gone after", (None, time.monotonic() - pulled), None, KEEPALIVE_S - 1, KEEPALIVE_S)
     check(len(unacknowledged(LISTENING, other.ports[0])) == 1, "its session is gone as well")
     run(f"{there} link set far up")
     check(other.open().is_served(), "its session does not answer any more")
-    hall.expect_end()
+    bed.expect_end()
 
 
 @fault("fault-starts", "a hundred starts and stops in a row, each second one stopped somewhere in its start", alone=True,
        start=False)
-def starts(hall):
+def starts(bed):
     ends = []
     for number in range(100):
-        hall.start_program(wait=number % 2 == 0)
+        bed.start_program(wait=number % 2 == 0)
         if number % 2 == 0:
             enter(f"panel-{number}", monitor=number % 4)
         else:
-            wait_until(lambda: hall.figures()["threads"] > 1 + number % 5, "that thread", pause_s=0)
-        ends.append(hall.stop())
+            wait_until(lambda: bed.figures()["threads"] > 1 + number % 5, "that thread", pause_s=0)
+        ends.append(bed.stop())
     check({status for status, _ in ends} == {0}, f"it ended with {ends}")
-    hall.note("slowest stop", max(seconds for _, seconds in ends), "s")
+    bed.note("slowest stop", max(seconds for _, seconds in ends), "s")

@@ -15,8 +15,8 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.append(str(ROOT))
 import exhaustion, faults, floods  # each registers its cases
 from cases import CASES
-from lab.remote import raise_own_limits
-from lab.stage import Failure
+from testbed.remote import raise_own_limits
+from testbed.gateway import Failure
 
 FIGURES = ROOT / "build" / "endure.json"
 CASE_LIMIT_S = 600
@@ -29,8 +29,8 @@ def run_inside(row, bin_dir):
     notes, failed = {}, None
     raise_own_limits()
     try:
-        with row["stage"](bin_dir, notes, **row["settings"]) as stage:
-            row["function"](stage)
+        with row["bed"](bin_dir, notes, **row["settings"]) as bed:
+            row["function"](bed)
     except Failure as finding:
         failed = str(finding)
     except Exception:

@@ -17,8 +17,8 @@ import zmq
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.append(str(ROOT))
-from lab.remote import Remote, connect, discovery_request, discovery_socket, raise_own_limits, wire
-from lab.stage import AUTH_PORT, LISTENING, Stage, check, tcp_sockets, wait_until
+from testbed.remote import Remote, connect, discovery_request, discovery_socket, raise_own_limits, wire
+from testbed.gateway import AUTH_PORT, LISTENING, TestBed, check, tcp_sockets, wait_until
 
 ROUNDS, WORKERS = 10, 2
 SAMPLE_S, RESTART_S, EVENT_S, SETTLE_S = 5, 20, 0.01, 2
@@ -39,11 +39,11 @@ def sessions_open():
     return sum(port in SESSION_PORTS for port, _ in tcp_sockets(LISTENING)) // 2
 
 
-def visit(number, door, rng):
+def visit(number, auth, rng):
     """The combinations of flags in turn, all else by chance. A session that vanishes is watched, and so logged off."""
     flags = {name: number >> bit & 1 for bit, name in enumerate(FLAGS)}
     vanishes = flags["monitor"] and rng.random() < 0.3
-    client = Remote(f"soak-{os.getpid()}" + (f"-{number}" if vanishes or rng.random() < 0.5 else ""), door)
+    client = Remote(f"soak-{os.getpid()}" + (f"-{number}" if vanishes or rng.random() < 0.5 else ""), auth)
     if rng.random() < 0.3:
         with discovery_socket() as asking:
             asking.send(discovery_request(client.id))
@@ -69,22 +69,22 @@ def visit(number, door, rng):
 
 
 def play_clients(seed, end):
-    rng, door = random.Random(seed), connect(zmq.REQ, AUTH_PORT)
+    rng, auth = random.Random(seed), connect(zmq.REQ, AUTH_PORT)
     for number in itertools.takewhile(lambda _: time.monotonic() < end, itertools.count()):
-        visit(number, door, rng)
+        visit(number, auth, rng)
 
 
-def play_platform(stage, end):
+def play_platform(bed, end):
     while time.monotonic() < end:
         for event in EVENTS:
-            stage.call(*event)
+            bed.call(*event)
             count("events")
         time.sleep(EVENT_S)
 
 
-def work_round(stage, number, seconds, sample):
+def work_round(bed, number, seconds, sample):
     end, restart = time.monotonic() + seconds, time.monotonic() + RESTART_S
-    work = [(play_clients, (WORKERS * number + n, end)) for n in range(WORKERS)] + [(play_platform, (stage, end))]
+    work = [(play_clients, (WORKERS * number + n, end)) for n in range(WORKERS)] + [(play_platform, (bed, end))]
     workers = [multiprocessing.Process(target=target, args=arguments) for target, arguments in work]
     for worker in workers:
         worker.start()
@@ -93,32 +93,32 @@ def work_round(stage, number, seconds, sample):
         sample()
         if time.monotonic() > restart:
             restart += RESTART_S
-            stage.kill(stage.device)
-            stage.start_device()
+            bed.kill(bed.device)
+            bed.start_device()
     check(not any(worker.exitcode for worker in workers), "a client failed; see above")
     wait_until(lambda: sessions_open() == 0, "all sessions are gone")
     time.sleep(SETTLE_S)
 
 
-def soak(stage, minutes, out):
+def soak(bed, minutes, out):
     """(what the service holds after each round; status; entries that were still in its table when it stopped)"""
-    os.mkfifo(stage.log_path)
-    last_words = stage.start("last-words", ["tail", "-n", "2000", stage.log_path])  # the log as a whole would fill the disk
+    os.mkfifo(bed.log_path)
+    last_words = bed.start("last-words", ["tail", "-n", "2000", bed.log_path])  # the log as a whole would fill the disk
     begin, samples, quiet = time.monotonic(), [], []
 
     def sample(into=samples):
-        into.append({"s": round(time.monotonic() - begin, 1), **stage.figures(), "open": sessions_open(),
+        into.append({"s": round(time.monotonic() - begin, 1), **bed.figures(), "open": sessions_open(),
                      **{name: value.value for name, value in COUNTS.items()}})
-    stage.start_program()
-    stage.log_path = stage.folder / "last-words.log"
+    bed.start_program()
+    bed.log_path = bed.folder / "last-words.log"
     for number in range(ROUNDS):
-        work_round(stage, number, minutes * 60 / ROUNDS, sample)
+        work_round(bed, number, minutes * 60 / ROUNDS, sample)
         sample(quiet)
         out.write_text(json.dumps({"quiet": quiet, "samples": samples}) + "\n")
         print(quiet[-1], flush=True)
-    status, _ = stage.stop()
+    status, _ = bed.stop()
     last_words.wait()
-    return quiet, status, stage.log().rpartition("destroy srv")[2].count("client_free_callback")
+    return quiet, status, bed.log().rpartition("destroy srv")[2].count("client_free_callback")
 
 
 def main():
@@ -130,8 +130,8 @@ def main():
     options = parser.parse_args()
     raise_own_limits()
     sanitizers = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
-    with Stage(options.bin, env={"KESTO_DEBUG": "1", **sanitizers}, start=False) as stage:
-        quiet, status, left = soak(stage, options.minutes, options.out)
+    with TestBed(options.bin, env={"KESTO_DEBUG": "1", **sanitizers}, start=False) as bed:
+        quiet, status, left = soak(bed, options.minutes, options.out)
     for what, tolerance in (("descriptors", 0), ("threads", 0), ("rss_kib", options.rss_kib)):
         first, last = quiet[0][what], quiet[-1][what]
         print(f"{what}: {first} after the first round, {last} at the end")

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import zmq
 
-from lab.stage import AUTH_PORT, check
+from testbed.gateway import AUTH_PORT, check
 
 HOST, DISCOVERY_PORT = "127.0.0.1", 8004
 ANSWER_MS = 60000
@@ -69,17 +69,17 @@ def exchange(socket_, frame):
 
 
 class Remote:
-    """One client. `door` is its authentication socket; hundreds of clients may share one."""
+    """One client. `auth` is its authentication socket; hundreds of clients may share one."""
 
-    def __init__(self, client_id, door=None):
-        self.id, self.own_door = client_id, door is None
-        self.door = door or connect(zmq.REQ, AUTH_PORT)
+    def __init__(self, client_id, auth=None):
+        self.id, self.owns_auth = client_id, auth is None
+        self.auth = auth or connect(zmq.REQ, AUTH_PORT)
         self.commands = self.events = self.ports = None
 
     def log_in(self, user="root", password="vormi", **flags):
         """(command port, event port), or None when refused. Flags as in the contract: monitor=1, no_lock=1 ..."""
         login = wire.Login(user_name=user, password=password, **flags)
-        reply = exchange(self.door, request(self.id, login=login))
+        reply = exchange(self.auth, request(self.id, login=login))
         check(reply is not None, f"{self.id}: an empty answer to a login")
         self.ports = (reply.session.command_port, reply.session.event_port) if reply.HasField("session") else None
         return self.ports
@@ -119,11 +119,11 @@ class Remote:
         return message
 
     def log_out(self):
-        exchange(self.door, request(self.id, login=wire.Login()))
+        exchange(self.auth, request(self.id, login=wire.Login()))
         self.close()
 
     def close(self):
-        for socket_ in (self.commands, self.events, self.door if self.own_door else None):
+        for socket_ in (self.commands, self.events, self.auth if self.owns_auth else None):
             if socket_ is not None:
                 socket_.close()
         self.commands = self.events = None

@@ -1,5 +1,5 @@
-"""A gateway on the bench: a private bus, the simulated device, and the service or another program in its place, with limits;
-and what the kernel knows about that program.
+"""The test bed: a private bus, the simulated device, and the service or another program in its place, with limits; and what
+the kernel knows about that program.
 
 Nothing here waits for a time: each wait is for an event and gives up after PATIENCE_S. Everything that is started here is
 ended here, by its process id, also when something fails."""
@@ -62,8 +62,8 @@ def processors():
     return all_of_them[-1:], all_of_them[:-1] or all_of_them
 
 
-class Stage:
-    """with Stage("build/release/bin") as stage: ... ; starts all three, and ends them at the end, as close() does.
+class TestBed:
+    """with TestBed("build/release/bin") as bed: ... ; starts all three, and ends them at the end, as close() does.
 
     env        further environment of the program
     nofile     descriptors that the program may have: (soft, hard), or one number for both
@@ -78,7 +78,7 @@ class Stage:
         self.program_cpus, self.other_cpus = processors() if pinned else (None, None)
         self.environment = {"PATH": os.environ["PATH"], "LD_LIBRARY_PATH": str(self.bin.parent / "lib")}  # of everything
         self.bus = self.device = self.program = self._connection = None
-        self._started, self._owned_folder = [], tempfile.TemporaryDirectory(prefix="stage-", ignore_cleanup_errors=True)
+        self._started, self._owned_folder = [], tempfile.TemporaryDirectory(prefix="testbed-", ignore_cleanup_errors=True)
         atexit.register(self.close)
         self.folder = Path(self._owned_folder.name)
         self.log_path = self.folder / "program.log"
@@ -106,7 +106,7 @@ class Stage:
         self._owned_folder.cleanup()
 
     def start(self, role, command, env=None, nofile=None, cpus=None, stdin=subprocess.DEVNULL, stdout=None, **options):
-        """Any program on the stage; the caller waits for what it needs of it. What it writes is in ROLE.log."""
+        """Any program beside these; the caller waits for what it needs of it. What it writes is in ROLE.log."""
         def prepare():
             if cpus or self.other_cpus:
                 os.sched_setaffinity(0, cpus or self.other_cpus)
@@ -203,7 +203,7 @@ class Stage:
         return status, time.monotonic() - begin
 
     def kill(self, process):
-        """SIGKILL to stage.bus, stage.device or stage.program, and its end awaited."""
+        """SIGKILL to bed.bus, bed.device or bed.program, and its end awaited."""
         process.kill()
         process.wait()
 
