@@ -1,8 +1,7 @@
 /* baseline.h - the program that the service is compared with: the same work on the same libraries, written straight
  * down. It decides nothing, checks nothing and logs nothing, so it is the least that the work can cost, and it is of no
  * other use: whoever can reach it can do anything. Everything but the D-Bus methods runs on the network thread. */
-#ifndef BENCHMARK_BASELINE_H
-#define BENCHMARK_BASELINE_H
+#pragma once
 
 #include <atomic>
 #include <memory>
@@ -69,5 +68,3 @@ void bus_export_methods(Baseline &baseline);
 
 /* The one instance; handlers that get a session reach it here. */
 extern Baseline the_baseline;
-
-#endif

@@ -1,7 +1,6 @@
 /* clients.h - remote clients, all in this one process on plain ZeroMQ sockets. One thread. Everything that waits is
  * bounded; what does not come in time, or is not the answer that was asked for, is thrown as a std::runtime_error. */
-#ifndef BENCHMARK_LOAD_CLIENTS_H
-#define BENCHMARK_LOAD_CLIENTS_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -55,5 +54,3 @@ class Discovery {
   private:
     int descriptor_;
 };
-
-#endif

@@ -1,7 +1,6 @@
 /* device.h - the device's part in the load: it reports changes over D-Bus, which the clients then hear. One thread;
  * failures are thrown as std::runtime_error. */
-#ifndef BENCHMARK_LOAD_DEVICE_H
-#define BENCHMARK_LOAD_DEVICE_H
+#pragma once
 
 #include <span>
 #include <string>
@@ -18,5 +17,3 @@ void device_settle(const std::vector<Client> &clients);
 
 /* Receives `count` events at each of the clients. */
 void clients_hear(std::span<const Client> clients, int count);
-
-#endif

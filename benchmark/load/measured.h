@@ -1,6 +1,5 @@
 /* measured.h - the rows of the benchmark: what is asked of the measured process, how often, and what is recorded. */
-#ifndef BENCHMARK_LOAD_MEASURED_H
-#define BENCHMARK_LOAD_MEASURED_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -15,5 +14,3 @@ Figures measure(pid_t process, int effort);
 
 /* The rows about events alone. */
 Figures measure_events(pid_t process, int effort);
-
-#endif

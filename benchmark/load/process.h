@@ -1,7 +1,6 @@
 /* process.h - what a running process has cost so far, seen from outside. Everything is read from the kernel, which
  * bills processor time to the nanosecond, unlike the clock ticks of /proc/PID/stat. */
-#ifndef BENCHMARK_LOAD_PROCESS_H
-#define BENCHMARK_LOAD_PROCESS_H
+#pragma once
 
 #include <functional>
 #include <sys/types.h>
@@ -23,5 +22,3 @@ long sleep_count(pid_t process);
 
 /* The middle one of the values; of an even number, the upper. */
 double median(std::vector<double> values);
-
-#endif
