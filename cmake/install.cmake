@@ -31,12 +31,14 @@ install(FILES packaging/README.md docs/architecture.md
 install(FILES docs/man/kesto-access.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT access OPTIONAL)
 
-install(FILES proto/access.proto DESTINATION ${CMAKE_INSTALL_DATADIR}/kesto COMPONENT tools)
-install(FILES docs/protocol.md DESTINATION ${install_docs}/kesto-tools COMPONENT tools OPTIONAL)
-foreach(program kesto-client kesto-device)
-  install(FILES docs/man/${program}.1
-    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
-  # bash looks for a file of the command's name.
-  install(FILES packaging/completion/kesto-tools
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT tools OPTIONAL)
-endforeach()
+if(ACCESS_TOOLS)
+  install(FILES proto/access.proto DESTINATION ${CMAKE_INSTALL_DATADIR}/kesto COMPONENT tools)
+  install(FILES docs/protocol.md DESTINATION ${install_docs}/kesto-tools COMPONENT tools OPTIONAL)
+  foreach(program kesto-client kesto-device)
+    install(FILES docs/man/${program}.1
+      DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
+    # bash looks for a file of the command's name.
+    install(FILES packaging/completion/kesto-tools
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT tools OPTIONAL)
+  endforeach()
+endif()
