@@ -6,7 +6,6 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/scripts/setup.sh"
 
 arm_root=${KESTO_ARM64_ROOT:-/var/tmp/kesto-arm64}
-mirror=http://deb.debian.org
 usage() {
     echo "usage: scripts/arm64.sh [build|tour|test [NAME]|packages]"
     echo "  build     only build, into build/arm64"
@@ -32,19 +31,14 @@ arm_packages() {
 in_new_root() { chroot "$arm_root" env DEBIAN_FRONTEND=noninteractive LC_ALL=C "$@"; }
 
 prepare_root() {
-    local wanted suite
+    local wanted
     wanted=$(arm_packages)
     [ "$wanted" != "$(cat "$arm_root/prepared" 2>/dev/null)" ] || return 0
     [ "$(id -u)" = 0 ] || complain $failure "making $arm_root takes root; afterwards anybody can use it"
     echo "preparing $arm_root (log: build/arm64-root.log)"
     mkdir -p "$root/build"
     {
-        [ -e "$arm_root/etc/debian_version" ] || debootstrap --variant=minbase bookworm "$arm_root" $mirror/debian || exit
-        cp /etc/resolv.conf "$arm_root/etc/"
-        for suite in debian:bookworm debian:bookworm-updates debian-security:bookworm-security; do
-            echo "deb $mirror/${suite%:*} ${suite#*:} main"
-        done >"$arm_root/etc/apt/sources.list"
-        in_new_root dpkg --add-architecture arm64 && in_new_root apt-get update -qq &&
+        make_debian "$arm_root" && in_new_root dpkg --add-architecture arm64 && in_new_root apt-get update -qq &&
             in_new_root xargs apt-get install -y -qq --no-install-recommends <<<"$wanted"
     } >"$root/build/arm64-root.log" 2>&1 || complain $failure "that failed; the reason is at the end of build/arm64-root.log"
     echo "$wanted" >"$arm_root/prepared"

@@ -40,6 +40,27 @@ install_packages() {
     } >"$log" 2>&1 || complain $failure "installing ${missing[*]} failed; the reason is at the end of build/packages.log"
 }
 
+# apt_mirror SUITE: where this machine's apt takes that suite of Debian from; nothing when it does not take it.
+apt_mirror() { apt-get update --print-uris | sed -n "s|^'\(.*\)/dists/$1/main/.*|\1|p" | head -n 1; }
+
+# make_debian FOLDER: a minimal Debian 12 there, with this machine's apt mirror, proxy and the like. Takes root and debootstrap.
+make_debian() {
+    local folder=$1 suite mirror
+    mirror=$(apt_mirror bookworm)
+    if [ -z "$mirror" ]; then
+        echo "none of this machine's apt sources has Debian's suite bookworm"
+        return $failure
+    fi
+    [ -e "$folder/etc/debian_version" ] ||
+        debootstrap --variant=minbase --include=ca-certificates bookworm "$folder" "$mirror" || return
+    cp /etc/resolv.conf "$folder/etc/"
+    cp -r /etc/apt/*.conf* "$folder/etc/apt/"
+    for suite in bookworm bookworm-updates bookworm-security; do
+        mirror=$(apt_mirror $suite)
+        [ -z "$mirror" ] || echo "deb $mirror $suite main"
+    done >"$folder/etc/apt/sources.list"
+}
+
 # build PRESET [CMAKE OPTION...]: the whole log is in build/PRESET.log, an error is shown.
 build() {
     local preset=$1 log=$root/build/$1.log
