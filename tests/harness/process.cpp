@@ -132,8 +132,7 @@ std::vector<std::string> Process::log_until(std::string_view fence, Where where)
 
 void Process::expect_no_log_before(std::string_view message, std::string_view fence, Where where) {
     for (const std::string &found : log_until(fence, where))
-        if (matches(found, message))
-            ADD_FAILURE_AT(where.file_name(), static_cast<int>(where.line())) << name_ << " printed: " << found;
+        if (matches(found, message)) ADD_FAILURE_AT(where.file, where.line) << name_ << " printed: " << found;
 }
 
 std::string Process::text(int stream) {

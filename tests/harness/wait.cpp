@@ -5,6 +5,6 @@
 std::chrono::milliseconds patience() { return std::chrono::seconds(HARNESS_PATIENCE_S); }
 
 void abandon(const std::string &reason, const Where &where) {
-    ADD_FAILURE_AT(where.file_name(), static_cast<int>(where.line())) << reason;
+    ADD_FAILURE_AT(where.file, where.line) << reason;
     throw Abandoned("test abandoned: " + reason);
 }

@@ -3,12 +3,19 @@
 #pragma once
 
 #include <chrono>
-#include <source_location>
 #include <stdexcept>
 #include <string>
 
 using Clock = std::chrono::steady_clock;
-using Where = std::source_location;
+
+/* The caller's place, as a default argument. std::source_location would do, but clang 14 cannot compile GCC's. */
+struct Where {
+    const char *file;
+    int line;
+    static constexpr Where current(const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+        return {file, line};
+    }
+};
 
 /* How long an event may take before it counts as never: far longer than it takes on a busy machine. */
 std::chrono::milliseconds patience();
