@@ -1,11 +1,8 @@
 /* check.h - a device, real or simulated, held against the public contract point by point. */
-#ifndef CLIENT_CHECK_H
-#define CLIENT_CHECK_H
+#pragma once
 
 #include "options.h"
 
 /* Goes on after a check that failed. Returns refused when one did; throws not_reachable when the device is not there or
  * goes away meanwhile. Works under client ids of its own; values are put back and ids logged out in any case. */
 int run_check(const Options &options);
-
-#endif

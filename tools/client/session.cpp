@@ -33,14 +33,6 @@ Failure refused_read(Session &session, const std::string &key, bool recursive) {
     return refused_by_data_service(what, "gave no value; there may be no such key");
 }
 
-Failure refused_write(Session &session, const std::string &key, bool asks_for_rights, int result) {
-    const std::string what = "write " + key;
-    if (asks_for_rights && !session_may(session, operation_write, key, false)) {
-        return refused(what, "user " + session.account.user + " may not write this key");
-    }
-    return refused_by_data_service(what, "did not accept it (result " + std::to_string(result) + ")");
-}
-
 Failure refused_write_all(Session &session, const std::vector<Assignment> &assignments) {
     for (const Assignment &assignment : assignments) {
         if (session_may(session, operation_write, assignment.key, false)) continue;
@@ -197,8 +189,16 @@ wire::Value session_read(Session &session, const std::string &key, bool recursiv
 wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type) {
     const wire::Reply reply = ask_supported(session, write_request(assignment, type), "write " + assignment.key);
     if (reply.status() == wire::STATUS_OK && reply.write().result() >= 0) return reply.write();
-    const bool asks_for_rights = (type & write_is_lock) == 0;
-    throw refused_write(session, assignment.key, asks_for_rights, reply.write().result());
+    throw session_write_refusal(session, assignment.key, type, reply.write().result());
+}
+
+Failure session_write_refusal(Session &session, const std::string &key, uint32_t type, int result) {
+    const std::string what = "write " + key;
+    const bool rights_decide = (type & write_is_lock) == 0;
+    if (rights_decide && !session_may(session, operation_write, key, false)) {
+        return refused(what, "user " + session.account.user + " may not write this key");
+    }
+    return refused_by_data_service(what, "did not accept it (result " + std::to_string(result) + ")");
 }
 
 wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments) {

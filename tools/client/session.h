@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "failure.h"
 #include "options.h"
 #include "wire.h"
 
@@ -63,6 +64,8 @@ wire::Reply session_ask(Session &session, wire::Request request);
 
 wire::Value session_read(Session &session, const std::string &key, bool recursive);
 wire::WriteResult session_write(Session &session, const Assignment &assignment, uint32_t type);
+/* Why a write was refused, as session_write throws it; asks the device about the user's rights. */
+Failure session_write_refusal(Session &session, const std::string &key, uint32_t type, int result);
 wire::MultiWriteResult session_write_all(Session &session, const std::vector<Assignment> &assignments);
 bool session_may(Session &session, uint32_t operation, const std::string &key, bool recursive);
 std::string session_static_discovery(Session &session);

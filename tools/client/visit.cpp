@@ -1,102 +1,83 @@
 #include "visit.h"
 
-#include <glib.h>
+#include <cstdio>
 
-namespace {
+#include "output.h"
+#include "steps.h"
 
-constexpr int poll_ms = 50;        // between two looks at something that is about to happen
-constexpr int echo_wait_ms = 500;  // then the change is made again: a fresh subscription may have missed it
-constexpr int echo_tries = 10;
-constexpr gint64 us_per_ms = 1000;
+static constexpr const char *none = nullptr;
 
-gint64 deadline_us(int wait_ms) { return g_get_monotonic_time() + wait_ms * us_per_ms; }
+/* In this order: what a step finds the next ones use. */
+static constexpr VisitStep steps[] = {
+    {step_discover,            none,                               "discovery: a framed reply of fourteen fields"      },
+    {step_unwrap,              none,                               "discovery: the wrapped key unwraps"                },
+    {step_discover_and_unwrap, "discover the device",              none                                                },
+    {step_discover_again,      none,                               "discovery: the same id is answered again"          },
+    {step_discover_keyless,    none,                               "discovery: no key, an empty key field"             },
+    {step_garbage,             none,                               "login port: garbage gets one empty frame"          },
+    {step_several_frames,      none,                               "login port: several frames get one empty frame"    },
+    {step_unsupported,         none,                               "login port: what it does not serve is unsupported" },
+    {step_static_discovery,    none,                               "static discovery: eight fields, those of discovery"},
+    {step_log_in,              "log in",                           "log-in: a port in each range"                      },
+    {step_renew,               none,                               "log-in: renewal gives the same ports"              },
+    {step_wrong_password,      none,                               "log-in: a wrong password is refused, the id usable"},
+    {step_other_user,          none,                               "log-in: a second user on the id is refused"        },
+    {step_show_discovery,      none,                               "log-in: the discovery text decides when shown"     },
+    {step_echoed_fields,       none,                               "session: client id and sequence are echoed"        },
+    {step_read,                "read a key",                       "read: one key"                                     },
+    {step_read_recursively,    "read many keys",                   "read: recursively"                                 },
+    {step_read_missing,        none,                               "read: an unknown key is refused"                   },
+    {step_read_masked,         none,                               "read: hide_secure_info masks"                      },
+    {step_write,               "write a key",                      "write: reads back"                                 },
+    {step_change_count,        none,                               "write: the change counter grows"                   },
+    {step_write_several,       "write several keys",               "multi-write: reads back"                           },
+    {step_write_forbidden,     "be refused a forbidden key",       "write: a forbidden key is refused"                 },
+    {step_write_one_forbidden, none,                               "multi-write: one forbidden key, nothing written"   },
+    {step_hear_other,          "hear another client's change",     "echo: reaches the other client, not the writer"    },
+    {step_hear_alarm,          "hear the device's own alarm",      none                                                },
+    {step_put_back,            "put the changed value back",       "write: the changed value is put back"              },
+    {step_log_out,             "log out",                          none                                                },
+    {step_log_out_and_in,      none,                               "log-out: closes the ports, the next gets others"   },
+    {step_vanish,              "vanish, and be logged off for it", "monitor: a client that hangs up is logged off"     },
+};
 
-void expect_port_closed(const Endpoint &endpoint, int wait_ms) {
-    const gint64 end_us = deadline_us(wait_ms);
-    while (accepts_connections(endpoint, wait_ms)) {
-        if (g_get_monotonic_time() >= end_us)
-            throw device_failure("port " + std::to_string(endpoint.port) + " is still open");
-        zclock_sleep(poll_ms);
+PassingId::PassingId(Account own) : account(std::move(own)) {}
+
+PassingId::~PassingId() {
+    try {
+        log_out(account);
+    } catch (const Failure &) {  // whether log-outs work is a step by itself
     }
 }
 
-}  // namespace
-
-Failure device_failure(const std::string &sentence) { return {ExitStatus::refused, sentence}; }
-
-Account account_named(const Account &account, const char *suffix) {
-    Account named = account;
-    named.client_id += suffix;
-    return named;
-}
-
-LoginWishes monitored() {
-    LoginWishes wishes;
-    wishes.monitor = true;
-    wishes.discard_my_feedback = true;
-    return wishes;
-}
-
-std::string ports_text(const Session &session) {
-    return "command port " + std::to_string(session.command_port) + ", event port " +
-           std::to_string(session.event_port);
-}
-
-void write_project_info(Session &session, const std::string &text) {
-    session_write(session, {project_key, text}, plain_write_type);
-}
-
-void expect_project_info(Session &session, const std::string &text) {
-    const std::string found = session_read(session, project_key, false).text();
-    if (found != text)
-        throw device_failure(std::string(project_key) + " reads '" + found + "' instead of '" + text + "'");
-}
-
-std::optional<wire::Message> wait_for_published(const Session &session, int wait_ms,
-                                                const std::function<bool(const wire::Message &)> &fits) {
-    const gint64 end_us = deadline_us(wait_ms);
-    for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
-        if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
-        std::optional<wire::Message> message =
-            receive_published(session.events, static_cast<int>((end_us - now_us) / us_per_ms) + 1);
-        if (message && fits(*message)) return message;
+static void put_back(Visit &visit) {
+    if (!visit.project_info) return;
+    try {
+        visit_reopen_session(visit);
+        write_project_info(*visit.session, *visit.project_info);
+    } catch (const Failure &) {
+        const std::string text = printable(*visit.project_info);
+        fprintf(stderr, "kesto-client: could not put back %s = '%s'\n", project_key, text.c_str());
     }
-    return std::nullopt;
 }
 
-bool is_echo(const wire::Message &message, const Session &writer, const std::string &text) {
-    return message.reply().client_id() == writer.account.client_id && message.reply().write().value() == text;
+Visit visit_new(const Options &options, const Account &account, const char *text) {
+    return {options, PassingId(account), account.login.address, text, key_pair_new(), {}, {}, {}, {}, {}};
 }
 
-void write_until_heard(Session &writer, const Session &listener, const std::string &text) {
-    const auto fits = [&](const wire::Message &message) { return is_echo(message, writer, text); };
-    for (int tries = 0; tries < echo_tries; ++tries) {
-        write_project_info(writer, text);
-        if (wait_for_published(listener, echo_wait_ms, fits)) return;
+void visit_walk(Visit &visit, const std::function<void(const VisitStep &step)> &take) {
+    try {
+        for (const VisitStep &step : steps) take(step);
+    } catch (const Failure &) {
+        put_back(visit);
+        throw;
     }
-    throw device_failure("the change of another client was not heard");
+    put_back(visit);
 }
 
-void expect_closed(const Session &session) {
-    expect_port_closed(session_command_endpoint(session), session.account.timeout_ms);
-    expect_port_closed(session_event_endpoint(session), session.account.timeout_ms);
-}
-
-std::string vanish(const Account &account) {
-    Session session = session_open(account, monitored());
-    session_change_count(session);
-    session.commands.reset();  // without a log-out
-
-    // While the session lasts, another login gives its ports. Trying to connect would count as the client itself.
-    const gint64 end_us = deadline_us(account.timeout_ms);
-    wire::Session fresh = log_in(account, monitored());
-    while (fresh.command_port() == session.command_port) {
-        if (g_get_monotonic_time() >= end_us) throw device_failure("the client that vanished is still logged in");
-        zclock_sleep(poll_ms);
-        fresh = log_in(account, monitored());
-    }
-    log_out(account);
-    expect_closed(session);
-    return "its command port " + std::to_string(session.command_port) + " was closed for it; its next login got port " +
-           std::to_string(fresh.command_port());
+void visit_reopen_session(Visit &visit) {
+    visit.session.reset();
+    log_out(visit.own.account);
+    visit.session = session_open(visit.own.account, monitored());
+    session_listen(*visit.session);
 }

@@ -1,44 +1,61 @@
-/* visit.h - the deeds of a client's visit to a device that the tour and the check have in common.
+/* visit.h - a client's whole visit to a device, step by step: the tour shows it, the check holds the device against the
+ * contract with it.
  *
- * They may meet a real amplifier: the only value that they change is the project information, a text for people.
- * Everything throws a Failure when the device does not play its part; waits are in milliseconds. */
-#ifndef CLIENT_VISIT_H
-#define CLIENT_VISIT_H
+ * The device may be a real amplifier. The only value that a visit changes is the project information, a text for
+ * people; audio parameters are written with the values that they have. */
+#pragma once
 
 #include <functional>
 #include <optional>
 #include <string>
 
+#include "discovery.h"
 #include "failure.h"
 #include "session.h"
 
-constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial", *project_key = "/Device/Config/PROJECT_INFO",
-                     *hardware_keys = "/Device/Config/Hardware";
-constexpr uint32_t plain_write_type = 1;
+/* Thrown by a step that cannot be taken: for this user, or because an earlier one gave nothing to work with. */
+struct NotChecked {
+    std::string why;
+};
 
-Failure device_failure(const std::string &sentence); /* the device answers, but not as it should */
+/* A client id of the visit's own: whatever happened under it, it is logged out in the end. */
+struct PassingId {
+    Account account;
 
-Account account_named(const Account &account, const char *suffix); /* the same user under a further client id */
-LoginWishes monitored();                                           /* without the echo of own changes */
-std::string ports_text(const Session &session);
+    explicit PassingId(Account own);
+    ~PassingId();
+    PassingId(const PassingId &) = delete;
+    PassingId &operator=(const PassingId &) = delete;
+};
 
-void write_project_info(Session &session, const std::string &text);
-void expect_project_info(Session &session, const std::string &text);
+/* What the steps so far have found. */
+struct Visit {
+    const Options &options;
+    PassingId own;
+    std::string address;  // where discovery asks
+    std::string text;     // to be written as project information
+    KeyPair pair;
+    std::optional<Device> device;
+    std::string static_text;                  // empty: not known
+    std::optional<Session> session;           // monitored and listening, under the own id
+    std::string serial;                       // empty: not known
+    std::optional<std::string> project_info;  // as found; set while the device may hold another
+};
 
-/* The next published message that `fits`; none when it does not come in time. */
-std::optional<wire::Message> wait_for_published(const Session &session, int wait_ms,
-                                                const std::function<bool(const wire::Message &)> &fits);
+/* A step returns what was seen. It throws a Failure when the device does not keep the contract or does not answer, and
+ * NotChecked. It leaves ids and values as it found them, except for what it records in the visit. */
+struct VisitStep {
+    std::string (*run)(Visit &visit);
+    const char *tour_name;   // NULL: not a step of the tour
+    const char *check_name;  // NULL: not one of the check
+};
 
-/* Whether it is the echo of this client's writing this text. */
-bool is_echo(const wire::Message &message, const Session &writer, const std::string &text);
+/* Makes an RSA key, which takes some 100 ms; asks the device nothing. `options` must outlive the visit. */
+Visit visit_new(const Options &options, const Account &account, const char *text);
 
-/* Writes the text as project information until the listener, which listens, hears of it. */
-void write_until_heard(Session &writer, const Session &listener, const std::string &text);
+/* Hands each step to `take`, in order. However that ends, the project information is put back, or what it should be is
+ * said on standard error. */
+void visit_walk(Visit &visit, const std::function<void(const VisitStep &step)> &take);
 
-void expect_closed(const Session &session); /* once it has been logged out */
-
-/* Logs in under the account's id, which has no session, hangs up, and waits until the device has noticed. Returns what
- * was seen. */
-std::string vanish(const Account &account);
-
-#endif
+/* A new session in the place of the visit's: after an answer that did not come the old one's socket is of no use. */
+void visit_reopen_session(Visit &visit);

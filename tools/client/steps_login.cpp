@@ -1,43 +1,41 @@
-/* Each check asks for the very status that the contract names: a refusal that comes for another reason, or an empty
+/* Each step asks for the very status that the contract names: a refusal that comes for another reason, or an empty
  * answer where a reply is due, does not pass for the one that is expected. */
-#include "checks.h"
+#include "steps.h"
 
-namespace {
-
-constexpr int second_port = 61000;  // what a device that is not in loopback mode announces beside the login port
-constexpr size_t shown_bytes_max = 80, garbage_bytes = 32;
-constexpr uint64_t odd_sequence = 0xfedcba9876543210;
+static constexpr int second_port = 61000;  // what a device that is not in loopback mode announces beside the login port
+static constexpr size_t shown_bytes_max = 80, garbage_bytes = 32;
+static constexpr uint64_t odd_sequence = 0xfedcba9876543210;
 /* The fields of the static discovery text, as places in a discovery reply. */
-constexpr DiscoveryFieldIndex static_fields[] = {
+static constexpr DiscoveryFieldIndex static_fields[] = {
     field_model,     field_firmware, field_oem_serial, field_slot, field_oem_manufacturer,
     field_oem_model, field_serial,   field_extra};
 
 struct PortRange {
     int first, last;
 };
-constexpr PortRange command_ports = {62001, 62998}, event_ports = {63001, 63998};
+static constexpr PortRange command_ports = {62001, 62998}, event_ports = {63001, 63998};
 
-const Device &device_of(const Visit &visit) {
+static const Device &device_of(const Visit &visit) {
     if (!visit.device) throw NotChecked{"there is no discovery reply"};
     return *visit.device;
 }
 
-std::string ports_text(const wire::Session &ports) {
+static std::string ports_text(const wire::Session &ports) {
     return std::to_string(ports.command_port()) + " and " + std::to_string(ports.event_port());
 }
 
-void expect_login_refused(const Account &account, const LoginWishes &wishes, const std::string &what) {
+static void expect_login_refused(const Account &account, const LoginWishes &wishes, const std::string &what) {
     const wire::Reply reply = ask_to_log_in(account, wishes);
     expect_status(reply, wire::STATUS_REFUSED, what);
     require(!reply.has_session(), what + " is refused, but there are ports in the reply");
 }
 
-void expect_same_ports(const wire::Session &ports, const wire::Session &again) {
+static void expect_same_ports(const wire::Session &ports, const wire::Session &again) {
     require(ports.command_port() == again.command_port() && ports.event_port() == again.event_port(),
             "ports " + ports_text(ports) + " became " + ports_text(again));
 }
 
-void expect_session_goes_on(Visit &visit) {
+static void expect_session_goes_on(Visit &visit) {
     Session &session = session_of(visit);
     wire::Session ports;
     ports.set_command_port(session.command_port);
@@ -46,18 +44,19 @@ void expect_session_goes_on(Visit &visit) {
     session_change_count(session);
 }
 
-Device discover(const Visit &visit, const std::string &public_key) {
+static Device discover(const Visit &visit, const std::string &public_key) {
     std::string datagram;
     const std::optional<Device> device = ask_device(
         visit.address, discovery_request(public_key, visit.own.account.client_id), visit.options.timeout_ms, datagram);
-    require(!datagram.empty(), "no answer");
+    if (datagram.empty())
+        throw Failure{ExitStatus::not_reachable, "not reachable: no device answered at " + visit.address};
     require(device.has_value(), "no reply of " + std::to_string(discovery_fields.size()) + " fields but of " +
                                     std::to_string(split_discovery_text(datagram).size()) + ": " +
                                     datagram.substr(0, shown_bytes_max));
     return *device;
 }
 
-std::string expect_empty_answer(const Visit &visit, const std::vector<std::string> &frames) {
+static std::string expect_empty_answer(const Visit &visit, const std::vector<std::string> &frames) {
     const Account &account = visit.own.account;
     const Socket socket = connect_commands(account.login);
     const auto answer = exchange_frames(socket, account.login, frames, account.timeout_ms);
@@ -67,9 +66,7 @@ std::string expect_empty_answer(const Visit &visit, const std::vector<std::strin
     return "one empty frame; the next request is answered";
 }
 
-}  // namespace
-
-std::string check_discovery(Visit &visit) {
+std::string step_discover(Visit &visit) {
     visit.device = discover(visit, key_pair_public_pem(visit.pair));
     const Device &device = *visit.device;
     visit.own.account.login = device_login_endpoint(device);
@@ -77,45 +74,52 @@ std::string check_discovery(Visit &visit) {
     require(device.login_port == 0 || device.login_port == auth_port,
             "the login port is " + device.fields[field_auth_port]);
     require(device.fields[field_second_port] == second, "the second port is " + device.fields[field_second_port]);
-    return std::to_string(device.fields.size()) + " fields; " + device.fields[field_model] + ", serial " +
-           device.fields[field_serial] + ", ports " + device.fields[field_auth_port] + " and " + second;
+    return device.fields[field_model] + ", serial " + device.fields[field_serial] + ", takes logins at " +
+           endpoint_text(visit.own.account.login);
 }
 
-std::string check_wrapped_key(Visit &visit) {
+std::string step_unwrap(Visit &visit) {
     const std::string &wrapped = device_of(visit).fields[field_wrapped_key];
-    require(wraps_shared_key(visit.pair, device_of(visit)), "'" + wrapped.substr(0, shown_bytes_max) + "' does not");
+    require(wraps_shared_key(visit.pair, device_of(visit)),
+            "the device did not wrap the right key: '" + wrapped.substr(0, shown_bytes_max) + "'");
     return std::to_string(wrapped.size()) + " hexadecimal digits";
 }
 
-std::string check_discovery_again(Visit &visit) {
+std::string step_discover_and_unwrap(Visit &visit) {
+    const std::string found = step_discover(visit);
+    step_unwrap(visit);
+    return found + "; the shared key unwraps";
+}
+
+std::string step_discover_again(Visit &visit) {
     const KeyPair fresh = key_pair_new();
     require(wraps_shared_key(fresh, discover(visit, key_pair_public_pem(fresh))),
             "the answer's key is not wrapped for the second request");
     return "answered, with the key wrapped for the second request";
 }
 
-std::string check_discovery_without_key(Visit &visit) {
+std::string step_discover_keyless(Visit &visit) {
     const std::string wrapped = discover(visit, "").fields[field_wrapped_key];
     require(wrapped.empty(), "the field is '" + wrapped.substr(0, shown_bytes_max) + "'");
     return "the field is empty";
 }
 
-std::string check_garbage(Visit &visit) { return expect_empty_answer(visit, {std::string(garbage_bytes, '\xff')}); }
+std::string step_garbage(Visit &visit) { return expect_empty_answer(visit, {std::string(garbage_bytes, '\xff')}); }
 
-std::string check_several_frames(Visit &visit) {
+std::string step_several_frames(Visit &visit) {
     wire::Request request;  // would be answered if it came alone
     request.set_client_id(visit.own.account.client_id);
     request.mutable_discovery();
     return expect_empty_answer(visit, {request_frame(request), request_frame(request)});
 }
 
-std::string check_unsupported(Visit &visit) {
+std::string step_unsupported(Visit &visit) {
     expect_status(ask_login_socket(visit.own.account, read_request(serial_key, false)), wire::STATUS_UNSUPPORTED,
                   "a read");
     return "a read is answered STATUS_UNSUPPORTED";
 }
 
-std::string check_static_discovery(Visit &visit) {
+std::string step_static_discovery(Visit &visit) {
     std::string text = ask_static_discovery(visit.own.account);
     const std::vector<std::string> fields = split_discovery_text(text);
     require(fields.size() == std::size(static_fields), std::to_string(fields.size()) + " fields in '" + text + "'");
@@ -128,21 +132,22 @@ std::string check_static_discovery(Visit &visit) {
     return text;
 }
 
-std::string check_log_in(Visit &visit) {
+std::string step_log_in(Visit &visit) {
     visit.session = session_open(visit.own.account, monitored());
     session_listen(*visit.session);
     const auto is_in = [](int port, const PortRange &range) { return port >= range.first && port <= range.last; };
     require(is_in(visit.session->command_port, command_ports) && is_in(visit.session->event_port, event_ports),
             "out of range: " + ports_text(*visit.session));
-    return ports_text(*visit.session);
+    const Account &account = visit.own.account;
+    return "user " + account.user + ", client id " + account.client_id + ": " + ports_text(*visit.session);
 }
 
-std::string check_renewal(Visit &visit) {
+std::string step_renew(Visit &visit) {
     expect_session_goes_on(visit);
     return ports_text(*visit.session) + " again";
 }
 
-std::string check_wrong_password(Visit &visit) {
+std::string step_wrong_password(Visit &visit) {
     const PassingId id = further_id(visit, "-wrong-password");
     Account wrong = id.account;
     wrong.password += "?";
@@ -153,7 +158,7 @@ std::string check_wrong_password(Visit &visit) {
     return "refused before and during a session; the right one gives ports " + ports_text(ports);
 }
 
-std::string check_other_user(Visit &visit) {
+std::string step_other_user(Visit &visit) {
     session_of(visit);
     if (!visit.options.other_password) throw NotChecked{"it takes the other user's right --other-password"};
     const PassingId id = further_id(visit, "-other-user");
@@ -167,7 +172,7 @@ std::string check_other_user(Visit &visit) {
     return other.user + " is refused and the session goes on";
 }
 
-std::string check_shown_discovery(Visit &visit) {
+std::string step_show_discovery(Visit &visit) {
     if (visit.static_text.empty()) throw NotChecked{"there is no static discovery text"};
     LoginWishes wishes = monitored();
     wishes.discovery = visit.static_text;
@@ -181,7 +186,7 @@ std::string check_shown_discovery(Visit &visit) {
     return "accepted; with another last byte refused";
 }
 
-std::string check_echoed_fields(Visit &visit) {
+std::string step_echoed_fields(Visit &visit) {
     Session &session = session_of(visit);
     wire::Request request;
     request.mutable_change_count();
