@@ -4,11 +4,9 @@
 
 #include "failure.h"
 
-namespace {
+static constexpr int fine = static_cast<int>(ExitStatus::fine);
 
-constexpr int fine = static_cast<int>(ExitStatus::fine);
-
-DiscoverySearch search_from_options(const Options &options) {
+static DiscoverySearch search_from_options(const Options &options) {
     DiscoverySearch search{std::nullopt, options.client_id, options.wait_ms};
     if (!options.arguments.empty()) {
         search.address = resolve_host(options.arguments[0]);
@@ -18,9 +16,7 @@ DiscoverySearch search_from_options(const Options &options) {
     return search;
 }
 
-std::string yes_or_no(bool answer) { return answer ? "yes" : "no"; }
-
-}  // namespace
+static std::string yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 
 int run_discover(const Options &options) {
     const std::vector<Device> devices = discover_devices(search_from_options(options));

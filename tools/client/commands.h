@@ -1,6 +1,5 @@
 /* commands.h - the commands that ask one thing and end. Each returns the exit status or throws a Failure. */
-#ifndef CLIENT_COMMANDS_H
-#define CLIENT_COMMANDS_H
+#pragma once
 
 #include "output.h"
 
@@ -18,5 +17,3 @@ int run_changes(const Options &options);
 std::vector<Assignment> parse_assignments(const std::vector<std::string> &words);
 
 Saying ask_rights(Session &session, const std::string &key);
-
-#endif

@@ -15,22 +15,20 @@
 #include "failure.h"
 #include "key_pair.h"
 
-namespace {
-
-constexpr guint16 discovery_port = 8004;
-constexpr char separator = '\x1c';
-constexpr std::string_view request_head = "@?", reply_head = "@?D", port_head = "ZMQ:";
-constexpr size_t reply_limit_bytes = 8192;
-constexpr gint64 repeat_ms = 500;  // a datagram may get lost
-constexpr gint64 us_per_ms = 1000;
-constexpr const char *loopback_address = "127.0.0.1", *loopback_broadcast = "127.255.255.255",
-                     *limited_broadcast = "255.255.255.255";
+static constexpr guint16 discovery_port = 8004;
+static constexpr char separator = '\x1c';
+static constexpr std::string_view request_head = "@?", reply_head = "@?D", port_head = "ZMQ:";
+static constexpr size_t reply_limit_bytes = 8192;
+static constexpr gint64 repeat_ms = 500;  // a datagram may get lost
+static constexpr gint64 us_per_ms = 1000;
+static constexpr const char *loopback_address = "127.0.0.1", *loopback_broadcast = "127.255.255.255",
+                            *limited_broadcast = "255.255.255.255";
 
 struct InterfacesRelease {
     void operator()(ifaddrs *list) const { freeifaddrs(list); }
 };
 
-std::set<std::string> broadcast_addresses() {
+static std::set<std::string> broadcast_addresses() {
     std::set<std::string> addresses = {loopback_broadcast, limited_broadcast};
     ifaddrs *found = nullptr;
     if (getifaddrs(&found) != 0) return addresses;
@@ -48,7 +46,7 @@ std::set<std::string> broadcast_addresses() {
     return addresses;
 }
 
-GSocket *open_socket() {
+static GSocket *open_socket() {
     g_autoptr(GError) error = nullptr;
     GSocket *socket = g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &error);
     if (socket == nullptr) throw Failure{ExitStatus::not_reachable, std::string("not reachable: ") + error->message};
@@ -57,7 +55,7 @@ GSocket *open_socket() {
 }
 
 /* Some of the addresses are out of reach on most machines, so it takes all of them to fail. */
-void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const std::string &request) {
+static void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const std::string &request) {
     std::string reason;
     size_t failed_count = 0;
     for (const std::string &address : addresses) {
@@ -70,13 +68,13 @@ void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const 
     if (failed_count == addresses.size()) throw Failure{ExitStatus::not_reachable, "not reachable: " + reason};
 }
 
-bool take_prefix(std::string &text, std::string_view prefix) {
+static bool take_prefix(std::string &text, std::string_view prefix) {
     if (!text.starts_with(prefix)) return false;
     text.erase(0, prefix.size());
     return true;
 }
 
-std::vector<std::string> split_fields(std::string_view text) {
+static std::vector<std::string> split_fields(std::string_view text) {
     std::vector<std::string> fields;
     for (size_t begin = 0, end = 0; end != std::string_view::npos; begin = end + 1) {
         end = text.find(separator, begin);
@@ -86,7 +84,7 @@ std::vector<std::string> split_fields(std::string_view text) {
 }
 
 /* The project information is whatever a client wrote, and may hold separators. */
-void join_project_info(std::vector<std::string> &fields) {
+static void join_project_info(std::vector<std::string> &fields) {
     while (fields.size() > discovery_fields.size()) {
         const auto rest = fields.begin() + field_project_info + 1;
         fields[field_project_info] += separator + *rest;
@@ -94,7 +92,7 @@ void join_project_info(std::vector<std::string> &fields) {
     }
 }
 
-std::optional<int> parse_port(const std::string &text) {
+static std::optional<int> parse_port(const std::string &text) {
     int port = 0;
     const char *text_end = text.data() + text.size();
     const auto [end, error] = std::from_chars(text.data(), text_end, port);
@@ -102,7 +100,7 @@ std::optional<int> parse_port(const std::string &text) {
     return port;
 }
 
-std::optional<Device> device_from_reply(const std::string &reply) {
+static std::optional<Device> device_from_reply(const std::string &reply) {
     std::vector<std::string> fields = split_discovery_text(reply);
     join_project_info(fields);
     if (fields.size() != discovery_fields.size()) return std::nullopt;
@@ -118,11 +116,11 @@ std::optional<Device> device_from_reply(const std::string &reply) {
 }
 
 /* The answer to one request differs from the next only in the wrapped key, whose padding is random. */
-bool same_device(const Device &a, const Device &b) {
+static bool same_device(const Device &a, const Device &b) {
     return a.fields[field_model] == b.fields[field_model] && a.fields[field_serial] == b.fields[field_serial];
 }
 
-void remember(std::vector<Device> &devices, Device device, const std::string &address) {
+static void remember(std::vector<Device> &devices, Device device, const std::string &address) {
     const auto known =
         std::find_if(devices.begin(), devices.end(), [&](const Device &other) { return same_device(device, other); });
     if (known == devices.end()) {
@@ -138,7 +136,7 @@ struct Datagram {
     std::string text, address;  // where it came from
 };
 
-std::optional<Datagram> receive_datagram(GSocket *socket) {
+static std::optional<Datagram> receive_datagram(GSocket *socket) {
     char buffer[reply_limit_bytes];
     g_autoptr(GSocketAddress) source = nullptr;
     const gssize length = g_socket_receive_from(socket, &source, buffer, sizeof buffer, nullptr, nullptr);
@@ -149,8 +147,8 @@ std::optional<Datagram> receive_datagram(GSocket *socket) {
 }
 
 /* Asks and asks again, until the wait is over or `take` has seen enough and returns false. */
-void collect_replies(const std::set<std::string> &targets, const std::string &request, int wait_ms,
-                     const std::function<bool(const Datagram &)> &take) {
+static void collect_replies(const std::set<std::string> &targets, const std::string &request, int wait_ms,
+                            const std::function<bool(const Datagram &)> &take) {
     g_autoptr(GSocket) socket = open_socket();
     const gint64 end_us = g_get_monotonic_time() + wait_ms * us_per_ms;
     gint64 send_us = 0;
@@ -166,8 +164,6 @@ void collect_replies(const std::set<std::string> &targets, const std::string &re
         if (datagram && !take(*datagram)) return;
     }
 }
-
-}  // namespace
 
 std::string discovery_request(const std::string &public_key, const std::string &client_id) {
     std::string request(request_head);

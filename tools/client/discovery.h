@@ -1,8 +1,7 @@
 /* discovery.h - finding devices: one UDP datagram out, one from each device back.
  *
  * A device keeps the client id of a discovery request on its books until that id logs out. */
-#ifndef CLIENT_DISCOVERY_H
-#define CLIENT_DISCOVERY_H
+#pragma once
 
 #include <array>
 #include <optional>
@@ -80,5 +79,3 @@ std::vector<std::string> split_discovery_text(std::string text);
 
 /* Where the device takes logins. One that is bound to the loopback interface says port 0. */
 Endpoint device_login_endpoint(const Device &device);
-
-#endif

@@ -1,7 +1,6 @@
 /* failure.h - how every command of the client fails: by throwing a Failure, which main reports and turns into the exit
  * status. */
-#ifndef CLIENT_FAILURE_H
-#define CLIENT_FAILURE_H
+#pragma once
 
 #include <string>
 
@@ -17,5 +16,3 @@ struct Failure {
     ExitStatus status;
     std::string sentence;  // one line, without line break and without the program's name
 };
-
-#endif

@@ -9,9 +9,7 @@
 
 #include "failure.h"
 
-namespace {
-
-constexpr unsigned key_bits = 2048;
+static constexpr unsigned key_bits = 2048;
 
 struct BioRelease {
     void operator()(BIO *bio) const { BIO_free(bio); }
@@ -21,7 +19,7 @@ struct ContextRelease {
 };
 using Bytes = std::vector<unsigned char>;
 
-std::optional<Bytes> bytes_of_hex(const std::string &hex) {
+static std::optional<Bytes> bytes_of_hex(const std::string &hex) {
     if (hex.empty() || hex.size() % 2 != 0) return std::nullopt;
     Bytes bytes(hex.size() / 2);
     for (size_t i = 0; i < bytes.size(); ++i) {
@@ -31,8 +29,6 @@ std::optional<Bytes> bytes_of_hex(const std::string &hex) {
     }
     return bytes;
 }
-
-}  // namespace
 
 KeyPair key_pair_new() {
     KeyPair pair(EVP_RSA_gen(key_bits));

@@ -1,6 +1,5 @@
 /* key_pair.h - the RSA key pair that a client makes for discovery, and the shared key that the device wraps with it. */
-#ifndef CLIENT_KEY_PAIR_H
-#define CLIENT_KEY_PAIR_H
+#pragma once
 
 #include <memory>
 #include <optional>
@@ -22,5 +21,3 @@ std::string key_pair_public_pem(const KeyPair &pair);
 
 /* The text in `hex`, encrypted with the public key by PKCS #1 version 1.5; none when it is not that. */
 std::optional<std::string> key_pair_unwrap(const KeyPair &pair, const std::string &hex);
-
-#endif

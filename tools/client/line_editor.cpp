@@ -24,28 +24,26 @@ struct LineEditor {
     std::string received;                             // without a terminal: what is not yet a line
 };
 
-namespace {
+static constexpr int history_lines = 500;
+static constexpr size_t listed_words_max = 60;
+static constexpr size_t read_size_bytes = 4096;
+static constexpr long look_ms = 250;  // Ctrl-C just before a wait is noticed after it
+static constexpr const char *erase_line = "\r\x1b[K";
 
-constexpr int history_lines = 500;
-constexpr size_t listed_words_max = 60;
-constexpr size_t read_size_bytes = 4096;
-constexpr long look_ms = 250;  // Ctrl-C just before a wait is noticed after it
-constexpr const char *erase_line = "\r\x1b[K";
-
-LineEditor &editor_of(EditLine *line) {
+static LineEditor &editor_of(EditLine *line) {
     void *editor = nullptr;
     el_get(line, EL_CLIENTDATA, &editor);
     return *static_cast<LineEditor *>(editor);
 }
 
-void serve_socket(LineEditor &editor) {
+static void serve_socket(LineEditor &editor) {
     if (editor.line) fputs(erase_line, stdout);
     editor.callbacks.serve();
     if (editor.line) el_set(editor.line.get(), EL_REFRESH);
 }
 
 /* Until standard input is readable; false after Ctrl-C. */
-bool wait_for_input(LineEditor &editor) {
+static bool wait_for_input(LineEditor &editor) {
     while (!zsys_interrupted) {
         void *socket = editor.callbacks.socket();
         zmq_pollitem_t items[] = {
@@ -59,21 +57,21 @@ bool wait_for_input(LineEditor &editor) {
     return false;
 }
 
-int read_character(EditLine *line, wchar_t *character) {
+static int read_character(EditLine *line, wchar_t *character) {
     std::mbstate_t state{};
     constexpr auto incomplete = static_cast<size_t>(-2), invalid = static_cast<size_t>(-1);
     for (;;) {
-        char byte = 0;
-        if (!wait_for_input(editor_of(line)) || read(STDIN_FILENO, &byte, 1) != 1) return 0;
-        const size_t length = mbrtowc(character, &byte, 1, &state);
+        char received = 0;
+        if (!wait_for_input(editor_of(line)) || read(STDIN_FILENO, &received, 1) != 1) return 0;
+        const size_t length = mbrtowc(character, &received, 1, &state);
         if (length == invalid) state = {};
         if (length != invalid && length != incomplete) return 1;
     }
 }
 
-char *show_prompt(EditLine *line) { return const_cast<char *>(editor_of(line).prompt); }
+static char *show_prompt(EditLine *line) { return const_cast<char *>(editor_of(line).prompt); }
 
-std::string common_beginning(const std::vector<std::string> &words) {
+static std::string common_beginning(const std::vector<std::string> &words) {
     std::string common = words.front();
     for (const std::string &word : words) {
         const auto difference = std::mismatch(common.begin(), common.end(), word.begin(), word.end());
@@ -82,14 +80,14 @@ std::string common_beginning(const std::vector<std::string> &words) {
     return common;
 }
 
-void list_words(const std::vector<std::string> &words) {
+static void list_words(const std::vector<std::string> &words) {
     fputc('\n', stdout);
     for (size_t i = 0; i < std::min(words.size(), listed_words_max); ++i) printf("%s\n", words[i].c_str());
     if (words.size() > listed_words_max) printf("... and %zu more\n", words.size() - listed_words_max);
     fflush(stdout);
 }
 
-unsigned char complete_word(EditLine *line, wint_t) {
+static unsigned char complete_word(EditLine *line, wint_t) {
     const LineInfo *info = el_line(line);
     const std::string before(info->buffer, info->cursor);
     const std::string unfinished = before.substr(before.find_last_of(' ') + 1);
@@ -105,7 +103,7 @@ unsigned char complete_word(EditLine *line, wint_t) {
     return CC_REDISPLAY;
 }
 
-void start_editing(LineEditor &editor) {
+static void start_editing(LineEditor &editor) {
     HistEvent event;
     editor.history.reset(history_init());
     history(editor.history.get(), &event, H_SETSIZE, history_lines);
@@ -120,7 +118,7 @@ void start_editing(LineEditor &editor) {
     el_wset(line, EL_GETCFN, read_character);
 }
 
-std::optional<std::string> read_edited_line(LineEditor &editor) {
+static std::optional<std::string> read_edited_line(LineEditor &editor) {
     int length = 0;
     const char *text = el_gets(editor.line.get(), &length);
     if (text == nullptr || length <= 0) {
@@ -134,7 +132,7 @@ std::optional<std::string> read_edited_line(LineEditor &editor) {
     return line;
 }
 
-std::optional<std::string> take_line(std::string &received, bool at_end) {
+static std::optional<std::string> take_line(std::string &received, bool at_end) {
     const size_t end = received.find('\n');
     if (end == std::string::npos && (!at_end || received.empty())) return std::nullopt;
     std::string line = received.substr(0, end);
@@ -142,7 +140,7 @@ std::optional<std::string> take_line(std::string &received, bool at_end) {
     return line;
 }
 
-std::optional<std::string> read_plain_line(LineEditor &editor) {
+static std::optional<std::string> read_plain_line(LineEditor &editor) {
     for (;;) {
         std::optional<std::string> line = take_line(editor.received, false);
         if (line) return line;
@@ -153,8 +151,6 @@ std::optional<std::string> read_plain_line(LineEditor &editor) {
         editor.received.append(buffer, static_cast<size_t>(length));
     }
 }
-
-}  // namespace
 
 void LineEditorRelease::operator()(LineEditor *editor) const { delete editor; }
 

@@ -1,7 +1,6 @@
 /* line_editor.h - reads lines from standard input, with editing, history and completion when it is a terminal, and
  * serves one ZeroMQ socket meanwhile. */
-#ifndef CLIENT_LINE_EDITOR_H
-#define CLIENT_LINE_EDITOR_H
+#pragma once
 
 #include <functional>
 #include <memory>
@@ -27,5 +26,3 @@ bool line_editor_is_interactive(const LineEditor &editor);
 
 /* The next line without its end; none at the end of input and after Ctrl-C. */
 std::optional<std::string> line_editor_read(LineEditor &editor);
-
-#endif

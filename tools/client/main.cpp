@@ -12,11 +12,9 @@
 #include "tour.h"
 #include "watch.h"
 
-namespace {
+static constexpr size_t any_number = SIZE_MAX;
 
-constexpr size_t any_number = SIZE_MAX;
-
-const std::vector<Command> &commands() {
+static const std::vector<Command> &commands() {
     static const std::vector<Command> table = {
         {"discover",
          "[HOST]",                        "Find devices (by broadcast, or ask HOST) and show what they say",
@@ -70,20 +68,18 @@ const std::vector<Command> &commands() {
     return table;
 }
 
-void start_libraries() {
+static void start_libraries() {
     google::protobuf::SetLogHandler(nullptr);  // what does not parse is reported in our own words
     zsys_init();                               // from here on Ctrl-C only sets zsys_interrupted
     zsys_set_logstream(stderr);
 }
 
-int run(int argc, char **argv) {
+static int run(int argc, char **argv) {
     setlocale(LC_CTYPE, "");
     const Invocation invocation = parse_command_line(argc, argv, commands());
     start_libraries();
     return invocation.command->run(invocation.options);
 }
-
-}  // namespace
 
 int main(int argc, char **argv) {
     int status = 0;

@@ -16,15 +16,13 @@
 #include "failure.h"
 #include "wire.h"
 
-namespace {
-
 using Words = std::vector<std::string>;
 
-constexpr const char *default_host = "127.0.0.1", *default_user = "quillmont";
-constexpr double default_timeout_s = 5, default_wait_s = 1, default_alarm_wait_s = 20;
-constexpr int default_type = 1;  // what the service itself gives each pair of a multi-write
-constexpr double seconds_max = 86400;
-constexpr int ms_per_s = 1000;
+static constexpr const char *default_host = "127.0.0.1", *default_user = "quillmont";
+static constexpr double default_timeout_s = 5, default_wait_s = 1, default_alarm_wait_s = 20;
+static constexpr int default_type = 1;  // what the service itself gives each pair of a multi-write
+static constexpr double seconds_max = 86400;
+static constexpr int ms_per_s = 1000;
 
 /* What GOption writes into. The texts are file names for it, so that no locale changes their bytes. */
 struct Parsed {
@@ -33,9 +31,10 @@ struct Parsed {
     gboolean json, version, recursive, lock, keep, monitor, discard_my_feedback, hide_secure_info, no_lock,
         with_discovery;
     int type = default_type, count;
-} parsed;
+};
+static Parsed parsed;
 
-const GOptionEntry common_entries[] = {
+static const GOptionEntry common_entries[] = {
     {"host",        'H', 0, G_OPTION_ARG_FILENAME, &parsed.host, "Device to talk to (default: $KESTO_HOST, else 127.0.0.1)",
      "HOST"},
     {"id",            'i', 0, G_OPTION_ARG_FILENAME, &parsed.id,
@@ -52,7 +51,7 @@ const GOptionEntry common_entries[] = {
     {       },
 };
 
-const GOptionEntry command_entries[] = {
+static const GOptionEntry command_entries[] = {
     {"recursive",        'r', 0, G_OPTION_ARG_NONE, &parsed.recursive, "Read every key at or below KEY", nullptr},
     {"type",                 0, 0, G_OPTION_ARG_INT, &parsed.type, "Write type, decimal or 0x... (default: 1)", "N"},
     {"lock", 0, 0, G_OPTION_ARG_NONE, &parsed.lock, "Make it a lock write (type bit 12)", nullptr},
@@ -76,16 +75,16 @@ const GOptionEntry command_entries[] = {
     {          },
 };
 
-struct ContextRelease {
+struct OptionContextRelease {
     void operator()(GOptionContext *context) const { g_option_context_free(context); }
 };
-using Context = std::unique_ptr<GOptionContext, ContextRelease>;
+using Context = std::unique_ptr<GOptionContext, OptionContextRelease>;
 
-Failure wrong_usage(const std::string &problem) {
+static Failure wrong_usage(const std::string &problem) {
     return {ExitStatus::usage, "wrong usage: " + problem + " (see kesto-client --help)"};
 }
 
-std::string command_summary(const std::vector<Command> &commands) {
+static std::string command_summary(const std::vector<Command> &commands) {
     std::string text = "Talks to networked amplifiers as remote control software does.\n\nCommands:";
     for (const Command &command : commands) {
         g_autofree char *left = g_strdup_printf("%s %s", command.name, command.arguments);
@@ -95,7 +94,7 @@ std::string command_summary(const std::vector<Command> &commands) {
     return text;
 }
 
-Context main_context(const std::vector<Command> &commands) {
+static Context main_context(const std::vector<Command> &commands) {
     Context context(g_option_context_new("COMMAND [ARGUMENT...]"));
     g_option_context_set_strict_posix(context.get(), TRUE);
     g_option_context_add_main_entries(context.get(), common_entries, nullptr);
@@ -117,7 +116,7 @@ Context main_context(const std::vector<Command> &commands) {
     return context;
 }
 
-Context command_context(const Command &command) {
+static Context command_context(const Command &command) {
     g_autofree char *parameters = g_strdup_printf("%s %s", command.name, command.arguments);
     Context context(g_option_context_new(parameters));
     g_option_context_set_strict_posix(context.get(), TRUE);
@@ -132,14 +131,14 @@ Context command_context(const Command &command) {
     return context;
 }
 
-bool is_option(const std::string &word) {
+static bool is_option(const std::string &word) {
     if (word.size() < 2 || word[0] != '-') return false;
     const bool number = std::isdigit(static_cast<unsigned char>(word[1])) != 0 || word[1] == '.';
     return !number;
 }
 
 /* Reads the options that `words` begins with; returns the words behind them. */
-Words parse_leading_options(const Context &context, const Words &words) {
+static Words parse_leading_options(const Context &context, const Words &words) {
     g_autoptr(GStrvBuilder) builder = g_strv_builder_new();
     g_strv_builder_add(builder, "kesto-client");
     for (const std::string &word : words) g_strv_builder_add(builder, word.c_str());
@@ -154,7 +153,7 @@ Words parse_leading_options(const Context &context, const Words &words) {
 }
 
 /* Options may stand before, between and behind the arguments; what is behind "--" is arguments only. */
-Words parse_options(const Context &context, Words words) {
+static Words parse_options(const Context &context, Words words) {
     const auto dashes = std::find(words.begin(), words.end(), "--");
     const Words plain(dashes == words.end() ? dashes : dashes + 1, words.end());
     words.erase(dashes, words.end());
@@ -171,31 +170,31 @@ Words parse_options(const Context &context, Words words) {
     return arguments;
 }
 
-const Command &find_command(const std::vector<Command> &commands, const std::string &name) {
+static const Command &find_command(const std::vector<Command> &commands, const std::string &name) {
     for (const Command &command : commands) {
         if (name == command.name) return command;
     }
     throw wrong_usage("unknown command " + name);
 }
 
-int milliseconds(const char *option, double seconds, bool may_be_zero) {
+static int milliseconds(const char *option, double seconds, bool may_be_zero) {
     const bool fits = std::isfinite(seconds) && seconds <= seconds_max && (may_be_zero ? seconds >= 0 : seconds > 0);
     const char *from = may_be_zero ? "from 0" : "above 0";
     if (!fits) throw wrong_usage(std::string("--") + option + " takes seconds " + from + ", at most 86400");
     return std::max(static_cast<int>(std::lround(seconds * ms_per_s)), may_be_zero ? 0 : 1);
 }
 
-std::string text_or(const char *given, const char *otherwise) { return given != nullptr ? given : otherwise; }
+static std::string text_or(const char *given, const char *otherwise) { return given != nullptr ? given : otherwise; }
 
 /* A session that stays needs an id that can be found again. */
-bool is_per_run(const Command &command) { return command.id_per_run && !parsed.keep; }
+static bool is_per_run(const Command &command) { return command.id_per_run && !parsed.keep; }
 
-std::string default_id(const Command &command) {
+static std::string default_id(const Command &command) {
     const std::string id = std::string("kesto-client-") + g_get_host_name();
     return is_per_run(command) ? id + "-" + std::to_string(getpid()) : id;
 }
 
-std::string ask_password(const std::string &user) {
+static std::string ask_password(const std::string &user) {
     termios shown{};
     if (isatty(STDIN_FILENO) == 0 || tcgetattr(STDIN_FILENO, &shown) != 0) {
         throw wrong_usage("no password: give --password or set KESTO_PASSWORD");
@@ -216,7 +215,7 @@ std::string ask_password(const std::string &user) {
     return password;
 }
 
-std::string find_password(const std::string &user) {
+static std::string find_password(const std::string &user) {
     if (parsed.password != nullptr) return parsed.password;
     const char *environment = getenv("KESTO_PASSWORD");
     if (environment == nullptr) return ask_password(user);
@@ -224,12 +223,12 @@ std::string find_password(const std::string &user) {
     return environment;
 }
 
-void check_client_id(const std::string &id) {
+static void check_client_id(const std::string &id) {
     // Discovery ends an id at its first exclamation mark.
     if (id.empty() || id.find('!') != std::string::npos) throw wrong_usage("--id must not be empty or contain '!'");
 }
 
-Options options_from_parsed(const Command &command, Words arguments) {
+static Options options_from_parsed(const Command &command, Words arguments) {
     Options o{};
     const char *environment_host = getenv("KESTO_HOST");
     o.host_given = parsed.host != nullptr || environment_host != nullptr;
@@ -262,14 +261,12 @@ Options options_from_parsed(const Command &command, Words arguments) {
     return o;
 }
 
-void check_argument_count(const Command &command, const Words &arguments) {
+static void check_argument_count(const Command &command, const Words &arguments) {
     const bool fits = arguments.size() >= command.arguments_min && arguments.size() <= command.arguments_max;
     if (fits) return;
     const std::string wanted = *command.arguments != '\0' ? command.arguments : "no arguments";
     throw wrong_usage(std::string(command.name) + " takes " + wanted);
 }
-
-}  // namespace
 
 Invocation parse_command_line(int argc, char **argv, const std::vector<Command> &commands) {
     Words words(argv + 1, argv + argc);

@@ -1,6 +1,5 @@
 /* options.h - the command line: common options, a command, its own options and arguments. */
-#ifndef CLIENT_OPTIONS_H
-#define CLIENT_OPTIONS_H
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -61,5 +60,3 @@ struct Assignment {
 };
 Assignment parse_assignment(const std::string &word);
 void require_key(const std::string &key); /* throws when it is empty */
-
-#endif

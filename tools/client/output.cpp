@@ -5,25 +5,23 @@
 
 #include <gio/gio.h>
 
-namespace {
-
-std::string local_time(const char *format) {
+static std::string local_time(const char *format) {
     g_autoptr(GDateTime) now = g_date_time_new_now_local();
     g_autofree char *seconds = g_date_time_format(now, format);
     g_autofree char *text = g_strdup_printf("%s.%03d", seconds, g_date_time_get_microsecond(now) / 1000);
     return text;
 }
 
-std::string assignment_text(const std::string &key, const std::string &value) {
+static std::string assignment_text(const std::string &key, const std::string &value) {
     return printable(key) + " = " + printable(value);
 }
 
-void add_line(std::string &text, const std::string &line) {
+static void add_line(std::string &text, const std::string &line) {
     if (!text.empty()) text += '\n';
     text += line;
 }
 
-std::string device_text(const Device &device) {
+static std::string device_text(const Device &device) {
     std::string text;
     for (const std::string &address : device.addresses) text += (text.empty() ? "device at " : ", ") + address;
     for (size_t i = 0; i < discovery_fields.size(); ++i) {
@@ -35,7 +33,7 @@ std::string device_text(const Device &device) {
     return text;
 }
 
-Json device_json(const Device &device) {
+static Json device_json(const Device &device) {
     Json json;
     json["addresses"] = device.addresses;
     for (size_t i = 0; i < discovery_fields.size(); ++i) json[discovery_fields[i].name] = device.fields[i];
@@ -45,14 +43,14 @@ Json device_json(const Device &device) {
 }
 
 /* The shortest decimal that is this float: as a double, 84.9f would print as 84.9000015258789. */
-double short_decimal(float value) {
+static double short_decimal(float value) {
     char text[32];
     const auto [end, error] = std::to_chars(text, text + sizeof text - 1, value);
     *end = '\0';
     return error == std::errc() ? g_ascii_strtod(text, nullptr) : static_cast<double>(value);
 }
 
-Saying say_alarm(const wire::Alarm &alarm) {
+static Saying say_alarm(const wire::Alarm &alarm) {
     g_autofree char *text = g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code(), alarm.channel(),
                                             static_cast<double>(alarm.value()), alarm.active() != 0 ? ", active" : "");
     return {
@@ -65,7 +63,7 @@ Saying say_alarm(const wire::Alarm &alarm) {
     };
 }
 
-Saying say_change(const wire::Change &change) {
+static Saying say_change(const wire::Change &change) {
     Json json = {
         {"event", "change"      },
         {"key",   change.key()  },
@@ -79,7 +77,7 @@ Saying say_change(const wire::Change &change) {
     return {json, text};
 }
 
-Saying say_event(const wire::Event &event) {
+static Saying say_event(const wire::Event &event) {
     switch (event.kind_case()) {
         case wire::Event::kAlarm: return say_alarm(event.alarm());
         case wire::Event::kChange: return say_change(event.change());
@@ -97,7 +95,7 @@ Saying say_event(const wire::Event &event) {
 }
 
 /* The reply to another client's write, as that client got it; on one line, as every event. */
-Saying say_echo(const wire::Reply &reply) {
+static Saying say_echo(const wire::Reply &reply) {
     const bool several = reply.has_multi_write();
     const Saying what = several ? say_write_all(reply.multi_write()) : say_write(reply.write());
     std::string text = what.text;
@@ -110,22 +108,20 @@ Saying say_echo(const wire::Reply &reply) {
     return {json, "client " + printable(reply.client_id()) + " wrote " + text};
 }
 
-Saying say_what(const wire::Message &message) {
+static Saying say_what(const wire::Message &message) {
     return message.has_event() ? say_event(message.event()) : say_echo(message.reply());
 }
 
 /* The time that a message came at, and `rest`. */
-Saying say_timed(const Json &rest, const std::string &text) {
+static Saying say_timed(const Json &rest, const std::string &text) {
     Saying saying{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + text};
     saying.json.update(rest);
     return saying;
 }
 
-std::string source_text(const Source &source) {
+static std::string source_text(const Source &source) {
     return source.serial.empty() ? source.address : printable(source.model) + " " + printable(source.serial);
 }
-
-}  // namespace
 
 void print_saying(bool json, const Saying &saying) {
     // What devices say comes unchecked from the network; a byte that is not UTF-8 must not end the program.

@@ -1,7 +1,6 @@
 /* output.h - everything that the client prints on standard output, as text for people or as JSON. Each print is
  * flushed, so that a reader at the other end of a pipe sees it at once. */
-#ifndef CLIENT_OUTPUT_H
-#define CLIENT_OUTPUT_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -35,5 +34,3 @@ struct Source {
     std::string model, serial;  // empty while the device does not know itself yet
 };
 Saying say_published_by(const Source &source, const wire::Message &message); /* the same, with device and causer */
-
-#endif

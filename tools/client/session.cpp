@@ -7,25 +7,23 @@
 
 #include "failure.h"
 
-namespace {
-
-Failure refused(const std::string &what, const std::string &why) {
+static Failure refused(const std::string &what, const std::string &why) {
     return {ExitStatus::refused, "refused: " + what + ": " + why};
 }
 
-Failure unsupported(const std::string &what) { return refused(what, "the device does not know this request"); }
+static Failure unsupported(const std::string &what) { return refused(what, "the device does not know this request"); }
 
-wire::Reply ask_supported(Session &session, const wire::Request &request, const std::string &what) {
+static wire::Reply ask_supported(Session &session, const wire::Request &request, const std::string &what) {
     wire::Reply reply = session_ask(session, request);
     if (reply.status() == wire::STATUS_UNSUPPORTED) throw unsupported(what);
     return reply;
 }
 
-Failure refused_by_data_service(const std::string &what, const std::string &detail) {
+static Failure refused_by_data_service(const std::string &what, const std::string &detail) {
     return refused(what, "the user's rights allow it, but the device's data service " + detail);
 }
 
-Failure refused_read(Session &session, const std::string &key, bool recursive) {
+static Failure refused_read(Session &session, const std::string &key, bool recursive) {
     const std::string what = (recursive ? "read everything below " : "read ") + key;
     if (!session_may(session, operation_read, key, recursive)) {
         return refused(what, "user " + session.account.user + " may not read this" + (recursive ? " recursively" : ""));
@@ -33,7 +31,7 @@ Failure refused_read(Session &session, const std::string &key, bool recursive) {
     return refused_by_data_service(what, "gave no value; there may be no such key");
 }
 
-Failure refused_write_all(Session &session, const std::vector<Assignment> &assignments) {
+static Failure refused_write_all(Session &session, const std::vector<Assignment> &assignments) {
     for (const Assignment &assignment : assignments) {
         if (session_may(session, operation_write, assignment.key, false)) continue;
         return refused("multi-write", "user " + session.account.user + " may not write " + assignment.key +
@@ -42,17 +40,15 @@ Failure refused_write_all(Session &session, const std::vector<Assignment> &assig
     return refused_by_data_service("multi-write", "did not accept it");
 }
 
-bool is_port(int number) { return number > 0 && number <= port_max; }
+static bool is_port(int number) { return number > 0 && number <= port_max; }
 
 /* Fresh sessions are monitored, so that they end with this program however it ends. */
-LoginWishes passing_wishes(const Options &options) {
+static LoginWishes passing_wishes(const Options &options) {
     LoginWishes wishes;
     wishes.monitor = !options.keep;
     wishes.discard_my_feedback = true;
     return wishes;
 }
-
-}  // namespace
 
 Account account_from_options(const Options &options) {
     return {

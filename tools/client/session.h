@@ -3,8 +3,7 @@
  * A session lives in the device under the client id. A second login under the id finds the same session, with the flags
  * of the first. A monitored session ends with its last command connection; any other stays until it logs out.
  * Everything throws a Failure: refused with the key and the reason as far as the wire tells, or not_reachable. */
-#ifndef CLIENT_SESSION_H
-#define CLIENT_SESSION_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -70,5 +69,3 @@ wire::MultiWriteResult session_write_all(Session &session, const std::vector<Ass
 bool session_may(Session &session, uint32_t operation, const std::string &key, bool recursive);
 std::string session_static_discovery(Session &session);
 uint32_t session_change_count(Session &session);
-
-#endif

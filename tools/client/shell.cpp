@@ -9,8 +9,6 @@
 #include "failure.h"
 #include "line_editor.h"
 
-namespace {
-
 using Words = std::vector<std::string>;
 
 struct Shell {
@@ -29,27 +27,26 @@ struct ShellCommand {
     size_t arguments_min, arguments_max;
     void (*run)(Shell &shell, const Words &arguments);
 };
-extern const std::vector<ShellCommand> shell_commands;
 
 /* Where a user finds keys; the first that the user's rights allow to be read recursively comes first. */
-constexpr const char *key_roots[] = {"/", "/Device/Config", "/Device/Audio/Presets/Live"};
+static constexpr const char *key_roots[] = {"/", "/Device/Config", "/Device/Audio/Presets/Live"};
 
-Failure wrong_line(const std::string &problem) { return {ExitStatus::usage, problem + " (try help)"}; }
+static Failure wrong_line(const std::string &problem) { return {ExitStatus::usage, problem + " (try help)"}; }
 
-Session &session_of(Shell &shell) {
+static Session &session_of(Shell &shell) {
     if (shell.session) return *shell.session;
     shell.session = session_enter(shell.options);
     if (shell.watching) session_listen(*shell.session);
     return *shell.session;
 }
 
-void say(const Shell &shell, const Saying &saying) { print_saying(shell.options.json, saying); }
+static void say(const Shell &shell, const Saying &saying) { print_saying(shell.options.json, saying); }
 
-void learn_keys(Shell &shell, const wire::Value &value) {
+static void learn_keys(Shell &shell, const wire::Value &value) {
     for (const wire::Pair &pair : value.entries()) shell.keys.insert(pair.key());
 }
 
-void shell_read(Shell &shell, const Words &arguments) {
+static void shell_read(Shell &shell, const Words &arguments) {
     const bool recursive = arguments.front() == "-r";
     if (arguments.size() != (recursive ? 2 : 1)) throw wrong_line("read takes [-r] KEY");
     require_key(arguments.back());
@@ -59,21 +56,21 @@ void shell_read(Shell &shell, const Words &arguments) {
     say(shell, say_value(value));
 }
 
-void shell_write(Shell &shell, const Words &arguments) {
+static void shell_write(Shell &shell, const Words &arguments) {
     require_key(arguments[0]);
     say(shell, say_write(session_write(session_of(shell), {arguments[0], arguments[1]}, shell.options.type)));
 }
 
-void shell_multi_write(Shell &shell, const Words &arguments) {
+static void shell_multi_write(Shell &shell, const Words &arguments) {
     say(shell, say_write_all(session_write_all(session_of(shell), parse_assignments(arguments))));
 }
 
-void shell_may(Shell &shell, const Words &arguments) {
+static void shell_may(Shell &shell, const Words &arguments) {
     require_key(arguments[0]);
     say(shell, ask_rights(session_of(shell), arguments[0]));
 }
 
-void shell_watch(Shell &shell, const Words &arguments) {
+static void shell_watch(Shell &shell, const Words &arguments) {
     const bool on = arguments[0] == "on";
     if (!on && arguments[0] != "off") throw wrong_line("watch takes on or off");
     shell.watching = on;
@@ -82,18 +79,12 @@ void shell_watch(Shell &shell, const Words &arguments) {
     if (on && !session.events) session_listen(session);
 }
 
-void shell_help(Shell &, const Words &) {
-    for (const ShellCommand &command : shell_commands) {
-        printf("%-12s %-13s %s\n", command.name, command.arguments, command.summary);
-    }
-    printf("Words with spaces go in quotes. Tab completes commands and keys.\n");
-    fflush(stdout);
-}
+static void shell_quit(Shell &shell, const Words &) { shell.ended = true; }
 
-void shell_quit(Shell &shell, const Words &) { shell.ended = true; }
+static void shell_help(Shell &, const Words &);
 
-constexpr size_t any_number = SIZE_MAX;
-const std::vector<ShellCommand> shell_commands = {
+static constexpr size_t any_number = SIZE_MAX;
+static const std::vector<ShellCommand> shell_commands = {
     {"read",        "[-r] KEY",     "Read a key, with -r everything at or below it", 1, 2,          shell_read       },
     {"write",       "KEY VALUE",    "Write a key",                                   2, 2,          shell_write      },
     {"multi-write", "KEY=VALUE...", "Write all of the keys or none",                 1, any_number, shell_multi_write},
@@ -103,7 +94,15 @@ const std::vector<ShellCommand> shell_commands = {
     {"quit",        "",             "Log out and end",                               0, 0,          shell_quit       },
 };
 
-Words split_line(const std::string &line) {
+static void shell_help(Shell &, const Words &) {
+    for (const ShellCommand &command : shell_commands) {
+        printf("%-12s %-13s %s\n", command.name, command.arguments, command.summary);
+    }
+    printf("Words with spaces go in quotes. Tab completes commands and keys.\n");
+    fflush(stdout);
+}
+
+static Words split_line(const std::string &line) {
     g_auto(GStrv) words = nullptr;
     g_autoptr(GError) error = nullptr;
     if (g_shell_parse_argv(line.c_str(), nullptr, &words, &error)) return {words, words + g_strv_length(words)};
@@ -111,7 +110,7 @@ Words split_line(const std::string &line) {
     throw wrong_line(error->message);
 }
 
-void run_line(Shell &shell, const std::string &line) {
+static void run_line(Shell &shell, const std::string &line) {
     if (!g_utf8_validate(line.c_str(), static_cast<gssize>(line.size()), nullptr))
         throw wrong_line("the line is not UTF-8");
     Words words = split_line(line);
@@ -129,7 +128,7 @@ void run_line(Shell &shell, const std::string &line) {
     throw wrong_line("unknown command " + name);
 }
 
-void run_line_and_report(Shell &shell, const std::string &line) {
+static void run_line_and_report(Shell &shell, const std::string &line) {
     try {
         run_line(shell, line);
     } catch (const Failure &failure) {
@@ -141,7 +140,7 @@ void run_line_and_report(Shell &shell, const std::string &line) {
 }
 
 /* The next levels of what begins like `word`: a whole tree of keys would fill screens. */
-Words next_levels(const std::set<std::string> &keys, const std::string &word) {
+static Words next_levels(const std::set<std::string> &keys, const std::string &word) {
     std::set<std::string> levels;
     for (auto key = keys.lower_bound(word); key != keys.end() && key->starts_with(word); ++key) {
         const size_t slash = key->find('/', std::max<size_t>(word.size(), 1));
@@ -150,7 +149,7 @@ Words next_levels(const std::set<std::string> &keys, const std::string &word) {
     return {levels.begin(), levels.end()};
 }
 
-Words complete_line(const Shell &shell, const std::string &line) {
+static Words complete_line(const Shell &shell, const std::string &line) {
     const size_t space = line.find_last_of(' ');
     if (space != std::string::npos) return next_levels(shell.keys, line.substr(space + 1));
     Words names;
@@ -160,7 +159,7 @@ Words complete_line(const Shell &shell, const std::string &line) {
     return names;
 }
 
-void learn_tree(Shell &shell) {
+static void learn_tree(Shell &shell) {
     for (const char *root : key_roots) {
         if (!session_may(*shell.session, operation_read, root, true)) continue;
         try {
@@ -173,7 +172,7 @@ void learn_tree(Shell &shell) {
     }
 }
 
-LineEditorCallbacks callbacks_of(Shell &shell) {
+static LineEditorCallbacks callbacks_of(Shell &shell) {
     LineEditorCallbacks callbacks;
     callbacks.socket = [&shell]() -> void * {
         return shell.session && shell.session->events ? zsock_resolve(shell.session->events.get()) : nullptr;
@@ -185,8 +184,6 @@ LineEditorCallbacks callbacks_of(Shell &shell) {
     callbacks.complete = [&shell](const std::string &line) { return complete_line(shell, line); };
     return callbacks;
 }
-
-}  // namespace
 
 int run_shell(const Options &options) {
     Shell shell{options, {}, false, false, ExitStatus::fine, {}};

@@ -9,15 +9,13 @@
 #include "failure.h"
 #include "output.h"
 
-namespace {
-
-constexpr gint64 us_per_ms = 1000;
-constexpr gint64 ask_every_us = 5000 * us_per_ms;
+static constexpr gint64 us_per_ms = 1000;
+static constexpr gint64 ask_every_us = 5000 * us_per_ms;
 
 /* Of the static discovery text. */
-constexpr size_t static_field_count = 8, static_model = 0, static_serial = 6;
+static constexpr size_t static_field_count = 8, static_model = 0, static_serial = 6;
 
-Source source_of(Session &session) {
+static Source source_of(Session &session) {
     Source source{session.account.login.address, "", ""};
     const std::vector<std::string> fields = split_discovery_text(session_static_discovery(session));
     if (fields.size() != static_field_count) return source;
@@ -26,7 +24,7 @@ Source source_of(Session &session) {
     return source;
 }
 
-void watch_events(Session &session, const Options &options) {
+static void watch_events(Session &session, const Options &options) {
     const gint64 begin_us = g_get_monotonic_time();
     const gint64 end_us = options.for_ms > 0 ? begin_us + options.for_ms * us_per_ms : G_MAXINT64;
     gint64 ask_us = begin_us;
@@ -46,8 +44,6 @@ void watch_events(Session &session, const Options &options) {
         ++shown_count;
     }
 }
-
-}  // namespace
 
 int run_watch(const Options &options) {
     with_session(options, [&](Session &session) {

@@ -8,8 +8,6 @@
 
 #include "failure.h"
 
-namespace {
-
 struct FrameRelease {
     void operator()(zframe_t *frame) const { zframe_destroy(&frame); }
 };
@@ -25,7 +23,7 @@ struct AddressRelease {
 };
 using AddressList = std::unique_ptr<addrinfo, AddressRelease>;
 
-Socket connect_socket(int type, const Endpoint &endpoint) {
+static Socket connect_socket(int type, const Endpoint &endpoint) {
     Socket socket(zsock_new(type));
     zsock_set_linger(socket.get(), 0);
     if (zsock_connect(socket.get(), "tcp://%s:%d", endpoint.address.c_str(), endpoint.port) != 0) {
@@ -35,16 +33,16 @@ Socket connect_socket(int type, const Endpoint &endpoint) {
     return socket;
 }
 
-bool wait_readable(const Socket &socket, int timeout_ms) {
+static bool wait_readable(const Socket &socket, int timeout_ms) {
     zmq_pollitem_t item = {zsock_resolve(socket.get()), 0, ZMQ_POLLIN, 0};
     return zmq_poll(&item, 1, timeout_ms) == 1;
 }
 
-Frame receive_frame(const Socket &socket, int timeout_ms) {
+static Frame receive_frame(const Socket &socket, int timeout_ms) {
     return wait_readable(socket, timeout_ms) ? Frame(zframe_recv(socket.get())) : nullptr;
 }
 
-bool send_frames(const Socket &socket, const std::vector<std::string> &frames) {
+static bool send_frames(const Socket &socket, const std::vector<std::string> &frames) {
     for (size_t i = 0; i < frames.size(); ++i) {
         zframe_t *frame = zframe_new(frames[i].data(), frames[i].size());
         const int more = i + 1 < frames.size() ? ZFRAME_MORE : 0;
@@ -55,14 +53,12 @@ bool send_frames(const Socket &socket, const std::vector<std::string> &frames) {
     return true;
 }
 
-Failure no_answer(const Endpoint &endpoint, int timeout_ms) {
+static Failure no_answer(const Endpoint &endpoint, int timeout_ms) {
     if (zsys_interrupted) return {ExitStatus::interrupted, "interrupted"};
     g_autofree char *sentence = g_strdup_printf("not reachable: no answer from %s within %g s",
                                                 endpoint_text(endpoint).c_str(), timeout_ms / 1000.0);
     return {ExitStatus::not_reachable, sentence};
 }
-
-}  // namespace
 
 std::string endpoint_text(const Endpoint &endpoint) { return endpoint.address + ":" + std::to_string(endpoint.port); }
 

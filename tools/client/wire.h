@@ -2,8 +2,7 @@
  *
  * One thread. Everything that waits is bounded by a time-out in milliseconds. Failures are thrown (failure.h):
  * not_reachable when nothing answers in time, refused when the answer is none, interrupted after Ctrl-C. */
-#ifndef CLIENT_WIRE_H
-#define CLIENT_WIRE_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -60,5 +59,3 @@ std::string request_frame(const wire::Request &request);
 /* Waits for what the service publishes: an Event, or the Reply to another client's write. None after the time-out,
  * after Ctrl-C (zsys_interrupted), and for a frame that is not a message. */
 std::optional<wire::Message> receive_published(const Socket &events, int timeout_ms);
-
-#endif

@@ -5,21 +5,19 @@
 #include <cstdio>
 #include <iterator>
 
-namespace {
+static constexpr const char *access_name = "com.quillmont.kesto.Access";
+static constexpr const char *access_path = "/com/quillmont/kesto/Access";
+static constexpr const char *access_interface = "com.quillmont.kesto.Access.Service";
 
-constexpr const char *access_name = "com.quillmont.kesto.Access";
-constexpr const char *access_path = "/com/quillmont/kesto/Access";
-constexpr const char *access_interface = "com.quillmont.kesto.Access.Service";
-
-constexpr int alarm_code = 40;
-constexpr double alarm_low = 80, alarm_high = 95;  // degrees Celsius at a channel's output stage
-constexpr int channel_count = 8;
+static constexpr int alarm_code = 40;
+static constexpr double alarm_low = 80, alarm_high = 95;  // degrees Celsius at a channel's output stage
+static constexpr int channel_count = 8;
 
 struct Measurement {
     const char *key;
     double low, high;
 };
-constexpr Measurement measurements[] = {
+static constexpr Measurement measurements[] = {
     {"/Device/Status/Temperature/HeatSink",           38,  72 }, // degrees Celsius
     {"/Device/Status/Channels/Channel-0/OutputLevel", -60, 0  }, // dB below full scale
     {"/Device/Status/Channels/Channel-1/OutputLevel", -60, 0  },
@@ -32,9 +30,9 @@ constexpr Measurement measurements[] = {
 };
 
 /* In steps of a half, which a double holds exactly and prints as short as it is. */
-double next_value(double low, double high) { return std::round(g_random_double_range(low, high) * 2) / 2; }
+static double next_value(double low, double high) { return std::round(g_random_double_range(low, high) * 2) / 2; }
 
-gboolean raise_alarm(void *argument) {
+static gboolean raise_alarm(void *argument) {
     static int channel = 0;
     activity_tell(*static_cast<Device *>(argument), alarm_raised,
                   g_variant_new("(idi)", alarm_code, next_value(alarm_low, alarm_high), channel));
@@ -43,7 +41,7 @@ gboolean raise_alarm(void *argument) {
 }
 
 /* A measured value goes into the tree only: the file is for what somebody has set. */
-gboolean change_value(void *argument) {
+static gboolean change_value(void *argument) {
     static size_t next = 0;
     Device &device = *static_cast<Device *>(argument);
     const Measurement &row = measurements[next];
@@ -57,11 +55,9 @@ gboolean change_value(void *argument) {
     return G_SOURCE_CONTINUE;
 }
 
-void repeat(double every_s, GSourceFunc action, Device &device) {
+static void repeat(double every_s, GSourceFunc action, Device &device) {
     if (every_s > 0) g_timeout_add(static_cast<guint>(std::lround(every_s * 1000)), action, &device);
 }
-
-}  // namespace
 
 void activity_tell(Device &device, const AccessCall &call, GVariant *arguments) {
     g_autoptr(GVariant) held = g_variant_ref_sink(arguments);

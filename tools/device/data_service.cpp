@@ -8,19 +8,17 @@
 #include <sysexits.h>
 #include <unistd.h>
 
-namespace {
+static constexpr const char *error_failed = "com.quillmont.kesto.Data.Error.Failed";
+static constexpr const char *error_no_such_key = "com.quillmont.kesto.Data.Error.NoSuchKey";
+static constexpr guint32 read_flag_single = 0x2000;  // clear: everything at or below the key
 
-constexpr const char *error_failed = "com.quillmont.kesto.Data.Error.Failed";
-constexpr const char *error_no_such_key = "com.quillmont.kesto.Data.Error.NoSuchKey";
-constexpr guint32 read_flag_single = 0x2000;  // clear: everything at or below the key
-
-GDBusMessage *reply_with(GDBusMessage *call, GVariant *body) {
+static GDBusMessage *reply_with(GDBusMessage *call, GVariant *body) {
     GDBusMessage *reply = g_dbus_message_new_method_reply(call);
     g_dbus_message_set_body(reply, body);
     return reply;
 }
 
-const char *text_of(WriteResult result) {
+static const char *text_of(WriteResult result) {
     switch (result) {
         case write_ok: return "OK";
         case write_no_such_key: return "NO SUCH KEY";
@@ -30,13 +28,13 @@ const char *text_of(WriteResult result) {
     return "REFUSED";
 }
 
-GVariant *read_value(const Device &device, guint32 flags, const std::string &key) {
+static GVariant *read_value(const Device &device, guint32 flags, const std::string &key) {
     if ((flags & read_flag_single) == 0) return tree_read_below(device.tree, key);
     const auto found = device.tree.find(key);
     return found == device.tree.end() ? nullptr : g_variant_new_string(found->second.c_str());
 }
 
-GDBusMessage *perform_read(Device &device, GDBusMessage *call, GVariant *arguments) {
+static GDBusMessage *perform_read(Device &device, GDBusMessage *call, GVariant *arguments) {
     guint32 flags = 0;
     const char *key = nullptr;
     g_variant_get(arguments, "(u&s)", &flags, &key);
@@ -46,14 +44,14 @@ GDBusMessage *perform_read(Device &device, GDBusMessage *call, GVariant *argumen
 }
 
 /* Of one "(iss)". The type is a set of bits, whatever its sign. */
-WriteRequest write_request(GVariant *pair) {
+static WriteRequest write_request(GVariant *pair) {
     gint32 type = 0;
     const char *key = nullptr, *value = nullptr;
     g_variant_get(pair, "(i&s&s)", &type, &key, &value);
     return {static_cast<guint32>(type), key, value};
 }
 
-std::vector<WriteRequest> write_requests(GVariant *arguments) {
+static std::vector<WriteRequest> write_requests(GVariant *arguments) {
     if (g_variant_is_of_type(arguments, G_VARIANT_TYPE("(iss)"))) return {write_request(arguments)};
     std::vector<WriteRequest> requests;
     g_autoptr(GVariant) pairs = g_variant_get_child_value(arguments, 0);
@@ -64,11 +62,11 @@ std::vector<WriteRequest> write_requests(GVariant *arguments) {
     return requests;
 }
 
-GDBusMessage *perform_write(Device &device, GDBusMessage *call, GVariant *arguments) {
+static GDBusMessage *perform_write(Device &device, GDBusMessage *call, GVariant *arguments) {
     return reply_with(call, g_variant_new("(i)", data_service_write(device, write_requests(arguments)).front()));
 }
 
-GDBusMessage *perform_multi_write(Device &device, GDBusMessage *call, GVariant *arguments) {
+static GDBusMessage *perform_multi_write(Device &device, GDBusMessage *call, GVariant *arguments) {
     g_auto(GVariantBuilder) texts = G_VARIANT_BUILDER_INIT(G_VARIANT_TYPE("as"));
     for (const WriteResult result : data_service_write(device, write_requests(arguments)))
         g_variant_builder_add(&texts, "s", text_of(result));
@@ -81,19 +79,19 @@ struct MethodRow {
     GDBusMessage *(*perform)(Device &, GDBusMessage *call, GVariant *arguments);  // the reply, the caller's
     const char *wrong_type;                                                       // a body as GVariant text
 };
-constexpr MethodRow methods[] = {
+static constexpr MethodRow methods[] = {
     {"Read",       DataMethod::read,        perform_read,        "(<int32 7>,)"},
     {"Write",      DataMethod::write,       perform_write,       "(uint32 0,)" },
     {"MultiWrite", DataMethod::multi_write, perform_multi_write, "('OK',)"     },
 };
 
-const MethodRow *find_method(const char *name) {
+static const MethodRow *find_method(const char *name) {
     for (const MethodRow &row : methods)
         if (strcmp(name, row.name) == 0) return &row;
     return nullptr;  // not reached: GDBus lets only the introspected ones through
 }
 
-std::vector<std::string> keys_of(DataMethod method, GVariant *arguments) {
+static std::vector<std::string> keys_of(DataMethod method, GVariant *arguments) {
     if (method == DataMethod::read) {
         const char *key = nullptr;
         g_variant_get_child(arguments, 1, "&s", &key);
@@ -105,8 +103,8 @@ std::vector<std::string> keys_of(DataMethod method, GVariant *arguments) {
 }
 
 /* The reply that a faulty call gets; nothing for one that is never answered. */
-GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, FaultKind kind, GDBusMessage *call,
-                                 GVariant *arguments) {
+static GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, FaultKind kind, GDBusMessage *call,
+                                        GVariant *arguments) {
     switch (kind) {
         case FaultKind::never: return nullptr;
         case FaultKind::error: return g_dbus_message_new_method_error_literal(call, error_failed, "simulated fault");
@@ -128,13 +126,13 @@ struct LateReply {
     GDBusMessage *reply;
 };
 
-gboolean send_late_reply(void *argument) {
+static gboolean send_late_reply(void *argument) {
     const auto *late = static_cast<LateReply *>(argument);
     g_dbus_connection_send_message(late->connection, late->reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     return G_SOURCE_REMOVE;
 }
 
-void free_late_reply(void *argument) {
+static void free_late_reply(void *argument) {
     auto *late = static_cast<LateReply *>(argument);
     g_object_unref(late->reply);
     g_object_unref(late->connection);
@@ -142,7 +140,7 @@ void free_late_reply(void *argument) {
 }
 
 /* Failures are left alone: the bus is gone then, nobody waits for the reply, and its loss ends the main loop. */
-void send_reply(GDBusConnection *connection, GDBusMessage *reply, guint late_ms) {
+static void send_reply(GDBusConnection *connection, GDBusMessage *reply, guint late_ms) {
     if (late_ms == 0) {
         g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
         return;
@@ -150,8 +148,6 @@ void send_reply(GDBusConnection *connection, GDBusMessage *reply, guint late_ms)
     auto *late = new LateReply{g_object_ref(connection), g_object_ref(reply)};
     g_timeout_add_full(G_PRIORITY_DEFAULT, late_ms, send_late_reply, late, free_late_reply);
 }
-
-}  // namespace
 
 void data_service_called(GDBusConnection *connection, const char *, const char *, const char *, const char *method,
                          GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {

@@ -15,17 +15,15 @@ const char *const fault_syntax =
     "  none     takes the fault away; without KEY all of that METHOD\n"
     "A fault for a key goes before one for all keys; the last one set for the same METHOD and KEY counts.";
 
-namespace {
-
-constexpr guint64 late_max_ms = 600000;
-constexpr const char *late_prefix = "late:";
-constexpr const char *none = "none";
+static constexpr guint64 late_max_ms = 600000;
+static constexpr const char *late_prefix = "late:";
+static constexpr const char *none = "none";
 
 struct MethodName {
     const char *text;
     DataMethod method;
 };
-constexpr MethodName method_names[] = {
+static constexpr MethodName method_names[] = {
     {"read",        DataMethod::read       },
     {"write",       DataMethod::write      },
     {"multi-write", DataMethod::multi_write},
@@ -35,7 +33,7 @@ struct KindName {
     const char *text;
     FaultKind kind;
 };
-constexpr KindName kind_names[] = {
+static constexpr KindName kind_names[] = {
     {"never",  FaultKind::never },
     {"error",  FaultKind::error },
     {"type",   FaultKind::type  },
@@ -44,13 +42,13 @@ constexpr KindName kind_names[] = {
     {"die",    FaultKind::die   },
 };
 
-std::optional<DataMethod> parse_method(const std::string &text) {
+static std::optional<DataMethod> parse_method(const std::string &text) {
     for (const MethodName &row : method_names)
         if (text == row.text) return row.method;
     return std::nullopt;
 }
 
-bool parse_kind(const std::string &text, Fault &fault) {
+static bool parse_kind(const std::string &text, Fault &fault) {
     if (text.starts_with(late_prefix)) {
         guint64 late_ms = 0;
         const std::string number = text.substr(std::string(late_prefix).size());
@@ -67,11 +65,9 @@ bool parse_kind(const std::string &text, Fault &fault) {
     return false;
 }
 
-void forget(Faults &faults, DataMethod method, const std::string &key, bool all_keys) {
+static void forget(Faults &faults, DataMethod method, const std::string &key, bool all_keys) {
     std::erase_if(faults, [&](const Fault &fault) { return fault.method == method && (all_keys || fault.key == key); });
 }
-
-}  // namespace
 
 std::string faults_apply(Faults &faults, const std::string &text) {
     const std::string wrong = "fault \"" + text + "\": ";

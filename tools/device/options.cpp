@@ -8,14 +8,12 @@
 #include "activity.h"
 #include "faults.h"
 
-namespace {
-
-constexpr const char *summary =
+static constexpr const char *summary =
     "The data and audio services of an amplifier, simulated: com.quillmont.kesto.Data and com.quillmont.kesto.Audio\n"
     "on the session bus. Prints one line when it serves, then one for each client that comes or goes and for each\n"
     "alarm and change of its own.";
 
-constexpr const char *notes =
+static constexpr const char *notes =
     "Write gives 0, -1 for a key that the device does not have, -3 when the store cannot be written; MultiWrite gives\n"
     "\"OK\", \"NO SUCH KEY\" or \"NOT STORED\". A write of type bit 0x1000 is a lock and changes nothing.\n"
     "The store is a text file, [Values] and lines KEY=VALUE; keys in it that the device lacks are added.\n"
@@ -32,14 +30,12 @@ constexpr const char *notes =
     "Ends with 0 on SIGINT or SIGTERM; 64 for a wrong command line, 65 for a store that cannot be read or made,\n"
     "69 when there is no bus, a name is taken or the bus goes away, 70 by the fault \"die\".\n";
 
-bool complain(const std::string &what) {
+static bool complain(const std::string &what) {
     fprintf(stderr, "kesto-device: %s (see kesto-device --help)\n", what.c_str());
     return false;
 }
 
-bool is_period(double seconds) { return seconds == 0 || (seconds >= period_min_s && seconds <= period_max_s); }
-
-}  // namespace
+static bool is_period(double seconds) { return seconds == 0 || (seconds >= period_min_s && seconds <= period_max_s); }
 
 bool options_read(int argc, char **argv, Options &options) {
     g_autofree char *store = nullptr;

@@ -7,9 +7,7 @@
 #include "activity.h"
 #include "data_service.h"
 
-namespace {
-
-constexpr const char *introspection = R"(
+static constexpr const char *introspection = R"(
 <node>
   <interface name='com.quillmont.kesto.Data.Service'>
     <method name='Read'>
@@ -52,7 +50,7 @@ constexpr const char *introspection = R"(
 struct AudioMethod {
     const char *name, *label;
 };
-constexpr AudioMethod audio_methods[] = {
+static constexpr AudioMethod audio_methods[] = {
     {"ClientAuthenticated",   "client authenticated"},
     {"ClientDeauthenticated", "client gone"         },
 };
@@ -61,7 +59,7 @@ struct ControlMethod {
     const char *name;
     const AccessCall &call;
 };
-constexpr ControlMethod control_methods[] = {
+static constexpr ControlMethod control_methods[] = {
     {"Alarm",             alarm_raised         },
     {"Change",            value_changed        },
     {"LoadSnapshot",      snapshot_loaded      },
@@ -69,14 +67,14 @@ constexpr ControlMethod control_methods[] = {
 };
 
 /* One line whatever the text holds: ids come from the network. Letters beyond ASCII stay readable. */
-char *on_one_line(const char *text) {
+static char *on_one_line(const char *text) {
     char readable[130] = "\"";
     for (int byte = 0x80; byte <= 0xff; byte++) readable[byte - 0x7f] = static_cast<char>(byte);
     return g_strescape(text, readable);
 }
 
-void audio_service_called(GDBusConnection *, const char *, const char *, const char *, const char *method,
-                          GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {
+static void audio_service_called(GDBusConnection *, const char *, const char *, const char *, const char *method,
+                                 GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {
     device_trace(*static_cast<Device *>(argument), method, arguments);
     const char *id = nullptr;
     g_variant_get(arguments, "(&s)", &id);
@@ -86,7 +84,7 @@ void audio_service_called(GDBusConnection *, const char *, const char *, const c
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
-void set_fault(Device &device, GVariant *arguments, GDBusMethodInvocation *invocation) {
+static void set_fault(Device &device, GVariant *arguments, GDBusMethodInvocation *invocation) {
     const char *text = nullptr;
     g_variant_get(arguments, "(&s)", &text);
     const std::string wrong = faults_apply(device.faults, text);
@@ -97,15 +95,15 @@ void set_fault(Device &device, GVariant *arguments, GDBusMethodInvocation *invoc
 }
 
 /* A change of a key that the device has is kept like a write; another one is only reported. */
-bool keep_change(Device &device, GVariant *arguments) {
+static bool keep_change(Device &device, GVariant *arguments) {
     const char *key = nullptr, *value = nullptr, *type = nullptr;
     g_variant_get(arguments, "(&s&s&s)", &key, &value, &type);
     const WriteRequest request = {0, key, value};
     return data_service_write(device, {request}).front() != write_not_stored;
 }
 
-void control_called(GDBusConnection *, const char *, const char *, const char *, const char *method,
-                    GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {
+static void control_called(GDBusConnection *, const char *, const char *, const char *, const char *method,
+                           GVariant *arguments, GDBusMethodInvocation *invocation, void *argument) {
     Device &device = *static_cast<Device *>(argument);
     if (strcmp(method, "Fault") == 0) {
         set_fault(device, arguments, invocation);
@@ -125,26 +123,26 @@ struct ExportedObject {
     const char *path, *interface_name;
     GDBusInterfaceVTable calls;
 };
-constexpr ExportedObject objects[] = {
+static constexpr ExportedObject objects[] = {
     {"/com/quillmont/kesto/Data",   "com.quillmont.kesto.Data.Service",   {data_service_called, nullptr, nullptr, {}} },
     {"/com/quillmont/kesto/Audio",  "com.quillmont.kesto.Audio.Service",  {audio_service_called, nullptr, nullptr, {}}},
     {"/com/quillmont/kesto/Device", "com.quillmont.kesto.Device.Control", {control_called, nullptr, nullptr, {}}      },
 };
-constexpr const char *bus_names[] = {"com.quillmont.kesto.Data", "com.quillmont.kesto.Audio"};
+static constexpr const char *bus_names[] = {"com.quillmont.kesto.Data", "com.quillmont.kesto.Audio"};
 
-bool complain(const char *what, const GError *error) {
+static bool complain(const char *what, const GError *error) {
     fprintf(stderr, "kesto-device: %s: %s\n", what, error->message);
     return false;
 }
 
-void bus_closed(GDBusConnection *, gboolean, GError *, void *argument) {
+static void bus_closed(GDBusConnection *, gboolean, GError *, void *argument) {
     Device &device = *static_cast<Device *>(argument);
     fprintf(stderr, "kesto-device: the bus is gone\n");
     device.exit_status = EX_UNAVAILABLE;
     g_main_loop_quit(device.loop);
 }
 
-bool connect_to_bus(Device &device) {
+static bool connect_to_bus(Device &device) {
     g_autoptr(GError) error = nullptr;
     device.connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
     if (!device.connection) return complain("no session bus", error);
@@ -153,7 +151,7 @@ bool connect_to_bus(Device &device) {
     return true;
 }
 
-bool export_objects(Device &device) {
+static bool export_objects(Device &device) {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(introspection, &error);
     if (!node) return complain("introspection", error);
@@ -166,7 +164,7 @@ bool export_objects(Device &device) {
     return true;
 }
 
-bool take_name(Device &device, const char *name) {
+static bool take_name(Device &device, const char *name) {
     constexpr guint32 do_not_queue = 4, is_ours = 1;
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
@@ -178,8 +176,6 @@ bool take_name(Device &device, const char *name) {
     if (owner != is_ours) fprintf(stderr, "kesto-device: the bus name %s is taken\n", name);
     return owner == is_ours;
 }
-
-}  // namespace
 
 void device_trace(const Device &device, const char *method, GVariant *arguments) {
     if (!device.trace) return;

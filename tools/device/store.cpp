@@ -2,24 +2,22 @@
 
 #include <cstdio>
 
-namespace {
+static constexpr const char *group = "Values";
+static constexpr const char *empty_store = "[Values]\n";
+static constexpr int file_mode = 0600;  // passwords stand in it
 
-constexpr const char *group = "Values";
-constexpr const char *empty_store = "[Values]\n";
-constexpr int file_mode = 0600;  // passwords stand in it
-
-bool complain(const Store &store, const char *what, const char *reason) {
+static bool complain(const Store &store, const char *what, const char *reason) {
     fprintf(stderr, "kesto-device: %s %s: %s\n", what, store.path.c_str(), reason);
     return false;
 }
 
-bool parse(Store &store, GError **error) {
+static bool parse(Store &store, GError **error) {
     store_close(store);
     store.kept = g_key_file_new();
     return g_key_file_load_from_data(store.kept, store.text.data(), store.text.size(), G_KEY_FILE_KEEP_COMMENTS, error);
 }
 
-bool replace_file(const Store &store, const std::string &text) {
+static bool replace_file(const Store &store, const std::string &text) {
     g_autoptr(GError) error = nullptr;
     if (g_file_set_contents_full(store.path.c_str(), text.data(), static_cast<gssize>(text.size()),
                                  G_FILE_SET_CONTENTS_CONSISTENT, file_mode, &error))
@@ -27,7 +25,7 @@ bool replace_file(const Store &store, const std::string &text) {
     return complain(store, "cannot write", error->message);
 }
 
-bool read_file(Store &store) {
+static bool read_file(Store &store) {
     g_autofree char *text = nullptr;
     gsize length_bytes = 0;
     g_autoptr(GError) error = nullptr;
@@ -44,7 +42,7 @@ bool read_file(Store &store) {
 }
 
 /* The values that the file keeps, each read before the first is used. */
-bool read_values(const Store &store, std::vector<Change> &values) {
+static bool read_values(const Store &store, std::vector<Change> &values) {
     g_autoptr(GError) error = nullptr;
     g_auto(GStrv) keys = g_key_file_get_keys(store.kept, group, nullptr, &error);
     if (!keys) return complain(store, "broken store", error->message);
@@ -56,8 +54,6 @@ bool read_values(const Store &store, std::vector<Change> &values) {
     }
     return true;
 }
-
-}  // namespace
 
 bool store_open(Store &store, const std::string &path, Tree &tree) {
     store.path = path;

@@ -1,16 +1,14 @@
 /* The tree is spelled out as two tables, one for the keys that exist once and one for those of every channel. */
 #include "tree.h"
 
-namespace {
-
-constexpr char first_channel = '0', last_channel = '7';
-constexpr char channel_mark = '#';  // in a channel's value: its number as people count, from 1
+static constexpr char first_channel = '0', last_channel = '7';
+static constexpr char channel_mark = '#';  // in a channel's value: its number as people count, from 1
 
 struct KeyValue {
     const char *key, *value;
 };
 
-constexpr KeyValue device_keys[] = {
+static constexpr KeyValue device_keys[] = {
     {"/Device/Config/Hardware/Model/Family",             "KX"                 },
     {"/Device/Config/Hardware/Model/Mac",                "02:51:4d:10:27:a4"  },
     {"/Device/Config/Hardware/Model/Manufacturer",       "Quillmont"          },
@@ -57,15 +55,15 @@ constexpr KeyValue device_keys[] = {
     {"/Device/Status/Uptime",                            "0"                  },
 };
 
-constexpr const char *live_input = "/Device/Audio/Presets/Live/PreOutputProcess/Channels/Channel-";
-constexpr const char *live_output = "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-";
-constexpr const char *status = "/Device/Status/Channels/Channel-";
+static constexpr const char *live_input = "/Device/Audio/Presets/Live/PreOutputProcess/Channels/Channel-";
+static constexpr const char *live_output = "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-";
+static constexpr const char *status = "/Device/Status/Channels/Channel-";
 
 struct ChannelKey {
     const char *before, *after, *value;  // the channel's digit stands between the first two
 };
 
-constexpr ChannelKey channel_keys[] = {
+static constexpr ChannelKey channel_keys[] = {
     {live_input,  "/Gain",              "0.0"                                             },
     {live_input,  "/Mute",              "0"                                               },
     {live_input,  "/Delay",             "0.000"                                           },
@@ -96,18 +94,16 @@ constexpr ChannelKey channel_keys[] = {
     {status,      "/Protect",           "0"                                               },
 };
 
-std::string value_for(const ChannelKey &row, char channel) {
+static std::string value_for(const ChannelKey &row, char channel) {
     std::string value = row.value;
     const size_t mark = value.find(channel_mark);
     if (mark != std::string::npos) value[mark] = static_cast<char>(channel + 1);
     return value;
 }
 
-void add_entry(GVariantBuilder *entries, const Tree::value_type &entry) {
+static void add_entry(GVariantBuilder *entries, const Tree::value_type &entry) {
     g_variant_builder_add(entries, "{ss}", entry.first.c_str(), entry.second.c_str());
 }
-
-}  // namespace
 
 Tree tree_of_device() {
     Tree tree;
