@@ -13,7 +13,7 @@
 #include <gio/gio.h>
 
 #include "failure.h"
-#include "key_pair.h"
+#include "owned.h"
 
 static constexpr guint16 discovery_port = 8004;
 static constexpr char separator = '\x1c';
@@ -24,15 +24,11 @@ static constexpr gint64 us_per_ms = 1000;
 static constexpr const char *loopback_address = "127.0.0.1", *loopback_broadcast = "127.255.255.255",
                             *limited_broadcast = "255.255.255.255";
 
-struct InterfacesRelease {
-    void operator()(ifaddrs *list) const { freeifaddrs(list); }
-};
-
 static std::set<std::string> broadcast_addresses() {
     std::set<std::string> addresses = {loopback_broadcast, limited_broadcast};
     ifaddrs *found = nullptr;
     if (getifaddrs(&found) != 0) return addresses;
-    const std::unique_ptr<ifaddrs, InterfacesRelease> list(found);
+    const std::unique_ptr<ifaddrs, ByPointer<freeifaddrs>> list(found);
     for (const ifaddrs *i = list.get(); i != nullptr; i = i->ifa_next) {
         const bool usable = (i->ifa_flags & IFF_BROADCAST) != 0 && (i->ifa_flags & IFF_UP) != 0;
         if (!usable || i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET || i->ifa_broadaddr == nullptr)

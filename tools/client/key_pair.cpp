@@ -11,12 +11,6 @@
 
 static constexpr unsigned key_bits = 2048;
 
-struct BioRelease {
-    void operator()(BIO *bio) const { BIO_free(bio); }
-};
-struct ContextRelease {
-    void operator()(EVP_PKEY_CTX *context) const { EVP_PKEY_CTX_free(context); }
-};
 using Bytes = std::vector<unsigned char>;
 
 static std::optional<Bytes> bytes_of_hex(const std::string &hex) {
@@ -37,7 +31,7 @@ KeyPair key_pair_new() {
 }
 
 std::string key_pair_public_pem(const KeyPair &pair) {
-    const std::unique_ptr<BIO, BioRelease> memory(BIO_new(BIO_s_mem()));
+    const std::unique_ptr<BIO, ByPointer<BIO_free>> memory(BIO_new(BIO_s_mem()));
     PEM_write_bio_PUBKEY(memory.get(), pair.get());
     std::string pem(BIO_ctrl_pending(memory.get()), '\0');
     BIO_read(memory.get(), pem.data(), static_cast<int>(pem.size()));
@@ -47,7 +41,7 @@ std::string key_pair_public_pem(const KeyPair &pair) {
 std::optional<std::string> key_pair_unwrap(const KeyPair &pair, const std::string &hex) {
     const std::optional<Bytes> wrapped = bytes_of_hex(hex);
     if (!wrapped) return std::nullopt;
-    const std::unique_ptr<EVP_PKEY_CTX, ContextRelease> context(EVP_PKEY_CTX_new(pair.get(), nullptr));
+    const std::unique_ptr<EVP_PKEY_CTX, ByPointer<EVP_PKEY_CTX_free>> context(EVP_PKEY_CTX_new(pair.get(), nullptr));
     if (!context || EVP_PKEY_decrypt_init(context.get()) <= 0) return std::nullopt;
     if (EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) <= 0) return std::nullopt;
     Bytes text(static_cast<size_t>(EVP_PKEY_get_size(pair.get())));

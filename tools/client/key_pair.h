@@ -8,13 +8,12 @@
 
 #include <openssl/evp.h>
 
+#include "owned.h"
+
 /* What a device of this make wraps. */
 constexpr std::string_view shared_key = "7D2E5A91C04BF368";
 
-struct KeyRelease {
-    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
-};
-using KeyPair = std::unique_ptr<EVP_PKEY, KeyRelease>;
+using KeyPair = std::unique_ptr<EVP_PKEY, ByPointer<EVP_PKEY_free>>;
 
 KeyPair key_pair_new(); /* RSA of 2048 bits; lives in memory only; takes some 100 ms */
 std::string key_pair_public_pem(const KeyPair &pair);

@@ -9,19 +9,12 @@
 
 #include <czmq.h>
 
-struct EditLineRelease {
-    void operator()(EditLine *line) const { el_end(line); }
-};
-struct HistoryRelease {
-    void operator()(History *history) const { history_end(history); }
-};
-
 struct LineEditor {
     const char *prompt;
     LineEditorCallbacks callbacks;
-    std::unique_ptr<History, HistoryRelease> history;
-    std::unique_ptr<EditLine, EditLineRelease> line;  // none: standard input is no terminal
-    std::string received;                             // without a terminal: what is not yet a line
+    std::unique_ptr<History, ByPointer<history_end>> history;
+    std::unique_ptr<EditLine, ByPointer<el_end>> line;  // none: standard input is no terminal
+    std::string received;                               // without a terminal: what is not yet a line
 };
 
 static constexpr int history_lines = 500;
@@ -152,7 +145,7 @@ static std::optional<std::string> read_plain_line(LineEditor &editor) {
     }
 }
 
-void LineEditorRelease::operator()(LineEditor *editor) const { delete editor; }
+void line_editor_free(LineEditor *editor) { delete editor; }
 
 LineEditorOwner line_editor_new(const char *prompt, LineEditorCallbacks callbacks) {
     LineEditorOwner editor(new LineEditor{prompt, std::move(callbacks), nullptr, nullptr, {}});

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "owned.h"
+
 struct LineEditorCallbacks {
     std::function<void *()> socket;  // the libzmq socket to serve, asked for before each wait; may be null
     std::function<void()> serve;     // it is readable; what this prints stands above the line being typed
@@ -16,10 +18,8 @@ struct LineEditorCallbacks {
 };
 
 struct LineEditor;
-struct LineEditorRelease {
-    void operator()(LineEditor *editor) const;
-};
-using LineEditorOwner = std::unique_ptr<LineEditor, LineEditorRelease>;
+void line_editor_free(LineEditor *editor);
+using LineEditorOwner = std::unique_ptr<LineEditor, ByPointer<line_editor_free>>;
 
 LineEditorOwner line_editor_new(const char *prompt, LineEditorCallbacks callbacks);
 bool line_editor_is_interactive(const LineEditor &editor);

@@ -14,6 +14,7 @@
 #include <gio/gio.h>
 
 #include "failure.h"
+#include "owned.h"
 #include "wire.h"
 
 using Words = std::vector<std::string>;
@@ -75,10 +76,7 @@ static const GOptionEntry command_entries[] = {
     {          },
 };
 
-struct OptionContextRelease {
-    void operator()(GOptionContext *context) const { g_option_context_free(context); }
-};
-using Context = std::unique_ptr<GOptionContext, OptionContextRelease>;
+using Context = std::unique_ptr<GOptionContext, ByPointer<g_option_context_free>>;
 
 static Failure wrong_usage(const std::string &problem) {
     return {ExitStatus::usage, "wrong usage: " + problem + " (see kesto-client --help)"};

@@ -8,20 +8,9 @@
 
 #include "failure.h"
 
-struct FrameRelease {
-    void operator()(zframe_t *frame) const { zframe_destroy(&frame); }
-};
-using Frame = std::unique_ptr<zframe_t, FrameRelease>;
-
-struct MessageRelease {
-    void operator()(zmsg_t *message) const { zmsg_destroy(&message); }
-};
-using FrameList = std::unique_ptr<zmsg_t, MessageRelease>;
-
-struct AddressRelease {
-    void operator()(addrinfo *list) const { freeaddrinfo(list); }
-};
-using AddressList = std::unique_ptr<addrinfo, AddressRelease>;
+using Frame = std::unique_ptr<zframe_t, ByAddress<zframe_destroy>>;
+using FrameList = std::unique_ptr<zmsg_t, ByAddress<zmsg_destroy>>;
+using AddressList = std::unique_ptr<addrinfo, ByPointer<freeaddrinfo>>;
 
 static Socket connect_socket(int type, const Endpoint &endpoint) {
     Socket socket(zsock_new(type));

@@ -13,6 +13,7 @@
 #include <czmq.h>
 
 #include "access.pb.h"
+#include "owned.h"
 
 namespace wire = kesto::access::v1;
 
@@ -30,10 +31,7 @@ struct Endpoint {
     int port;
 };
 
-struct SocketRelease {
-    void operator()(zsock_t *socket) const { zsock_destroy(&socket); }
-};
-using Socket = std::unique_ptr<zsock_t, SocketRelease>;
+using Socket = std::unique_ptr<zsock_t, ByAddress<zsock_destroy>>;
 
 std::string endpoint_text(const Endpoint &endpoint); /* "127.0.0.1:60000" */
 
