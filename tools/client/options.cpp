@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
+#include <sstream>
 #include <termios.h>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ using Words = std::vector<std::string>;
 static constexpr const char *default_host = "127.0.0.1", *default_user = "quillmont";
 static constexpr double default_timeout_s = 5, default_wait_s = 1, default_alarm_wait_s = 20;
 static constexpr int default_type = 1;  // what the service itself gives each pair of a multi-write
-static constexpr double seconds_max = 86400;
+static constexpr int seconds_max = 86400;
 static constexpr int ms_per_s = 1000;
 
 /* What GOption writes into. The texts are file names for it, so that no locale changes their bytes. */
@@ -35,46 +35,74 @@ struct Parsed {
 };
 static Parsed parsed;
 
+static GOptionEntry text_option(const char *name, char letter, char **value, const char *word, const char *help) {
+    return {name, letter, 0, G_OPTION_ARG_FILENAME, value, help, word};
+}
+
+static GOptionEntry number_option(const char *name, char letter, int *value, const char *help) {
+    return {name, letter, 0, G_OPTION_ARG_INT, value, help, "N"};
+}
+
+static GOptionEntry seconds_option(const char *name, char letter, double *value_s, const char *help) {
+    return {name, letter, 0, G_OPTION_ARG_DOUBLE, value_s, help, "S"};
+}
+
+static GOptionEntry flag_option(const char *name, char letter, gboolean *value, const char *help) {
+    return {name, letter, 0, G_OPTION_ARG_NONE, value, help, nullptr};
+}
+
+static constexpr char no_letter = 0;
+static constexpr GOptionEntry last_entry = {};
+
 static const GOptionEntry common_entries[] = {
-    {"host",        'H', 0, G_OPTION_ARG_FILENAME, &parsed.host, "Device to talk to (default: $KESTO_HOST, else 127.0.0.1)",
-     "HOST"},
-    {"id",            'i', 0, G_OPTION_ARG_FILENAME, &parsed.id,
-     "Client id (default: kesto-client-THISHOST for discover, login, logout and --keep; for all else with the process "
-     "id "
-     "appended)", "ID"},
-    {"user", 'u', 0, G_OPTION_ARG_FILENAME, &parsed.user, "User name (default: quillmont)", "NAME"},
-    {"password",        'p', 0, G_OPTION_ARG_FILENAME, &parsed.password,
-     "Password (default: $KESTO_PASSWORD, else asked on the terminal)", "TEXT"},
-    {"json",          'j', 0, G_OPTION_ARG_NONE, &parsed.json,
-     "Print JSON: one value, or one line for each event, step or check", nullptr},
-    {"timeout",            't', 0, G_OPTION_ARG_DOUBLE, &parsed.timeout_s, "Longest wait for an answer (default: 5)", "S"},
-    {"version",   0, 0, G_OPTION_ARG_NONE, &parsed.version, "Print the version", nullptr},
-    {       },
+    text_option("host", 'H', &parsed.host, "HOST", "Device to talk to (default: $KESTO_HOST, else 127.0.0.1)"),
+    text_option("id", 'i', &parsed.id, "ID",
+                "Client id (default: kesto-client-THISHOST for discover, login, logout and --keep; "
+                "for all else with the process id appended)"),
+    text_option("user", 'u', &parsed.user, "NAME", "User name (default: quillmont)"),
+    text_option("password", 'p', &parsed.password, "TEXT",
+                "Password (default: $KESTO_PASSWORD, else asked on the terminal)"),
+    flag_option("json", 'j', &parsed.json, "Print JSON: one value, or one line for each event, step or check"),
+    seconds_option("timeout", 't', &parsed.timeout_s, "Longest wait for an answer (default: 5)"),
+    flag_option("version", no_letter, &parsed.version, "Print the version"),
+    last_entry,
 };
 
 static const GOptionEntry command_entries[] = {
-    {"recursive",        'r', 0, G_OPTION_ARG_NONE, &parsed.recursive, "Read every key at or below KEY", nullptr},
-    {"type",                 0, 0, G_OPTION_ARG_INT, &parsed.type, "Write type, decimal or 0x... (default: 1)", "N"},
-    {"lock", 0, 0, G_OPTION_ARG_NONE, &parsed.lock, "Make it a lock write (type bit 12)", nullptr},
-    {"keep",           'k', 0, G_OPTION_ARG_NONE, &parsed.keep, "Leave the session open at the end", nullptr},
-    {"monitor",             'm', 0, G_OPTION_ARG_NONE, &parsed.monitor, "Log the id off when its last command connection closes",
-     nullptr},
-    {"discard-my-feedback",                 0, 0, G_OPTION_ARG_NONE, &parsed.discard_my_feedback, "No echo of the id's own changes",
-     nullptr},
-    {"hide-secure-info",      0, 0, G_OPTION_ARG_NONE, &parsed.hide_secure_info, "Mask passwords and the like", nullptr},
-    {"no-lock",               0, 0, G_OPTION_ARG_NONE, &parsed.no_lock, "Announce the id to the audio service as @localhost",
-     nullptr},
-    {"with-discovery",             0, 0, G_OPTION_ARG_NONE, &parsed.with_discovery,
-     "Ask for the device's static discovery text and present it", nullptr},
-    {"count",                 'n', 0, G_OPTION_ARG_INT, &parsed.count, "End after N events", "N"},
-    {"for",      0, 0, G_OPTION_ARG_DOUBLE, &parsed.for_s, "End after S seconds", "S"},
-    {"wait",           'w', 0, G_OPTION_ARG_DOUBLE, &parsed.wait_s, "Time to collect answers (default: 1)", "S"},
-    {"alarm-wait",             0, 0, G_OPTION_ARG_DOUBLE, &parsed.alarm_wait_s,
-     "Longest wait for the device's alarm (default: 20; 0 leaves the step out)", "S"},
-    {"other-password",                 0, 0, G_OPTION_ARG_FILENAME, &parsed.other_password,
-     "Password of the other user, root or else quillmont, to check that the two are kept apart", "TEXT"},
-    {          },
+    flag_option("recursive", 'r', &parsed.recursive, "Read every key at or below KEY"),
+    number_option("type", no_letter, &parsed.type, "Write type, decimal or 0x... (default: 1)"),
+    flag_option("lock", no_letter, &parsed.lock, "Make it a lock write (type bit 12)"),
+    flag_option("keep", 'k', &parsed.keep, "Leave the session open at the end"),
+    flag_option("monitor", 'm', &parsed.monitor, "Log the id off when its last command connection closes"),
+    flag_option("discard-my-feedback", no_letter, &parsed.discard_my_feedback, "No echo of the id's own changes"),
+    flag_option("hide-secure-info", no_letter, &parsed.hide_secure_info, "Mask passwords and the like"),
+    flag_option("no-lock", no_letter, &parsed.no_lock, "Announce the id to the audio service as @localhost"),
+    flag_option("with-discovery", no_letter, &parsed.with_discovery,
+                "Ask for the device's static discovery text and present it"),
+    number_option("count", 'n', &parsed.count, "End after N events"),
+    seconds_option("for", no_letter, &parsed.for_s, "End after S seconds"),
+    seconds_option("wait", 'w', &parsed.wait_s, "Time to collect answers (default: 1)"),
+    seconds_option("alarm-wait", no_letter, &parsed.alarm_wait_s,
+                   "Longest wait for the device's alarm (default: 20; 0 leaves the step out)"),
+    text_option("other-password", no_letter, &parsed.other_password, "TEXT",
+                "Password of the other user, root or else quillmont, to check that the two are kept apart"),
+    last_entry,
 };
+
+static constexpr const char *notes =
+    "kesto-client COMMAND --help shows the options of a command. A value that begins with a dash and is no number\n"
+    "goes after --. Commands log in and out by themselves; under an --id that has a session already they use "
+    "that one\n"
+    "and leave it. A session that login opens without --monitor stays until logout, also after the program's end.\n"
+    "\n"
+    "Exit status: 0 fine, 1 refused by the device or a check failed, 2 device not reachable, 64 wrong usage, "
+    "130 interrupted.\n"
+    "\n"
+    "Examples:\n"
+    "  kesto-client discover\n"
+    "  kesto-client --password tandrivel check 192.168.1.20\n"
+    "  kesto-client --host 192.168.1.20 read -r /Device/Config/Hardware\n"
+    "  kesto-client write /Device/Config/PROJECT_INFO \"Main hall\"\n";
 
 using Context = std::unique_ptr<GOptionContext, ByPointer<g_option_context_free>>;
 
@@ -97,20 +125,7 @@ static Context main_context(const std::vector<Command> &commands) {
     g_option_context_set_strict_posix(context.get(), TRUE);
     g_option_context_add_main_entries(context.get(), common_entries, nullptr);
     g_option_context_set_summary(context.get(), command_summary(commands).c_str());
-    g_option_context_set_description(
-        context.get(),
-        "kesto-client COMMAND --help shows the options of a command. A value that begins with a dash and is no number\n"
-        "goes after --. Commands log in and out by themselves; under an --id that has a session already they use that "
-        "one\n"
-        "and leave it. A session that login opens without --monitor stays until logout, also after the program's "
-        "end.\n\n"
-        "Exit status: 0 fine, 1 refused by the device or a check failed, 2 device not reachable, 64 wrong usage, 130 "
-        "interrupted.\n\n"
-        "Examples:\n"
-        "  kesto-client discover\n"
-        "  kesto-client --password tandrivel check 192.168.1.20\n"
-        "  kesto-client --host 192.168.1.20 read -r /Device/Config/Hardware\n"
-        "  kesto-client write /Device/Config/PROJECT_INFO \"Main hall\"\n");
+    g_option_context_set_description(context.get(), notes);
     return context;
 }
 
@@ -178,14 +193,16 @@ static const Command &find_command(const std::vector<Command> &commands, const s
 static int milliseconds(const char *option, double seconds, bool may_be_zero) {
     const bool fits = std::isfinite(seconds) && seconds <= seconds_max && (may_be_zero ? seconds >= 0 : seconds > 0);
     const char *from = may_be_zero ? "from 0" : "above 0";
-    if (!fits) throw wrong_usage(std::string("--") + option + " takes seconds " + from + ", at most 86400");
+    if (!fits)
+        throw wrong_usage(std::string("--") + option + " takes seconds " + from + ", at most " +
+                          std::to_string(seconds_max));
     return std::max(static_cast<int>(std::lround(seconds * ms_per_s)), may_be_zero ? 0 : 1);
 }
 
 static std::string text_or(const char *given, const char *otherwise) { return given != nullptr ? given : otherwise; }
 
 /* A session that stays needs an id that can be found again. */
-static bool is_per_run(const Command &command) { return command.id_per_run && !parsed.keep; }
+static bool is_per_run(const Command &command) { return command.login == Login::passing && !parsed.keep; }
 
 static std::string default_id(const Command &command) {
     const std::string id = std::string("kesto-client-") + g_get_host_name();
@@ -253,17 +270,10 @@ static Options options_from_parsed(const Command &command, Words arguments) {
     o.alarm_wait_ms = milliseconds("alarm-wait", parsed.alarm_wait_s, true);
     o.arguments = std::move(arguments);
     if (parsed.other_password != nullptr) o.other_password = parsed.other_password;
-    if (command.logs_in) o.password = find_password(o.user);
+    if (command.login != Login::none) o.password = find_password(o.user);
     const char *host = parsed.host != nullptr ? parsed.host : environment_host;
     o.address = resolve_host(text_or(host, default_host));
     return o;
-}
-
-static void check_argument_count(const Command &command, const Words &arguments) {
-    const bool fits = arguments.size() >= command.arguments_min && arguments.size() <= command.arguments_max;
-    if (fits) return;
-    const std::string wanted = *command.arguments != '\0' ? command.arguments : "no arguments";
-    throw wrong_usage(std::string(command.name) + " takes " + wanted);
 }
 
 Invocation parse_command_line(int argc, char **argv, const std::vector<Command> &commands) {
@@ -276,8 +286,19 @@ Invocation parse_command_line(int argc, char **argv, const std::vector<Command> 
     const Command &command = find_command(commands, words.front());
     words.erase(words.begin());
     Words arguments = parse_options(command_context(command), std::move(words));
-    check_argument_count(command, arguments);
+    const std::string problem = argument_problem(command.name, command.arguments, arguments.size());
+    if (!problem.empty()) throw wrong_usage(problem);
     return {&command, options_from_parsed(command, std::move(arguments))};
+}
+
+std::string argument_problem(const std::string &name, const std::string &syntax, size_t count) {
+    size_t count_min = 0, count_max = 0;
+    std::istringstream words(syntax);
+    for (std::string word; words >> word; ++count_max) {
+        if (!word.starts_with('[')) ++count_min;
+    }
+    if (count >= count_min && (count <= count_max || syntax.ends_with("..."))) return "";
+    return name + " takes " + (syntax.empty() ? "no arguments" : syntax);
 }
 
 Assignment parse_assignment(const std::string &word) {

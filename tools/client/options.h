@@ -34,16 +34,21 @@ struct Options {
     std::vector<std::string> arguments;
 };
 
+/* What a command does about a session. */
+enum class Login {
+    passing,  // logs in, by default under an id of this run
+    lasting,  // logs in, by default under an id that the next run finds again
+    none,     // takes the id that `lasting` takes, but no password
+};
+
 /* One row of the command table. */
 struct Command {
     const char *name;
-    const char *arguments;  // as the help shows them
+    const char *arguments;  // as the help shows them: "[HOST]" may be left out, "PAIR..." repeated
     const char *summary;
-    size_t arguments_min, arguments_max;
-    bool logs_in;     // needs a password
-    bool id_per_run;  // its default id has the process id in it
-    std::vector<const char *> option_names;
     int (*run)(const Options &options);  // returns the exit status, or throws a Failure
+    std::vector<const char *> option_names = {};
+    Login login = Login::passing;
 };
 
 struct Invocation {
@@ -53,6 +58,10 @@ struct Invocation {
 
 /* Throws a Failure (usage) for anything wrong. --help and --version print and end the program with 0. */
 Invocation parse_command_line(int argc, char **argv, const std::vector<Command> &commands);
+
+/* What is wrong with this number of arguments for a command whose arguments are written like that; empty when it is
+ * right. */
+std::string argument_problem(const std::string &name, const std::string &syntax, size_t count);
 
 /* A word of the form KEY=VALUE. */
 struct Assignment {

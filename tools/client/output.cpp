@@ -227,10 +227,13 @@ Saying say_published(const wire::Message &message) {
 
 Saying say_published_by(const Source &source, const wire::Message &message) {
     const Saying what = say_what(message);
-    Json json = {
-        {"device",    {{"address", source.address}, {"model", source.model}, {"serial", source.serial}}},
-        {"client_id", nullptr                                                                          }  // the device itself
+    Json json;
+    json["device"] = {
+        {"address", source.address},
+        {"model",   source.model  },
+        {"serial",  source.serial }
     };
-    json.update(what.json);  // an echo names its client
+    json["client_id"] = nullptr;  // the device itself
+    json.update(what.json);       // an echo names its client
     return say_timed(json, source_text(source) + ": " + (message.has_event() ? "device: " : "") + what.text);
 }

@@ -24,7 +24,6 @@ struct ShellCommand {
     const char *name;
     const char *arguments;
     const char *summary;
-    size_t arguments_min, arguments_max;
     void (*run)(Shell &shell, const Words &arguments);
 };
 
@@ -81,17 +80,16 @@ static void shell_watch(Shell &shell, const Words &arguments) {
 
 static void shell_quit(Shell &shell, const Words &) { shell.ended = true; }
 
-static void shell_help(Shell &, const Words &);
+static void shell_help(Shell &, const Words &);  // walks the table that it stands in
 
-static constexpr size_t any_number = SIZE_MAX;
-static const std::vector<ShellCommand> shell_commands = {
-    {"read",        "[-r] KEY",     "Read a key, with -r everything at or below it", 1, 2,          shell_read       },
-    {"write",       "KEY VALUE",    "Write a key",                                   2, 2,          shell_write      },
-    {"multi-write", "KEY=VALUE...", "Write all of the keys or none",                 1, any_number, shell_multi_write},
-    {"may",         "KEY",          "Ask what the user may do with a key",           1, 1,          shell_may        },
-    {"watch",       "on|off",       "Show alarms and changes as they come",          1, 1,          shell_watch      },
-    {"help",        "",             "Show this",                                     0, 0,          shell_help       },
-    {"quit",        "",             "Log out and end",                               0, 0,          shell_quit       },
+static constexpr ShellCommand shell_commands[] = {
+    {"read",        "[-r] KEY",     "Read a key, with -r everything at or below it", shell_read       },
+    {"write",       "KEY VALUE",    "Write a key",                                   shell_write      },
+    {"multi-write", "KEY=VALUE...", "Write all of the keys or none",                 shell_multi_write},
+    {"may",         "KEY",          "Ask what the user may do with a key",           shell_may        },
+    {"watch",       "on|off",       "Show alarms and changes as they come",          shell_watch      },
+    {"help",        "",             "Show this",                                     shell_help       },
+    {"quit",        "",             "Log out and end",                               shell_quit       },
 };
 
 static void shell_help(Shell &, const Words &) {
@@ -119,9 +117,8 @@ static void run_line(Shell &shell, const std::string &line) {
     words.erase(words.begin());
     for (const ShellCommand &command : shell_commands) {
         if (name != command.name) continue;
-        if (words.size() < command.arguments_min || words.size() > command.arguments_max) {
-            throw wrong_line(name + " takes " + (*command.arguments != '\0' ? command.arguments : "no arguments"));
-        }
+        const std::string problem = argument_problem(name, command.arguments, words.size());
+        if (!problem.empty()) throw wrong_line(problem);
         command.run(shell, words);
         return;
     }

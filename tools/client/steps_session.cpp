@@ -189,7 +189,8 @@ std::string step_write_several(Visit &visit) {
     const wire::MultiWriteResult result = session_write_all(session, assignments);
     const int count = static_cast<int>(assignments.size());
     require(result.pairs_size() == count && result.results_size() == count,
-            std::to_string(result.pairs_size()) + " pairs and " + std::to_string(result.results_size()) + " results");
+            std::to_string(count) + " keys at once are answered with " + std::to_string(result.pairs_size()) +
+                " pairs and " + std::to_string(result.results_size()) + " results");
     expect_project_info(session, text);
     return std::to_string(count) + " keys at once, read back";
 }

@@ -42,10 +42,12 @@ struct Visit {
     std::optional<std::string> project_info;  // as found; set while the device may hold another
 };
 
-/* A step returns what was seen. It throws a Failure when the device does not keep the contract or does not answer, and
- * NotChecked. It leaves ids and values as it found them, except for what it records in the visit. */
+/* Takes one step; returns what was seen. Throws a Failure when the device does not keep the contract or does not
+ * answer, and NotChecked. Leaves ids and values as they were, except for what it records in the visit. */
+using StepFunction = std::string (*)(Visit &visit);
+
 struct VisitStep {
-    std::string (*run)(Visit &visit);
+    StepFunction run;
     const char *tour_name;   // NULL: not a step of the tour
     const char *check_name;  // NULL: not one of the check
 };

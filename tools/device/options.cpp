@@ -37,19 +37,24 @@ static bool complain(const std::string &what) {
 
 static bool is_period(double seconds) { return seconds == 0 || (seconds >= period_min_s && seconds <= period_max_s); }
 
+static GOptionEntry option(const char *name, GOptionArg kind, void *value, const char *help,
+                           const char *word = nullptr) {
+    return {name, 0, 0, kind, value, help, word};
+}
+
 bool options_read(int argc, char **argv, Options &options) {
     g_autofree char *store = nullptr;
     g_auto(GStrv) faults = nullptr;
     gboolean trace = FALSE, version = FALSE;
     // File names are taken as they are, whatever the locale; the faults as well, since keys may hold any letter.
     const GOptionEntry entries[] = {
-        {"store",        0, 0, G_OPTION_ARG_FILENAME,       &store,                  "Keep what is written in FILE",              "FILE" },
-        {"alarm-every",  0, 0, G_OPTION_ARG_DOUBLE,         &options.alarm_every_s,  "Raise an alarm every S seconds",            "S"    },
-        {"change-every", 0, 0, G_OPTION_ARG_DOUBLE,         &options.change_every_s, "Change a value every S seconds",            "S"    },
-        {"fault",        0, 0, G_OPTION_ARG_FILENAME_ARRAY, &faults,                 "Misbehave (below); can be repeated",        "FAULT"},
-        {"trace",        0, 0, G_OPTION_ARG_NONE,           &trace,                  "Print each call: \"Read (uint32 0, '/')\"", nullptr},
-        {"version",      0, 0, G_OPTION_ARG_NONE,           &version,                "Print the version",                         nullptr},
-        {nullptr,        0, 0, G_OPTION_ARG_NONE,           nullptr,                 nullptr,                                     nullptr},
+        option("store", G_OPTION_ARG_FILENAME, &store, "Keep what is written in FILE", "FILE"),
+        option("alarm-every", G_OPTION_ARG_DOUBLE, &options.alarm_every_s, "Raise an alarm every S seconds", "S"),
+        option("change-every", G_OPTION_ARG_DOUBLE, &options.change_every_s, "Change a value every S seconds", "S"),
+        option("fault", G_OPTION_ARG_FILENAME_ARRAY, &faults, "Misbehave (below); can be repeated", "FAULT"),
+        option("trace", G_OPTION_ARG_NONE, &trace, "Print each call: \"Read (uint32 0, '/')\""),
+        option("version", G_OPTION_ARG_NONE, &version, "Print the version"),
+        {},
     };
     g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
     g_option_context_add_main_entries(context, entries, nullptr);
