@@ -119,11 +119,11 @@ static void end(int descriptor) {
     shutdown(descriptor, SHUT_RDWR);  // libzmq then closes it
 }
 
+// A port that is just being closed may still have got a connection; it goes on as a guest's.
 void connection_table_open_port(int number, PortKind kind) {
     const Locked locked(lock);
     Port &port = ports[number];
     if (is_session_port(port)) --session_ports;
-    port = {};
     port.kind = kind;
     port.owner = last_taken_from;
     if (is_session_port(port)) ++session_ports;
