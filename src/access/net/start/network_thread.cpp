@@ -59,6 +59,7 @@ static bool create_clients() {
 }
 
 static bool init_czmq() {
+    limits_give_memory_back();
     limits_raise_descriptors();
     if (!limits_allow_start()) return false;
     limits_raise_sockets();

@@ -77,6 +77,7 @@ static int last_answered = no_descriptor;
 using Locked = std::lock_guard<std::mutex>;
 
 void connection_table_init(size_t descriptors) {
+    const Locked locked(lock);
     capacity = std::min(descriptors, most_descriptors);
     connections = g_new0(Connection, capacity);
     sent = new std::atomic<uint64_t>[capacity];

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -28,6 +29,8 @@ static constexpr size_t large_request_bytes = 4 << 10;
 static constexpr size_t memory_for_request_byte = 16;
 static constexpr size_t memory_for_pair = 1200, shortest_pair_bytes = 6, most_pairs = 65536;
 
+static constexpr int large_block_bytes = 256 << 10;
+
 static std::atomic<bool> refused = false;
 
 void limits_raise_descriptors() {
@@ -36,6 +39,9 @@ void limits_raise_descriptors() {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
+
+// Else the C library would keep more and more of them once one has been large.
+void limits_give_memory_back() { mallopt(M_MMAP_THRESHOLD, large_block_bytes); }
 
 void limits_raise_sockets() {
     constexpr size_t all_that_libzmq_can_have = 0;

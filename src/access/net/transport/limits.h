@@ -15,6 +15,10 @@ void limits_raise_descriptors();
  * socket. */
 void limits_raise_sockets();
 
+/* Has large blocks of memory given back to the system as soon as they are released. Once, at the start of the network
+ * thread. */
+void limits_give_memory_back();
+
 /* Enough descriptors and memory to start CZMQ and open the first ZeroMQ socket. */
 bool limits_allow_start();
 
