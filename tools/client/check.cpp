@@ -38,7 +38,7 @@ static bool is_there(const Account &account) { return accepts_connections(accoun
 static void require_device(const Account &account) {
     const std::string &address = account.login.address;
     if (is_there(account) || !discover_devices({address, account.client_id, account.timeout_ms}).empty()) return;
-    throw Failure{ExitStatus::not_reachable, "not reachable: no device answers at " + address};
+    throw not_reachable("no device answers at " + address);
 }
 
 static void renew_session(Visit &visit) {
@@ -80,7 +80,7 @@ int run_check(const Options &options) {
         print_saying(options.json, say_result(step.check_name, result));
         ++counts[static_cast<size_t>(result.outcome)];
         if (result.outcome == Outcome::fails && !is_there(visit.own.account))
-            throw Failure{ExitStatus::not_reachable, "not reachable: the device went away"};
+            throw not_reachable("the device went away");
     });
     if (!options.json) printf("%d hold, %d failed, %d not checked\n", counts[0], counts[1], counts[2]);
     return static_cast<int>(counts[static_cast<size_t>(Outcome::fails)] == 0 ? ExitStatus::fine : ExitStatus::refused);

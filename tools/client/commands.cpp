@@ -20,7 +20,7 @@ static std::string yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 
 int run_discover(const Options &options) {
     const std::vector<Device> devices = discover_devices(search_from_options(options));
-    if (devices.empty()) throw Failure{ExitStatus::not_reachable, "not reachable: no device answered"};
+    if (devices.empty()) throw not_reachable("no device answered");
     print_saying(options.json, say_devices(devices));
     const bool keys_are_right =
         std::all_of(devices.begin(), devices.end(), [](const Device &device) { return device.key_is_right; });

@@ -20,9 +20,7 @@ static constexpr char separator = '\x1c';
 static constexpr std::string_view request_head = "@?", reply_head = "@?D", port_head = "ZMQ:";
 static constexpr size_t reply_limit_bytes = 8192;
 static constexpr gint64 repeat_ms = 500;  // a datagram may get lost
-static constexpr gint64 us_per_ms = 1000;
-static constexpr const char *loopback_address = "127.0.0.1", *loopback_broadcast = "127.255.255.255",
-                            *limited_broadcast = "255.255.255.255";
+static constexpr const char *loopback_broadcast = "127.255.255.255", *limited_broadcast = "255.255.255.255";
 
 static std::set<std::string> broadcast_addresses() {
     std::set<std::string> addresses = {loopback_broadcast, limited_broadcast};
@@ -45,7 +43,7 @@ static std::set<std::string> broadcast_addresses() {
 static GSocket *open_socket() {
     g_autoptr(GError) error = nullptr;
     GSocket *socket = g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &error);
-    if (socket == nullptr) throw Failure{ExitStatus::not_reachable, std::string("not reachable: ") + error->message};
+    if (socket == nullptr) throw not_reachable(error->message);
     g_socket_set_broadcast(socket, TRUE);
     return socket;
 }
@@ -61,7 +59,7 @@ static void send_to_all(GSocket *socket, const std::set<std::string> &addresses,
         reason = error->message;
         ++failed_count;
     }
-    if (failed_count == addresses.size()) throw Failure{ExitStatus::not_reachable, "not reachable: " + reason};
+    if (failed_count == addresses.size()) throw not_reachable(reason);
 }
 
 static bool take_prefix(std::string &text, std::string_view prefix) {
@@ -81,7 +79,7 @@ static std::vector<std::string> split_fields(std::string_view text) {
 
 /* The project information is whatever a client wrote, and may hold separators. */
 static void join_project_info(std::vector<std::string> &fields) {
-    while (fields.size() > discovery_fields.size()) {
+    while (fields.size() > discovery_field_count) {
         const auto rest = fields.begin() + field_project_info + 1;
         fields[field_project_info] += separator + *rest;
         fields.erase(rest);
@@ -99,7 +97,7 @@ static std::optional<int> parse_port(const std::string &text) {
 static std::optional<Device> device_from_reply(const std::string &reply) {
     std::vector<std::string> fields = split_discovery_text(reply);
     join_project_info(fields);
-    if (fields.size() != discovery_fields.size()) return std::nullopt;
+    if (fields.size() != discovery_field_count) return std::nullopt;
     for (const int field : {field_auth_port, field_second_port}) {
         if (!take_prefix(fields[static_cast<size_t>(field)], port_head)) return std::nullopt;
     }
@@ -149,7 +147,7 @@ static void collect_replies(const std::set<std::string> &targets, const std::str
     const gint64 end_us = g_get_monotonic_time() + wait_ms * us_per_ms;
     gint64 send_us = 0;
     for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
-        if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
+        if (zsys_interrupted) throw interrupted();
         if (now_us >= send_us) {
             send_to_all(socket, targets, request);
             send_us = now_us + repeat_ms * us_per_ms;
@@ -172,6 +170,14 @@ std::vector<std::string> split_discovery_text(std::string text) {
     if (!take_prefix(text, reply_head) || !text.ends_with('!')) return {};
     text.pop_back();
     return split_fields(text);
+}
+
+std::optional<Device> device_from_static_text(const std::string &text) {
+    const std::vector<std::string> fields = split_discovery_text(text);
+    if (fields.size() != std::size(static_discovery_fields)) return std::nullopt;
+    Device device;
+    for (size_t i = 0; i < fields.size(); ++i) device.fields[static_discovery_fields[i]] = fields[i];
+    return device;
 }
 
 std::optional<Device> ask_device(const std::string &address, const std::string &request, int wait_ms,

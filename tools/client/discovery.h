@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,49 +12,58 @@
 #include "key_pair.h"
 #include "wire.h"
 
+/* The fields of a reply, in the order of the wire. */
+enum DiscoveryFieldIndex {
+    field_model,
+    field_firmware,
+    field_oem_serial,
+    field_auth_port,
+    field_second_port,
+    field_wrapped_key,
+    field_slot,
+    field_oem_manufacturer,
+    field_oem_model,
+    field_amplifier_name,
+    field_serial,
+    field_easy_swap_id,
+    field_project_info,
+    field_extra,
+    discovery_field_count
+};
+
 struct DiscoveryField {
     const char *name;   // in JSON
     const char *title;  // for people
 };
-/* The fields of a reply, in the order of the wire. */
-constexpr std::array<DiscoveryField, 14> discovery_fields = {
-    {
-     {"model", "hardware model"},
-     {"firmware", "firmware version"},
-     {"oem_serial", "OEM serial"},
-     {"auth_port", "login port"},
-     {"second_port", "second port"},
-     {"wrapped_key", "wrapped key"},
-     {"slot", "slot mark"},
-     {"oem_manufacturer", "OEM manufacturer"},
-     {"oem_model", "OEM model"},
-     {"amplifier_name", "amplifier name"},
-     {"serial", "serial"},
-     {"easy_swap_id", "easy swap id"},
-     {"project_information", "project information"},
-     {"extra", "extra"},
-     }
+constexpr DiscoveryField discovery_fields[] = {
+    {"model",               "hardware model"     },
+    {"firmware",            "firmware version"   },
+    {"oem_serial",          "OEM serial"         },
+    {"auth_port",           "login port"         },
+    {"second_port",         "second port"        },
+    {"wrapped_key",         "wrapped key"        },
+    {"slot",                "slot mark"          },
+    {"oem_manufacturer",    "OEM manufacturer"   },
+    {"oem_model",           "OEM model"          },
+    {"amplifier_name",      "amplifier name"     },
+    {"serial",              "serial"             },
+    {"easy_swap_id",        "easy swap id"       },
+    {"project_information", "project information"},
+    {"extra",               "extra"              },
 };
-enum DiscoveryFieldIndex {
-    field_model = 0,
-    field_firmware = 1,
-    field_oem_serial = 2,
-    field_auth_port = 3,
-    field_second_port = 4,
-    field_wrapped_key = 5,
-    field_slot = 6,
-    field_oem_manufacturer = 7,
-    field_oem_model = 8,
-    field_serial = 10,
-    field_project_info = 12,
-    field_extra = 13
+static_assert(std::size(discovery_fields) == discovery_field_count);
+
+/* Those of them that the static discovery text has, in its order. */
+constexpr DiscoveryFieldIndex static_discovery_fields[] = {
+    field_model,     field_firmware, field_oem_serial, field_slot, field_oem_manufacturer,
+    field_oem_model, field_serial,   field_extra,
 };
 
 struct Device {
-    std::array<std::string, discovery_fields.size()> fields;  // without "@?D", "ZMQ:" and "!"
-    std::vector<std::string> addresses;                       // one device can answer on several
-    int login_port = 0;                                       // field_auth_port
-    bool key_is_right = false;                                // the wrapped key is the shared key
+    std::array<std::string, discovery_field_count> fields;  // without "@?D", "ZMQ:" and "!"
+    std::vector<std::string> addresses;                     // one device can answer on several
+    int login_port = 0;                                     // field_auth_port
+    bool key_is_right = false;                              // the wrapped key is the shared key
 };
 
 struct DiscoverySearch {
@@ -76,6 +86,9 @@ bool wraps_shared_key(const KeyPair &pair, const Device &device);
 /* The fields of a discovery reply or of a static discovery text, without "@?D" and "!"; none when it is not framed so.
  */
 std::vector<std::string> split_discovery_text(std::string text);
+
+/* What a static discovery text says; its other fields are empty. None when it is not such a text. */
+std::optional<Device> device_from_static_text(const std::string &text);
 
 /* Where the device takes logins. One that is bound to the loopback interface says port 0. */
 Endpoint device_login_endpoint(const Device &device);

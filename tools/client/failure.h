@@ -16,3 +16,9 @@ struct Failure {
     ExitStatus status;
     std::string sentence;  // one line, without line break and without the program's name
 };
+
+inline Failure not_reachable(const std::string &why) { return {ExitStatus::not_reachable, "not reachable: " + why}; }
+
+inline Failure refused(const std::string &why) { return {ExitStatus::refused, "refused: " + why}; }
+
+inline Failure interrupted() { return {ExitStatus::interrupted, "interrupted"}; }

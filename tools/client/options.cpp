@@ -19,11 +19,8 @@
 
 using Words = std::vector<std::string>;
 
-static constexpr const char *default_host = "127.0.0.1", *default_user = "quillmont";
 static constexpr double default_timeout_s = 5, default_wait_s = 1, default_alarm_wait_s = 20;
-static constexpr int default_type = 1;  // what the service itself gives each pair of a multi-write
 static constexpr int seconds_max = 86400;
-static constexpr int ms_per_s = 1000;
 
 /* What GOption writes into. The texts are file names for it, so that no locale changes their bytes. */
 struct Parsed {
@@ -31,7 +28,7 @@ struct Parsed {
     double timeout_s = default_timeout_s, for_s, wait_s = default_wait_s, alarm_wait_s = default_alarm_wait_s;
     gboolean json, version, recursive, lock, keep, monitor, discard_my_feedback, hide_secure_info, no_lock,
         with_discovery;
-    int type = default_type, count;
+    int type = write_plain, count;
 };
 static Parsed parsed;
 
@@ -225,7 +222,7 @@ static std::string ask_password(const std::string &user) {
     while (read(STDIN_FILENO, &c, 1) == 1 && c != '\n' && c != interrupt) password += c;
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &shown);
     fputc('\n', stderr);
-    if (c == interrupt) throw Failure{ExitStatus::interrupted, "interrupted"};
+    if (c == interrupt) throw interrupted();
     if (g_utf8_validate(password.c_str(), -1, nullptr) == FALSE) throw wrong_usage("the password is not UTF-8");
     return password;
 }
@@ -250,7 +247,7 @@ static Options options_from_parsed(const Command &command, Words arguments) {
     o.own_id = parsed.id == nullptr && is_per_run(command);
     o.client_id = parsed.id != nullptr ? parsed.id : default_id(command);
     check_client_id(o.client_id);
-    o.user = text_or(parsed.user, default_user);
+    o.user = text_or(parsed.user, restricted_user);
     o.json = parsed.json;
     o.timeout_ms = milliseconds("timeout", parsed.timeout_s, false);
     o.recursive = parsed.recursive;
@@ -272,7 +269,7 @@ static Options options_from_parsed(const Command &command, Words arguments) {
     if (parsed.other_password != nullptr) o.other_password = parsed.other_password;
     if (command.login != Login::none) o.password = find_password(o.user);
     const char *host = parsed.host != nullptr ? parsed.host : environment_host;
-    o.address = resolve_host(text_or(host, default_host));
+    o.address = resolve_host(text_or(host, loopback_address));
     return o;
 }
 

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+/* The device's two users. */
+constexpr const char *restricted_user = "quillmont", *unrestricted_user = "root";
+
 struct Options {
     std::string address;  // numeric IPv4 of --host
     bool host_given;

@@ -24,7 +24,7 @@ static void add_line(std::string &text, const std::string &line) {
 static std::string device_text(const Device &device) {
     std::string text;
     for (const std::string &address : device.addresses) text += (text.empty() ? "device at " : ", ") + address;
-    for (size_t i = 0; i < discovery_fields.size(); ++i) {
+    for (size_t i = 0; i < discovery_field_count; ++i) {
         g_autofree char *title = g_strdup_printf("  %-20s ", discovery_fields[i].title);
         add_line(text, title + printable(device.fields[i]));
     }
@@ -36,7 +36,7 @@ static std::string device_text(const Device &device) {
 static Json device_json(const Device &device) {
     Json json;
     json["addresses"] = device.addresses;
-    for (size_t i = 0; i < discovery_fields.size(); ++i) json[discovery_fields[i].name] = device.fields[i];
+    for (size_t i = 0; i < discovery_field_count; ++i) json[discovery_fields[i].name] = device.fields[i];
     json["key_is_right"] = device.key_is_right;
     json["login"] = endpoint_text(device_login_endpoint(device));
     return json;
@@ -51,8 +51,10 @@ static double short_decimal(float value) {
 }
 
 static Saying say_alarm(const wire::Alarm &alarm) {
-    g_autofree char *text = g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code(), alarm.channel(),
-                                            static_cast<double>(alarm.value()), alarm.active() != 0 ? ", active" : "");
+    const auto value = static_cast<double>(alarm.value());
+    const char *active = alarm.active() != 0 ? ", active" : "";
+    g_autofree char *text =
+        g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code(), alarm.channel(), value, active);
     return {
         {{"event", "alarm"},
          {"code", alarm.code()},
@@ -175,7 +177,7 @@ Saying say_value(const wire::Value &value) {
         {{"key", value.key()}, {"signature", value.signature()}},
         ""
     };
-    if (value.signature() != "a{ss}") {
+    if (value.signature() != signature_of_pairs) {
         saying.json["value"] = value.text();
         saying.text = printable(value.text());
         return saying;

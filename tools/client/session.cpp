@@ -7,11 +7,9 @@
 
 #include "failure.h"
 
-static Failure refused(const std::string &what, const std::string &why) {
-    return {ExitStatus::refused, "refused: " + what + ": " + why};
+static Failure unsupported(const std::string &what) {
+    return refused(what + ": the device does not know this request");
 }
-
-static Failure unsupported(const std::string &what) { return refused(what, "the device does not know this request"); }
 
 static wire::Reply ask_supported(Session &session, const wire::Request &request, const std::string &what) {
     wire::Reply reply = session_ask(session, request);
@@ -20,22 +18,23 @@ static wire::Reply ask_supported(Session &session, const wire::Request &request,
 }
 
 static Failure refused_by_data_service(const std::string &what, const std::string &detail) {
-    return refused(what, "the user's rights allow it, but the device's data service " + detail);
+    return refused(what + ": the user's rights allow it, but the device's data service " + detail);
 }
 
 static Failure refused_read(Session &session, const std::string &key, bool recursive) {
     const std::string what = (recursive ? "read everything below " : "read ") + key;
     if (!session_may(session, operation_read, key, recursive)) {
-        return refused(what, "user " + session.account.user + " may not read this" + (recursive ? " recursively" : ""));
+        return refused(what + ": user " + session.account.user + " may not read this" +
+                       (recursive ? " recursively" : ""));
     }
     return refused_by_data_service(what, "gave no value; there may be no such key");
 }
 
 static Failure refused_write_all(Session &session, const std::vector<Assignment> &assignments) {
-    for (const Assignment &assignment : assignments) {
-        if (session_may(session, operation_write, assignment.key, false)) continue;
-        return refused("multi-write", "user " + session.account.user + " may not write " + assignment.key +
-                                          ", so nothing was written");
+    const std::string &user = session.account.user;
+    for (const auto &[key, value] : assignments) {
+        if (!session_may(session, operation_write, key, false))
+            return refused("multi-write: user " + user + " may not write " + key + ", so nothing was written");
     }
     return refused_by_data_service("multi-write", "did not accept it");
 }
@@ -60,8 +59,7 @@ Account account_from_options(const Options &options) {
 wire::Reply ask_login_socket(const Account &account, wire::Request request) {
     // A REQ socket hides that nothing listens until the time-out; a refused connection says so at once.
     if (!accepts_connections(account.login, account.timeout_ms)) {
-        throw Failure{ExitStatus::not_reachable,
-                      "not reachable: no device takes logins at " + endpoint_text(account.login)};
+        throw not_reachable("no device takes logins at " + endpoint_text(account.login));
     }
     request.set_client_id(account.client_id);
     return exchange(connect_commands(account.login), account.login, request, account.timeout_ms);
@@ -86,17 +84,16 @@ wire::Session log_in(const Account &account, const LoginWishes &wishes) {
         is_port(reply.session().event_port())) {
         return reply.session();
     }
-    throw refused("log in as " + account.user, "wrong user name or password, a session of another user under id " +
-                                                   account.client_id +
-                                                   (wishes.discovery ? ", another device's discovery text" : "") +
-                                                   ", or no free port on the device");
+    const std::string discovery = wishes.discovery ? ", another device's discovery text" : "";
+    throw refused("log in as " + account.user + ": wrong user name or password, a session of another user under id " +
+                  account.client_id + discovery + ", or no free port on the device");
 }
 
 void log_out(const Account &account) {
     wire::Request request;
     request.mutable_login();
     if (ask_login_socket(account, request).status() != wire::STATUS_OK) {
-        throw refused("log out", "the device did not say why");
+        throw refused("log out: the device did not say why");
     }
 }
 
@@ -192,7 +189,7 @@ Failure session_write_refusal(Session &session, const std::string &key, uint32_t
     const std::string what = "write " + key;
     const bool rights_decide = (type & write_is_lock) == 0;
     if (rights_decide && !session_may(session, operation_write, key, false)) {
-        return refused(what, "user " + session.account.user + " may not write this key");
+        return refused(what + ": user " + session.account.user + " may not write this key");
     }
     return refused_by_data_service(what, "did not accept it (result " + std::to_string(result) + ")");
 }

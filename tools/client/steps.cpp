@@ -39,5 +39,5 @@ std::string ports_text(const Session &session) {
 }
 
 void write_project_info(Session &session, const std::string &text) {
-    session_write(session, {project_key, text}, plain_write_type);
+    session_write(session, {project_key, text}, write_plain);
 }

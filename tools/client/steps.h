@@ -3,11 +3,7 @@
 
 #include "visit.h"
 
-/* The device's two users. */
-constexpr const char *restricted_user = "quillmont", *unrestricted_user = "root";
-
 constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial", *project_key = "/Device/Config/PROJECT_INFO";
-constexpr uint32_t plain_write_type = 1;
 
 Failure device_failure(const std::string &sentence); /* the device answers, but not as it should */
 void require(bool holds, const std::string &otherwise);

@@ -5,10 +5,6 @@
 static constexpr int second_port = 61000;  // what a device that is not in loopback mode announces beside the login port
 static constexpr size_t shown_bytes_max = 80, garbage_bytes = 32;
 static constexpr uint64_t odd_sequence = 0xfedcba9876543210;
-/* The fields of the static discovery text, as places in a discovery reply. */
-static constexpr DiscoveryFieldIndex static_fields[] = {
-    field_model,     field_firmware, field_oem_serial, field_slot, field_oem_manufacturer,
-    field_oem_model, field_serial,   field_extra};
 
 struct PortRange {
     int first, last;
@@ -48,9 +44,8 @@ static Device discover(const Visit &visit, const std::string &public_key) {
     std::string datagram;
     const std::optional<Device> device = ask_device(
         visit.address, discovery_request(public_key, visit.own.account.client_id), visit.options.timeout_ms, datagram);
-    if (datagram.empty())
-        throw Failure{ExitStatus::not_reachable, "not reachable: no device answered at " + visit.address};
-    require(device.has_value(), "no reply of " + std::to_string(discovery_fields.size()) + " fields but of " +
+    if (datagram.empty()) throw not_reachable("no device answered at " + visit.address);
+    require(device.has_value(), "no reply of " + std::to_string(discovery_field_count) + " fields but of " +
                                     std::to_string(split_discovery_text(datagram).size()) + ": " +
                                     datagram.substr(0, shown_bytes_max));
     return *device;
@@ -121,13 +116,13 @@ std::string step_unsupported(Visit &visit) {
 
 std::string step_static_discovery(Visit &visit) {
     std::string text = ask_static_discovery(visit.own.account);
-    const std::vector<std::string> fields = split_discovery_text(text);
-    require(fields.size() == std::size(static_fields), std::to_string(fields.size()) + " fields in '" + text + "'");
+    const std::optional<Device> known = device_from_static_text(text);
+    require(known.has_value(), std::to_string(split_discovery_text(text).size()) + " fields in '" + text + "'");
     visit.static_text = text;
-    for (size_t i = 0; i < fields.size(); ++i) {
-        const std::string &discovered = device_of(visit).fields[static_fields[i]];
-        require(fields[i] == discovered, std::string(discovery_fields[static_fields[i]].title) + " is '" + fields[i] +
-                                             "', in the discovery reply '" + discovered + "'");
+    for (const DiscoveryFieldIndex field : static_discovery_fields) {
+        const std::string &said = known->fields[field], &discovered = device_of(visit).fields[field];
+        require(said == discovered, std::string(discovery_fields[field].title) + " is '" + said +
+                                        "', in the discovery reply '" + discovered + "'");
     }
     return text;
 }

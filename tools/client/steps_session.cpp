@@ -16,7 +16,6 @@ static constexpr size_t channel_writes_max = 2;
 static constexpr int poll_ms = 50;        // between two looks at something that is about to happen
 static constexpr int echo_wait_ms = 500;  // then the change is made again: a fresh subscription may have missed it
 static constexpr int echo_tries = 10;
-static constexpr gint64 us_per_ms = 1000;
 
 static gint64 deadline_us(int wait_ms) { return g_get_monotonic_time() + wait_ms * us_per_ms; }
 
@@ -73,11 +72,12 @@ static void add_channel_values(Session &session, std::vector<Assignment> &assign
 }
 
 /* The next published message that `fits`; none when it does not come in time. */
-static std::optional<wire::Message> wait_for_published(const Session &session, int wait_ms,
-                                                       const std::function<bool(const wire::Message &)> &fits) {
+using MessageTest = std::function<bool(const wire::Message &)>;
+
+static std::optional<wire::Message> wait_for_published(const Session &session, int wait_ms, const MessageTest &fits) {
     const gint64 end_us = deadline_us(wait_ms);
     for (gint64 now_us = g_get_monotonic_time(); now_us < end_us; now_us = g_get_monotonic_time()) {
-        if (zsys_interrupted) throw Failure{ExitStatus::interrupted, "interrupted"};
+        if (zsys_interrupted) throw interrupted();
         std::optional<wire::Message> message =
             receive_published(session.events, static_cast<int>((end_us - now_us) / us_per_ms) + 1);
         if (message && fits(*message)) return message;
@@ -125,7 +125,7 @@ static Session end_session(Visit &visit) {
 std::string step_read(Visit &visit) {
     const wire::Value value = session_read(session_of(visit), serial_key, false);
     require(value.key() == serial_key, "the reply is about key '" + value.key() + "'");
-    require(value.signature() == "s" && !value.text().empty(),
+    require(value.signature() == signature_of_text && !value.text().empty(),
             "a value of type '" + value.signature() + "' with text '" + value.text() + "'");
     visit.serial = value.text();
     return std::string(serial_key) + " = " + visit.serial;
@@ -133,7 +133,7 @@ std::string step_read(Visit &visit) {
 
 std::string step_read_recursively(Visit &visit) {
     const wire::Value value = session_read(session_of(visit), hardware_keys, true);
-    require(value.signature() == "a{ss}", "a value of type '" + value.signature() + "'");
+    require(value.signature() == signature_of_pairs, "a value of type '" + value.signature() + "'");
     const std::string below = std::string(hardware_keys) + "/";
     for (const wire::Pair &pair : value.entries())
         require(pair.key() == hardware_keys || pair.key().starts_with(below), pair.key() + " is among the keys");
@@ -163,7 +163,7 @@ std::string step_read_masked(Visit &visit) {
 std::string step_write(Visit &visit) {
     Session &session = session_of(visit);
     visit.project_info = session_read(session, project_key, false).text();
-    const wire::WriteResult result = session_write(session, {project_key, visit.text}, plain_write_type);
+    const wire::WriteResult result = session_write(session, {project_key, visit.text}, write_plain);
     require(result.key() == project_key && result.value() == visit.text,
             "the reply says " + result.key() + " = '" + result.value() + "'");
     expect_project_info(session, visit.text);
@@ -198,14 +198,14 @@ std::string step_write_several(Visit &visit) {
 std::string step_write_forbidden(Visit &visit) {
     Session &session = session_of(visit);
     const Assignment forbidden = forbidden_of(visit);
-    const wire::Reply reply = session_ask(session, write_request(forbidden, plain_write_type));
+    const wire::Reply reply = session_ask(session, write_request(forbidden, write_plain));
     expect_status(reply, wire::STATUS_REFUSED, "writing " + forbidden.key);
     const wire::WriteResult &result = reply.write();
     require(result.key() == forbidden.key && result.result() < 0,
             "the refusal says key '" + result.key() + "', result " + std::to_string(result.result()));
     require(!session_may(session, operation_write, forbidden.key, false), "refused, but Authorize allows it");
     require(session_may(session, operation_read, forbidden.key, false), "Authorize does not allow to read it either");
-    return session_write_refusal(session, forbidden.key, plain_write_type, result.result()).sentence;
+    return session_write_refusal(session, forbidden.key, write_plain, result.result()).sentence;
 }
 
 std::string step_write_one_forbidden(Visit &visit) {

@@ -9,19 +9,13 @@
 #include "failure.h"
 #include "output.h"
 
-static constexpr gint64 us_per_ms = 1000;
 static constexpr gint64 ask_every_us = 5000 * us_per_ms;
 
-/* Of the static discovery text. */
-static constexpr size_t static_field_count = 8, static_model = 0, static_serial = 6;
-
 static Source source_of(Session &session) {
-    Source source{session.account.login.address, "", ""};
-    const std::vector<std::string> fields = split_discovery_text(session_static_discovery(session));
-    if (fields.size() != static_field_count) return source;
-    source.model = fields[static_model];
-    source.serial = fields[static_serial];
-    return source;
+    const std::string &address = session.account.login.address;
+    const std::optional<Device> device = device_from_static_text(session_static_discovery(session));
+    if (!device) return {address, "", ""};
+    return {address, device->fields[field_model], device->fields[field_serial]};
 }
 
 static void watch_events(Session &session, const Options &options) {

@@ -16,8 +16,7 @@ static Socket connect_socket(int type, const Endpoint &endpoint) {
     Socket socket(zsock_new(type));
     zsock_set_linger(socket.get(), 0);
     if (zsock_connect(socket.get(), "tcp://%s:%d", endpoint.address.c_str(), endpoint.port) != 0) {
-        throw Failure{ExitStatus::not_reachable,
-                      "not reachable: " + endpoint_text(endpoint) + " is no address to connect to"};
+        throw not_reachable(endpoint_text(endpoint) + " is no address to connect to");
     }
     return socket;
 }
@@ -43,10 +42,9 @@ static bool send_frames(const Socket &socket, const std::vector<std::string> &fr
 }
 
 static Failure no_answer(const Endpoint &endpoint, int timeout_ms) {
-    if (zsys_interrupted) return {ExitStatus::interrupted, "interrupted"};
-    g_autofree char *sentence = g_strdup_printf("not reachable: no answer from %s within %g s",
-                                                endpoint_text(endpoint).c_str(), timeout_ms / 1000.0);
-    return {ExitStatus::not_reachable, sentence};
+    if (zsys_interrupted) return interrupted();
+    g_autofree char *limit = g_strdup_printf("%g s", static_cast<double>(timeout_ms) / ms_per_s);
+    return not_reachable("no answer from " + endpoint_text(endpoint) + " within " + limit);
 }
 
 std::string endpoint_text(const Endpoint &endpoint) { return endpoint.address + ":" + std::to_string(endpoint.port); }
@@ -61,13 +59,12 @@ std::string resolve_host(const std::string &host) {
     char text[NI_MAXHOST];
     if (error != 0 ||
         getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) != 0) {
-        throw Failure{ExitStatus::not_reachable, "not reachable: no IPv4 address is known for host " + host};
+        throw not_reachable("no IPv4 address is known for host " + host);
     }
     return text;
 }
 
 bool accepts_connections(const Endpoint &endpoint, int timeout_ms) {
-    constexpr int ms_per_s = 1000;
     g_autoptr(GSocketClient) client = g_socket_client_new();
     g_socket_client_set_enable_proxy(client, FALSE);
     g_socket_client_set_timeout(client, static_cast<guint>((timeout_ms + ms_per_s - 1) / ms_per_s));
@@ -87,7 +84,7 @@ Socket connect_events(const Endpoint &endpoint) {
 std::vector<std::string> exchange_frames(const Socket &socket, const Endpoint &endpoint,
                                          const std::vector<std::string> &frames, int timeout_ms) {
     if (!send_frames(socket, frames)) {
-        throw Failure{ExitStatus::not_reachable, "not reachable: cannot send to " + endpoint_text(endpoint)};
+        throw not_reachable("cannot send to " + endpoint_text(endpoint));
     }
     const FrameList received(wait_readable(socket, timeout_ms) ? zmsg_recv(socket.get()) : nullptr);
     if (!received) throw no_answer(endpoint, timeout_ms);
@@ -108,16 +105,14 @@ std::string request_frame(const wire::Request &request) {
 wire::Reply exchange(const Socket &socket, const Endpoint &endpoint, const wire::Request &request, int timeout_ms) {
     const auto answer = exchange_frames(socket, endpoint, {request_frame(request)}, timeout_ms);
     if (answer.size() == 1 && answer[0].empty()) {
-        throw Failure{ExitStatus::refused, "refused: the device could not make anything of the request"};
+        throw refused("the device could not make anything of the request");
     }
-    const std::string who = "refused: " + endpoint_text(endpoint);
+    const std::string who = endpoint_text(endpoint);
     wire::Message message;
     if (answer.size() != 1 || !message.ParseFromString(answer[0]) || !message.has_reply())
-        throw Failure{ExitStatus::refused, who + " answered with something else than a reply"};
-    if (message.reply().sequence() != request.sequence()) {
-        throw Failure{ExitStatus::refused, who + " answered request " + std::to_string(request.sequence()) + " as " +
-                                               std::to_string(message.reply().sequence())};
-    }
+        throw refused(who + " answered with something else than a reply");
+    const std::string asked = std::to_string(request.sequence()), answered = std::to_string(message.reply().sequence());
+    if (asked != answered) throw refused(who + " answered request " + asked + " as " + answered);
     return message.reply();
 }
 

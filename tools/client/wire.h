@@ -17,14 +17,22 @@
 
 namespace wire = kesto::access::v1;
 
+constexpr const char *loopback_address = "127.0.0.1";
 constexpr int auth_port = 60000;
 constexpr int port_max = 65535;
+
+constexpr int ms_per_s = 1000;
+constexpr int64_t us_per_ms = 1000;
 
 /* Bits and codes that the contract gives as numbers. */
 constexpr uint32_t read_this_key_alone = 0x2000;
 constexpr uint32_t write_is_lock = 0x1000;
+constexpr uint32_t write_plain = 1;  // what the service itself gives each pair of a multi-write
 constexpr uint32_t operation_read = 2;
 constexpr uint32_t operation_write = 4;
+
+/* D-Bus types that a value can have. */
+constexpr const char *signature_of_text = "s", *signature_of_pairs = "a{ss}";
 
 struct Endpoint {
     std::string address;  // numeric IPv4
