@@ -19,9 +19,9 @@
 #include "net/sessions/release.h"
 #include "net/start/reactor.h"
 #include "net/transport/bus.h"
-#include "net/transport/connection_table.h"
 #include "net/transport/endpoint.h"
 #include "net/transport/limits.h"
+#include "net/transport/replaced_calls.h"
 
 static constexpr int32_t discovery_udp_port = 8004;
 static constexpr int32_t auth_tcp_port = 60000;
@@ -63,7 +63,7 @@ static bool init_czmq() {
     limits_raise_descriptors();
     if (!limits_allow_start()) return false;
     limits_raise_sockets();
-    connection_table_init(limits_descriptors());
+    replaced_calls_init(limits_descriptors());
     const bool ready = zsys_init() != nullptr;
     stop_signals_unblock();  // from here on this thread takes them, through CZMQ's handler
     return ready;

@@ -1,7 +1,6 @@
-/* The C library's calls that libzmq makes for its connections, replaced in this program. libzmq has no setting for how
- * many connections it may have, nor for what all together may hold; so each call tells the connection table, and what
- * the table refuses looks to libzmq like a peer that has gone. For any other descriptor they do what the C library's
- * do. */
+/* For any descriptor that is no connection, each call does what the C library's does. */
+#include "net/transport/replaced_calls.h"
+
 #include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -55,3 +54,5 @@ REPLACES_THE_C_LIBRARYS int close(int descriptor) {
     connection_table_remove(descriptor);
     return static_cast<int>(syscall(SYS_close, descriptor));
 }
+
+void replaced_calls_init(size_t descriptors) { connection_table_init(descriptors); }
