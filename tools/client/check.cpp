@@ -18,7 +18,7 @@ struct CheckResult {
 
 static constexpr const char *line_format = "%-50s  %-11s  %s";
 
-static Saying say_result(const char *name, const CheckResult &result) {
+static Output format_result(const char *name, const CheckResult &result) {
     const char *outcome = outcome_texts[static_cast<size_t>(result.outcome)];
     g_autofree char *text = g_strdup_printf(line_format, name, outcome, printable(result.seen).c_str());
     return {
@@ -29,12 +29,12 @@ static Saying say_result(const char *name, const CheckResult &result) {
 
 static void print_head() {
     g_autofree char *head = g_strdup_printf(line_format, "check", "outcome", "seen");
-    print_saying(false, {{}, head});
+    print_output(false, {{}, head});
 }
 
 static bool is_there(const Account &account) { return accepts_connections(account.login, account.timeout_ms); }
 
-/* A device that announces nothing may still take logins; then the checks say which half of it is silent. */
+/* A device that does not answer discovery may still take logins; the checks then show which of the two fails. */
 static void require_device(const Account &account) {
     const std::string &address = account.login.address;
     if (is_there(account) || !discover_devices({address, account.client_id, account.timeout_ms}).empty()) return;
@@ -77,7 +77,7 @@ int run_check(const Options &options) {
     visit_walk(visit, [&](const VisitStep &step) {
         if (step.check_name == nullptr) return;
         const CheckResult result = make_check(visit, step);
-        print_saying(options.json, say_result(step.check_name, result));
+        print_output(options.json, format_result(step.check_name, result));
         ++counts[static_cast<size_t>(result.outcome)];
         if (result.outcome == Outcome::fails && !is_there(visit.own.account))
             throw not_reachable("the device went away");

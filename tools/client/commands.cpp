@@ -21,7 +21,7 @@ static std::string yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 int run_discover(const Options &options) {
     const std::vector<Device> devices = discover_devices(search_from_options(options));
     if (devices.empty()) throw not_reachable("no device answered");
-    print_saying(options.json, say_devices(devices));
+    print_output(options.json, format_devices(devices));
     const bool keys_are_right =
         std::all_of(devices.begin(), devices.end(), [](const Device &device) { return device.key_is_right; });
     if (!keys_are_right) throw Failure{ExitStatus::refused, "a device did not wrap the right key"};
@@ -30,19 +30,19 @@ int run_discover(const Options &options) {
 
 int run_login(const Options &options) {
     const Account account = account_from_options(options);
-    LoginWishes wishes;
-    wishes.monitor = options.monitor;
-    wishes.discard_my_feedback = options.discard_my_feedback;
-    wishes.hide_secure_info = options.hide_secure_info;
-    wishes.no_lock = options.no_lock;
-    if (options.with_discovery) wishes.discovery = ask_static_discovery(account);
-    print_saying(options.json, say_login(account, log_in(account, wishes), !options.monitor));
+    LoginRequest login;
+    login.monitor = options.monitor;
+    login.discard_my_feedback = options.discard_my_feedback;
+    login.hide_secure_info = options.hide_secure_info;
+    login.no_lock = options.no_lock;
+    if (options.with_discovery) login.discovery = ask_static_discovery(account);
+    print_output(options.json, format_login(account, log_in(account, login), !options.monitor));
     return fine;
 }
 
 int run_logout(const Options &options) {
     log_out(account_from_options(options));
-    print_saying(options.json, {{{"client_id", options.client_id}}, "logged out " + printable(options.client_id)});
+    print_output(options.json, {{{"client_id", options.client_id}}, "logged out " + printable(options.client_id)});
     return fine;
 }
 
@@ -50,7 +50,7 @@ int run_read(const Options &options) {
     const std::string &key = options.arguments[0];
     require_key(key);
     with_session(options, [&](Session &session) {
-        print_saying(options.json, say_value(session_read(session, key, options.recursive)));
+        print_output(options.json, format_value(session_read(session, key, options.recursive)));
     });
     return fine;
 }
@@ -60,7 +60,7 @@ int run_write(const Options &options) {
     require_key(assignment.key);
     const uint32_t type = options.type | (options.lock ? write_is_lock : 0);
     with_session(options, [&](Session &session) {
-        print_saying(options.json, say_write(session_write(session, assignment, type)));
+        print_output(options.json, format_write(session_write(session, assignment, type)));
     });
     return fine;
 }
@@ -68,7 +68,7 @@ int run_write(const Options &options) {
 int run_multi_write(const Options &options) {
     const std::vector<Assignment> assignments = parse_assignments(options.arguments);
     with_session(options, [&](Session &session) {
-        print_saying(options.json, say_write_all(session_write_all(session, assignments)));
+        print_output(options.json, format_write_all(session_write_all(session, assignments)));
     });
     return fine;
 }
@@ -76,14 +76,14 @@ int run_multi_write(const Options &options) {
 int run_may(const Options &options) {
     const std::string &key = options.arguments[0];
     require_key(key);
-    with_session(options, [&](Session &session) { print_saying(options.json, ask_rights(session, key)); });
+    with_session(options, [&](Session &session) { print_output(options.json, ask_rights(session, key)); });
     return fine;
 }
 
 int run_static_discovery(const Options &options) {
     with_session(options, [&](Session &session) {
         const std::string text = session_static_discovery(session);
-        print_saying(options.json, {text, printable(text)});
+        print_output(options.json, {text, printable(text)});
     });
     return fine;
 }
@@ -91,7 +91,7 @@ int run_static_discovery(const Options &options) {
 int run_changes(const Options &options) {
     with_session(options, [&](Session &session) {
         const uint32_t count = session_change_count(session);
-        print_saying(options.json, {count, std::to_string(count)});
+        print_output(options.json, {count, std::to_string(count)});
     });
     return fine;
 }
@@ -103,7 +103,7 @@ std::vector<Assignment> parse_assignments(const std::vector<std::string> &words)
     return assignments;
 }
 
-Saying ask_rights(Session &session, const std::string &key) {
+Output ask_rights(Session &session, const std::string &key) {
     const bool read = session_may(session, operation_read, key, false);
     const bool read_recursively = session_may(session, operation_read, key, true);
     const bool write = session_may(session, operation_write, key, false);

@@ -16,4 +16,4 @@ int run_changes(const Options &options);
 /* The words of a multi-write, each KEY=VALUE. */
 std::vector<Assignment> parse_assignments(const std::vector<std::string> &words);
 
-Saying ask_rights(Session &session, const std::string &key);
+Output ask_rights(Session &session, const std::string &key);

@@ -1,4 +1,4 @@
-/* The request goes to every broadcast address of this machine, since none of them alone reaches everybody:
+/* The request goes to every broadcast address of this machine, since none of them alone reaches every device:
  * 255.255.255.255 needs a route, and a device on this very machine may listen to the loopback interface only. */
 #include "discovery.h"
 
@@ -48,7 +48,7 @@ static GSocket *open_socket() {
     return socket;
 }
 
-/* Some of the addresses are out of reach on most machines, so it takes all of them to fail. */
+/* Some of the addresses cannot be reached from most machines: only when all of them fail is it a failure. */
 static void send_to_all(GSocket *socket, const std::set<std::string> &addresses, const std::string &request) {
     std::string reason;
     size_t failed_count = 0;
@@ -140,7 +140,7 @@ static std::optional<Datagram> receive_datagram(GSocket *socket) {
     return Datagram{std::string(buffer, static_cast<size_t>(length)), address};
 }
 
-/* Asks and asks again, until the wait is over or `take` has seen enough and returns false. */
+/* Sends the request again and again until the wait is over or `take` returns false. */
 static void collect_replies(const std::set<std::string> &targets, const std::string &request, int wait_ms,
                             const std::function<bool(const Datagram &)> &take) {
     g_autoptr(GSocket) socket = open_socket();

@@ -1,6 +1,6 @@
 /* discovery.h - finding devices: one UDP datagram out, one from each device back.
  *
- * A device keeps the client id of a discovery request on its books until that id logs out. */
+ * A device keeps a record of the client id in a discovery request until that id logs out. */
 #pragma once
 
 #include <array>
@@ -67,17 +67,17 @@ struct Device {
 };
 
 struct DiscoverySearch {
-    std::optional<std::string> address;  // ask this one and be content with its answer; none: everybody in reach
+    std::optional<std::string> address;  // ask this device only, until it answers; none: ask every device in reach
     std::string client_id;
     int wait_ms;
 };
 
 /* The devices that answered within the wait; a device that answered several times is one. What is no discovery reply is
- * passed over. */
+ * ignored. */
 std::vector<Device> discover_devices(const DiscoverySearch &search);
 
 /* One datagram from one device: `datagram` is what it answered, empty when nothing came in time. None when that is no
- * discovery reply. Whether the key is right is the caller's to ask. */
+ * discovery reply. key_is_right is left false: wraps_shared_key tells. */
 std::optional<Device> ask_device(const std::string &address, const std::string &request, int wait_ms,
                                  std::string &datagram);
 std::string discovery_request(const std::string &public_key_pem, const std::string &client_id);

@@ -10,7 +10,7 @@
 
 #include "owned.h"
 
-/* What a device of this make wraps. */
+/* The text that every device wraps. */
 constexpr std::string_view shared_key = "7D2E5A91C04BF368";
 
 using KeyPair = std::unique_ptr<EVP_PKEY, ByPointer<EVP_PKEY_free>>;

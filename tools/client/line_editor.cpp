@@ -20,7 +20,7 @@ struct LineEditor {
 static constexpr int history_lines = 500;
 static constexpr size_t listed_words_max = 60;
 static constexpr size_t read_size_bytes = 4096;
-static constexpr long look_ms = 250;  // Ctrl-C just before a wait is noticed after it
+static constexpr long look_ms = 250;  // a Ctrl-C just before a wait is noticed only after it
 static constexpr const char *erase_line = "\r\x1b[K";
 
 static LineEditor &editor_of(EditLine *line) {

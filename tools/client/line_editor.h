@@ -11,7 +11,7 @@
 #include "owned.h"
 
 struct LineEditorCallbacks {
-    std::function<void *()> socket;  // the libzmq socket to serve, asked for before each wait; may be null
+    std::function<void *()> socket;  // the libzmq socket to serve, asked for before each wait; may be NULL
     std::function<void()> serve;     // it is readable; what this prints stands above the line being typed
     std::function<std::vector<std::string>(const std::string &line)>
         complete;  // words for the line's unfinished last one

@@ -1,4 +1,4 @@
-/* GOption reads the options; the words around them are taken apart here, because a value such as -6.5 is no option. */
+/* GOption reads the options; the words around them are sorted out here, because a value such as -6.5 is no option. */
 #include "options.h"
 
 #include <algorithm>
@@ -213,7 +213,7 @@ static std::string ask_password(const std::string &user) {
     }
     fprintf(stderr, "Password of %s: ", user.c_str());
     termios hidden = shown;
-    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);  // a Ctrl-C that ended us here would leave the echo off
+    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);  // a Ctrl-C that ended the program would leave the echo off
     const char interrupt = static_cast<char>(shown.c_cc[VINTR]);
     hidden.c_cc[VEOL] = shown.c_cc[VINTR];
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);

@@ -50,7 +50,7 @@ static double short_decimal(float value) {
     return error == std::errc() ? g_ascii_strtod(text, nullptr) : static_cast<double>(value);
 }
 
-static Saying say_alarm(const wire::Alarm &alarm) {
+static Output format_alarm(const wire::Alarm &alarm) {
     const auto value = static_cast<double>(alarm.value());
     const char *active = alarm.active() != 0 ? ", active" : "";
     g_autofree char *text =
@@ -65,7 +65,7 @@ static Saying say_alarm(const wire::Alarm &alarm) {
     };
 }
 
-static Saying say_change(const wire::Change &change) {
+static Output format_change(const wire::Change &change) {
     Json json = {
         {"event", "change"      },
         {"key",   change.key()  },
@@ -79,10 +79,10 @@ static Saying say_change(const wire::Change &change) {
     return {json, text};
 }
 
-static Saying say_event(const wire::Event &event) {
+static Output format_event(const wire::Event &event) {
     switch (event.kind_case()) {
-        case wire::Event::kAlarm: return say_alarm(event.alarm());
-        case wire::Event::kChange: return say_change(event.change());
+        case wire::Event::kAlarm: return format_alarm(event.alarm());
+        case wire::Event::kChange: return format_change(event.change());
         case wire::Event::kSnapshotLoaded: {
             const uint32_t slot = event.snapshot_loaded().slot();
             return {
@@ -97,9 +97,9 @@ static Saying say_event(const wire::Event &event) {
 }
 
 /* The reply to another client's write, as that client got it; on one line, as every event. */
-static Saying say_echo(const wire::Reply &reply) {
+static Output format_echo(const wire::Reply &reply) {
     const bool several = reply.has_multi_write();
-    const Saying what = several ? say_write_all(reply.multi_write()) : say_write(reply.write());
+    const Output what = several ? format_write_all(reply.multi_write()) : format_write(reply.write());
     std::string text = what.text;
     for (size_t end = 0; (end = text.find('\n', end)) != std::string::npos;) text.replace(end, 1, "; ");
     Json json = {
@@ -110,24 +110,24 @@ static Saying say_echo(const wire::Reply &reply) {
     return {json, "client " + printable(reply.client_id()) + " wrote " + text};
 }
 
-static Saying say_what(const wire::Message &message) {
-    return message.has_event() ? say_event(message.event()) : say_echo(message.reply());
+static Output format_what(const wire::Message &message) {
+    return message.has_event() ? format_event(message.event()) : format_echo(message.reply());
 }
 
 /* The time that a message came at, and `rest`. */
-static Saying say_timed(const Json &rest, const std::string &text) {
-    Saying saying{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + text};
-    saying.json.update(rest);
-    return saying;
+static Output format_timed(const Json &rest, const std::string &text) {
+    Output output{{{"time", local_time("%Y-%m-%dT%H:%M:%S")}}, local_time("%H:%M:%S") + " " + text};
+    output.json.update(rest);
+    return output;
 }
 
 static std::string source_text(const Source &source) {
     return source.serial.empty() ? source.address : printable(source.model) + " " + printable(source.serial);
 }
 
-void print_saying(bool json, const Saying &saying) {
+void print_output(bool json, const Output &output) {
     // What devices say comes unchecked from the network; a byte that is not UTF-8 must not end the program.
-    const std::string text = json ? saying.json.dump(-1, ' ', false, Json::error_handler_t::replace) : saying.text;
+    const std::string text = json ? output.json.dump(-1, ' ', false, Json::error_handler_t::replace) : output.text;
     printf("%s\n", text.c_str());
     fflush(stdout);
 }
@@ -147,16 +147,16 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-Saying say_devices(const std::vector<Device> &devices) {
-    Saying saying{Json::array(), ""};
+Output format_devices(const std::vector<Device> &devices) {
+    Output output{Json::array(), ""};
     for (const Device &device : devices) {
-        saying.json.push_back(device_json(device));
-        add_line(saying.text, device_text(device));
+        output.json.push_back(device_json(device));
+        add_line(output.text, device_text(device));
     }
-    return saying;
+    return output;
 }
 
-Saying say_login(const Account &account, const wire::Session &ports, bool stays) {
+Output format_login(const Account &account, const wire::Session &ports, bool stays) {
     const std::string id = printable(account.client_id);
     const std::string end =
         stays ? "it logs out: kesto-client --id " + id + " logout" : "its last command connection closes";
@@ -172,25 +172,25 @@ Saying say_login(const Account &account, const wire::Session &ports, bool stays)
     };
 }
 
-Saying say_value(const wire::Value &value) {
-    Saying saying{
+Output format_value(const wire::Value &value) {
+    Output output{
         {{"key", value.key()}, {"signature", value.signature()}},
         ""
     };
     if (value.signature() != signature_of_pairs) {
-        saying.json["value"] = value.text();
-        saying.text = printable(value.text());
-        return saying;
+        output.json["value"] = value.text();
+        output.text = printable(value.text());
+        return output;
     }
-    Json &entries = saying.json["entries"] = Json::object();
+    Json &entries = output.json["entries"] = Json::object();
     for (const wire::Pair &pair : value.entries()) {
         entries[pair.key()] = pair.value();
-        add_line(saying.text, assignment_text(pair.key(), pair.value()));
+        add_line(output.text, assignment_text(pair.key(), pair.value()));
     }
-    return saying;
+    return output;
 }
 
-Saying say_write(const wire::WriteResult &result) {
+Output format_write(const wire::WriteResult &result) {
     const Json json = {
         {"key",    result.key()   },
         {"value",  result.value() },
@@ -203,8 +203,8 @@ Saying say_write(const wire::WriteResult &result) {
     return {json, text};
 }
 
-Saying say_write_all(const wire::MultiWriteResult &result) {
-    Saying saying{Json::array(), ""};
+Output format_write_all(const wire::MultiWriteResult &result) {
+    Output output{Json::array(), ""};
     for (int i = 0; i < result.pairs_size(); ++i) {
         const wire::Pair &pair = result.pairs(i);
         Json json = {
@@ -216,19 +216,19 @@ Saying say_write_all(const wire::MultiWriteResult &result) {
             json["result"] = result.results(i);
             line += " (" + printable(result.results(i)) + ")";
         }
-        saying.json.push_back(json);
-        add_line(saying.text, line);
+        output.json.push_back(json);
+        add_line(output.text, line);
     }
-    return saying;
+    return output;
 }
 
-Saying say_published(const wire::Message &message) {
-    const Saying what = say_what(message);
-    return say_timed(what.json, what.text);
+Output format_published(const wire::Message &message) {
+    const Output what = format_what(message);
+    return format_timed(what.json, what.text);
 }
 
-Saying say_published_by(const Source &source, const wire::Message &message) {
-    const Saying what = say_what(message);
+Output format_published_by(const Source &source, const wire::Message &message) {
+    const Output what = format_what(message);
     Json json;
     json["device"] = {
         {"address", source.address},
@@ -237,5 +237,5 @@ Saying say_published_by(const Source &source, const wire::Message &message) {
     };
     json["client_id"] = nullptr;  // the device itself
     json.update(what.json);       // an echo names its client
-    return say_timed(json, source_text(source) + ": " + (message.has_event() ? "device: " : "") + what.text);
+    return format_timed(json, source_text(source) + ": " + (message.has_event() ? "device: " : "") + what.text);
 }

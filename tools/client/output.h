@@ -12,25 +12,25 @@
 
 using Json = nlohmann::ordered_json;
 
-/* One thing to say, in both forms. */
-struct Saying {
+/* One thing to print, in both forms. */
+struct Output {
     Json json;
     std::string text;  // one or more lines, without the last line break
 };
 
-void print_saying(bool json, const Saying &saying);
-std::string printable(std::string_view text); /* without anything that a terminal would act on */
+void print_output(bool json, const Output &output);
+std::string printable(std::string_view text); /* valid UTF-8, with control characters as \xNN */
 
-Saying say_devices(const std::vector<Device> &devices);
-Saying say_login(const Account &account, const wire::Session &ports, bool stays);
-Saying say_value(const wire::Value &value);
-Saying say_write(const wire::WriteResult &result);
-Saying say_write_all(const wire::MultiWriteResult &result);
-Saying say_published(const wire::Message &message); /* with the local time of now */
+Output format_devices(const std::vector<Device> &devices);
+Output format_login(const Account &account, const wire::Session &ports, bool stays);
+Output format_value(const wire::Value &value);
+Output format_write(const wire::WriteResult &result);
+Output format_write_all(const wire::MultiWriteResult &result);
+Output format_published(const wire::Message &message); /* with the local time of now */
 
 /* Whose events are shown. */
 struct Source {
     std::string address;
     std::string model, serial;  // empty while the device does not know itself yet
 };
-Saying say_published_by(const Source &source, const wire::Message &message); /* the same, with device and causer */
+Output format_published_by(const Source &source, const wire::Message &message); /* the same, with device and causer */

@@ -1,5 +1,5 @@
-/* A refusal on the wire has no reason in it. Whether the user's rights were it is asked afterwards, with the request
- * that touches nothing. */
+/* A refusal on the wire gives no reason. Whether it was the user's rights is asked afterwards, with an Authorize
+ * request, which changes nothing. */
 #include "session.h"
 
 #include <string_view>
@@ -41,12 +41,12 @@ static Failure refused_write_all(Session &session, const std::vector<Assignment>
 
 static bool is_port(int number) { return number > 0 && number <= port_max; }
 
-/* Fresh sessions are monitored, so that they end with this program however it ends. */
-static LoginWishes passing_wishes(const Options &options) {
-    LoginWishes wishes;
-    wishes.monitor = !options.keep;
-    wishes.discard_my_feedback = true;
-    return wishes;
+/* A session that this program opens is monitored: it ends with the program, however that ends. */
+static LoginRequest passing_login(const Options &options) {
+    LoginRequest login;
+    login.monitor = !options.keep;
+    login.discard_my_feedback = true;
+    return login;
 }
 
 Account account_from_options(const Options &options) {
@@ -57,7 +57,7 @@ Account account_from_options(const Options &options) {
 }
 
 wire::Reply ask_login_socket(const Account &account, wire::Request request) {
-    // A REQ socket hides that nothing listens until the time-out; a refused connection says so at once.
+    // A REQ socket does not report a refused connection: that nothing listens would show only at the time-out.
     if (!accepts_connections(account.login, account.timeout_ms)) {
         throw not_reachable("no device takes logins at " + endpoint_text(account.login));
     }
@@ -65,26 +65,26 @@ wire::Reply ask_login_socket(const Account &account, wire::Request request) {
     return exchange(connect_commands(account.login), account.login, request, account.timeout_ms);
 }
 
-wire::Reply ask_to_log_in(const Account &account, const LoginWishes &wishes) {
+wire::Reply ask_to_log_in(const Account &account, const LoginRequest &login) {
     wire::Request request;
-    wire::Login &login = *request.mutable_login();
-    login.set_user_name(account.user);
-    login.set_password(account.password);
-    login.set_monitor(wishes.monitor);
-    login.set_discard_my_feedback(wishes.discard_my_feedback);
-    login.set_hide_secure_info(wishes.hide_secure_info);
-    login.set_no_lock(wishes.no_lock);
-    if (wishes.discovery) login.set_discovery(*wishes.discovery);
+    wire::Login &fields = *request.mutable_login();
+    fields.set_user_name(account.user);
+    fields.set_password(account.password);
+    fields.set_monitor(login.monitor);
+    fields.set_discard_my_feedback(login.discard_my_feedback);
+    fields.set_hide_secure_info(login.hide_secure_info);
+    fields.set_no_lock(login.no_lock);
+    if (login.discovery) fields.set_discovery(*login.discovery);
     return ask_login_socket(account, request);
 }
 
-wire::Session log_in(const Account &account, const LoginWishes &wishes) {
-    const wire::Reply reply = ask_to_log_in(account, wishes);
+wire::Session log_in(const Account &account, const LoginRequest &login) {
+    const wire::Reply reply = ask_to_log_in(account, login);
     if (reply.status() == wire::STATUS_OK && is_port(reply.session().command_port()) &&
         is_port(reply.session().event_port())) {
         return reply.session();
     }
-    const std::string discovery = wishes.discovery ? ", another device's discovery text" : "";
+    const std::string discovery = login.discovery ? ", another device's discovery text" : "";
     throw refused("log in as " + account.user + ": wrong user name or password, a session of another user under id " +
                   account.client_id + discovery + ", or no free port on the device");
 }
@@ -105,8 +105,8 @@ std::string ask_static_discovery(const Account &account) {
     return reply.discovery();
 }
 
-Session session_open(const Account &account, const LoginWishes &wishes) {
-    const wire::Session ports = log_in(account, wishes);
+Session session_open(const Account &account, const LoginRequest &login) {
+    const wire::Session ports = log_in(account, login);
     Session session{account, ports.command_port(), ports.event_port(), nullptr, nullptr};
     session.commands = connect_commands(session_command_endpoint(session));
     return session;
@@ -121,11 +121,11 @@ Endpoint session_command_endpoint(const Session &session) {
 Endpoint session_event_endpoint(const Session &session) { return {session.account.login.address, session.event_port}; }
 
 Session session_enter(const Options &options) {
-    return session_open(account_from_options(options), passing_wishes(options));
+    return session_open(account_from_options(options), passing_login(options));
 }
 
-/* A session under an id of our own is nobody else's. Under any other id a session that was there before stays, and a
- * fresh one, being monitored, ends with its connection. */
+/* Nobody else has a session under an id of this run. Under any other id, a session that was there before must stay, and
+ * a new one, being monitored, ends with its connection. */
 void session_leave(const Options &options, const Session &session) {
     if (options.own_id && !options.keep) log_out(session.account);
 }

@@ -27,7 +27,7 @@ struct ShellCommand {
     void (*run)(Shell &shell, const Words &arguments);
 };
 
-/* Where a user finds keys; the first that the user's rights allow to be read recursively comes first. */
+/* The branches to learn keys from; a user who may read the first recursively needs no other. */
 static constexpr const char *key_roots[] = {"/", "/Device/Config", "/Device/Audio/Presets/Live"};
 
 static Failure wrong_line(const std::string &problem) { return {ExitStatus::usage, problem + " (try help)"}; }
@@ -39,7 +39,7 @@ static Session &session_of(Shell &shell) {
     return *shell.session;
 }
 
-static void say(const Shell &shell, const Saying &saying) { print_saying(shell.options.json, saying); }
+static void print(const Shell &shell, const Output &output) { print_output(shell.options.json, output); }
 
 static void learn_keys(Shell &shell, const wire::Value &value) {
     for (const wire::Pair &pair : value.entries()) shell.keys.insert(pair.key());
@@ -52,21 +52,21 @@ static void shell_read(Shell &shell, const Words &arguments) {
     const wire::Value value = session_read(session_of(shell), arguments.back(), recursive);
     learn_keys(shell, value);
     if (!recursive) shell.keys.insert(arguments.back());
-    say(shell, say_value(value));
+    print(shell, format_value(value));
 }
 
 static void shell_write(Shell &shell, const Words &arguments) {
     require_key(arguments[0]);
-    say(shell, say_write(session_write(session_of(shell), {arguments[0], arguments[1]}, shell.options.type)));
+    print(shell, format_write(session_write(session_of(shell), {arguments[0], arguments[1]}, shell.options.type)));
 }
 
 static void shell_multi_write(Shell &shell, const Words &arguments) {
-    say(shell, say_write_all(session_write_all(session_of(shell), parse_assignments(arguments))));
+    print(shell, format_write_all(session_write_all(session_of(shell), parse_assignments(arguments))));
 }
 
 static void shell_may(Shell &shell, const Words &arguments) {
     require_key(arguments[0]);
-    say(shell, ask_rights(session_of(shell), arguments[0]));
+    print(shell, ask_rights(session_of(shell), arguments[0]));
 }
 
 static void shell_watch(Shell &shell, const Words &arguments) {
@@ -136,7 +136,7 @@ static void run_line_and_report(Shell &shell, const std::string &line) {
     }
 }
 
-/* The next levels of what begins like `word`: a whole tree of keys would fill screens. */
+/* The keys that begin with `word`, cut off after the next level: a whole tree of keys would fill screens. */
 static Words next_levels(const std::set<std::string> &keys, const std::string &word) {
     std::set<std::string> levels;
     for (auto key = keys.lower_bound(word); key != keys.end() && key->starts_with(word); ++key) {
@@ -176,7 +176,7 @@ static LineEditorCallbacks callbacks_of(Shell &shell) {
     };
     callbacks.serve = [&shell] {
         const std::optional<wire::Message> message = receive_published(shell.session->events, 0);
-        if (message) say(shell, say_published(*message));
+        if (message) print(shell, format_published(*message));
     };
     callbacks.complete = [&shell](const std::string &line) { return complete_line(shell, line); };
     return callbacks;

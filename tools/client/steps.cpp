@@ -21,11 +21,11 @@ PassingId further_id(const Visit &visit, const char *suffix) {
     return PassingId(account_named(visit.own.account, suffix));
 }
 
-LoginWishes monitored() {
-    LoginWishes wishes;
-    wishes.monitor = true;
-    wishes.discard_my_feedback = true;
-    return wishes;
+LoginRequest monitored() {
+    LoginRequest login;
+    login.monitor = true;
+    login.discard_my_feedback = true;
+    return login;
 }
 
 Session &session_of(Visit &visit) {

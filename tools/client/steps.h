@@ -1,4 +1,4 @@
-/* steps.h - the single steps of a visit, and what they are made of. A step's outcome is described in visit.h. */
+/* steps.h - the single steps of a visit, each a StepFunction as visit.h describes it, and what they share. */
 #pragma once
 
 #include "visit.h"
@@ -11,7 +11,7 @@ void expect_status(const wire::Reply &reply, wire::Status status, const std::str
 
 Account account_named(const Account &account, const char *suffix); /* the same user under a further client id */
 PassingId further_id(const Visit &visit, const char *suffix);
-LoginWishes monitored();           /* without the echo of own changes */
+LoginRequest monitored();          /* monitored, without the echo of own changes */
 Session &session_of(Visit &visit); /* throws NotChecked when there is none */
 std::string ports_text(const Session &session);
 

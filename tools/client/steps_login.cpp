@@ -20,8 +20,8 @@ static std::string ports_text(const wire::Session &ports) {
     return std::to_string(ports.command_port()) + " and " + std::to_string(ports.event_port());
 }
 
-static void expect_login_refused(const Account &account, const LoginWishes &wishes, const std::string &what) {
-    const wire::Reply reply = ask_to_log_in(account, wishes);
+static void expect_login_refused(const Account &account, const LoginRequest &login, const std::string &what) {
+    const wire::Reply reply = ask_to_log_in(account, login);
     expect_status(reply, wire::STATUS_REFUSED, what);
     require(!reply.has_session(), what + " is refused, but there are ports in the reply");
 }
@@ -169,15 +169,15 @@ std::string step_other_user(Visit &visit) {
 
 std::string step_show_discovery(Visit &visit) {
     if (visit.static_text.empty()) throw NotChecked{"there is no static discovery text"};
-    LoginWishes wishes = monitored();
-    wishes.discovery = visit.static_text;
+    LoginRequest login = monitored();
+    login.discovery = visit.static_text;
     {
         const PassingId id = further_id(visit, "-right-text");
-        log_in(id.account, wishes);
+        log_in(id.account, login);
     }
-    wishes.discovery->back() = '?';
+    login.discovery->back() = '?';
     const PassingId id = further_id(visit, "-wrong-text");
-    expect_login_refused(id.account, wishes, "a text with another last byte");
+    expect_login_refused(id.account, login, "a text with another last byte");
     return "accepted; with another last byte refused";
 }
 

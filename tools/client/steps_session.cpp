@@ -13,7 +13,7 @@ static constexpr const char *mask = "********";
 static constexpr const char *secret_endings[] = {"password", "passphrase", "secret", "pin"};
 static constexpr size_t channel_writes_max = 2;
 
-static constexpr int poll_ms = 50;        // between two looks at something that is about to happen
+static constexpr int poll_ms = 50;        // between two attempts to see something that is about to happen
 static constexpr int echo_wait_ms = 500;  // then the change is made again: a fresh subscription may have missed it
 static constexpr int echo_tries = 10;
 
@@ -30,8 +30,7 @@ static Session &writable_session_of(Visit &visit) {
     return session;
 }
 
-/* A key that the user may not write, with the value that it has: should the device take it after all, nothing is lost.
- */
+/* A key that the user may not write, with the value that it has: if the device accepts the write, nothing changes. */
 static Assignment forbidden_of(const Visit &visit) {
     if (visit.serial.empty()) throw NotChecked{std::string(serial_key) + " is not known"};
     if (visit.own.account.user == unrestricted_user) {
@@ -85,7 +84,7 @@ static std::optional<wire::Message> wait_for_published(const Session &session, i
     return std::nullopt;
 }
 
-/* Whether it is the echo of this client's writing this text. */
+/* Whether it is the echo of the writer's write of this text. */
 static bool is_echo(const wire::Message &message, const Session &writer, const std::string &text) {
     return message.reply().client_id() == writer.account.client_id && message.reply().write().value() == text;
 }
@@ -150,9 +149,9 @@ std::string step_read_missing(Visit &visit) {
 std::string step_read_masked(Visit &visit) {
     const std::string key = find_secret(session_read(session_of(visit), config_keys, true));
     const PassingId id = further_id(visit, "-masked");
-    LoginWishes wishes = monitored();
-    wishes.hide_secure_info = true;
-    Session session = session_open(id.account, wishes);
+    LoginRequest login = monitored();
+    login.hide_secure_info = true;
+    Session session = session_open(id.account, login);
     require(session_read(session, key, false).text() == mask, key + " is readable by itself");
     const wire::Value several = session_read(session, config_keys, true);
     require(entry_of(several, key) == mask, key + " is readable among others");
@@ -246,7 +245,7 @@ std::string step_hear_alarm(Visit &visit) {
         return message.event().kind_case() == wire::Event::kAlarm;
     });
     require(alarm.has_value(), "the device raised no alarm in time (--alarm-wait)");
-    return say_published(*alarm).text;
+    return format_published(*alarm).text;
 }
 
 std::string step_put_back(Visit &visit) {
@@ -269,7 +268,8 @@ std::string step_log_out_and_in(Visit &visit) {
            std::to_string(fresh.event_port());
 }
 
-/* While the session lasts, another login gives its ports. Trying to connect would count as the client itself. */
+/* While the session lasts, another login gives the same ports. That is asked rather than whether the command port is
+ * open, since a connection would count as the client's. */
 std::string step_vanish(Visit &visit) {
     const PassingId id = further_id(visit, "-vanishing");
     Session session = session_open(id.account, monitored());

@@ -5,7 +5,7 @@
 #include "output.h"
 #include "steps.h"
 
-static Saying say_step(int number, const char *name, bool fine, const std::string &detail) {
+static Output format_step(int number, const char *name, bool fine, const std::string &detail) {
     g_autofree char *text =
         g_strdup_printf("%2d  %-33s %-6s  %s", number, name, fine ? "OK" : "failed", printable(detail).c_str());
     return {
@@ -32,9 +32,9 @@ int run_tour(const Options &options) {
         ++number;
         try {
             const std::string detail = take_step(visit, step);
-            print_saying(options.json, say_step(number, name, true, detail));
+            print_output(options.json, format_step(number, name, true, detail));
         } catch (const Failure &failure) {
-            print_saying(options.json, say_step(number, name, false, failure.sentence));
+            print_output(options.json, format_step(number, name, false, failure.sentence));
             throw Failure{failure.status, std::string("the tour failed to ") + name + ": " + failure.sentence};
         }
     });

@@ -18,7 +18,7 @@ struct NotChecked {
     std::string why;
 };
 
-/* A client id of the visit's own: whatever happened under it, it is logged out in the end. */
+/* A client id of the visit's own. The destructor logs it out, whatever happened under it. */
 struct PassingId {
     Account account;
 
@@ -28,7 +28,7 @@ struct PassingId {
     PassingId &operator=(const PassingId &) = delete;
 };
 
-/* What the steps so far have found. */
+/* What the steps are given, and what they have found so far. */
 struct Visit {
     const Options &options;
     PassingId own;
@@ -43,7 +43,8 @@ struct Visit {
 };
 
 /* Takes one step; returns what was seen. Throws a Failure when the device does not keep the contract or does not
- * answer, and NotChecked. Leaves ids and values as they were, except for what it records in the visit. */
+ * answer, NotChecked when the step cannot be taken. Leaves ids and values as they were, except for what it records in
+ * the visit. */
 using StepFunction = std::string (*)(Visit &visit);
 
 struct VisitStep {

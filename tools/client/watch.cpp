@@ -1,4 +1,4 @@
-/* A device that goes away falls silent, as one without events does. A question now and then tells the two apart. */
+/* A device that is gone is as silent as one without events. A request every few seconds tells the two apart. */
 #include "watch.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ static void watch_events(Session &session, const Options &options) {
         const std::optional<wire::Message> message =
             receive_published(session.events, static_cast<int>(std::max<gint64>(wait_us / us_per_ms, 1)));
         if (!message) continue;
-        print_saying(options.json, say_published_by(source, *message));
+        print_output(options.json, format_published_by(source, *message));
         ++shown_count;
     }
 }

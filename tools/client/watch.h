@@ -3,5 +3,6 @@
 
 #include "options.h"
 
-/* Until Ctrl-C, --count events or --for seconds; all three are a good end. Fails when the device stops answering. */
+/* Until Ctrl-C, --count events or --for seconds; each with status 0. Throws a Failure when the device stops answering.
+ */
 int run_watch(const Options &options);

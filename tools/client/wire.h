@@ -1,7 +1,7 @@
 /* wire.h - requests, replies and events of the wire contract over ZeroMQ sockets.
  *
  * One thread. Everything that waits is bounded by a time-out in milliseconds. Failures are thrown (failure.h):
- * not_reachable when nothing answers in time, refused when the answer is none, interrupted after Ctrl-C. */
+ * not_reachable when nothing answers in time, refused when the answer is not a reply, interrupted after Ctrl-C. */
 #pragma once
 
 #include <cstdint>
@@ -47,7 +47,7 @@ std::string endpoint_text(const Endpoint &endpoint); /* "127.0.0.1:60000" */
 std::string resolve_host(const std::string &host);
 
 /* Whether something accepts TCP connections there; takes one and closes it at once. Never ask this of the command port
- * of a monitored session: the service takes the closing for the client's own. */
+ * of a monitored session: the service would take the closed connection for the client's and end the session. */
 bool accepts_connections(const Endpoint &endpoint, int timeout_ms);
 
 /* Sockets connect in the background: that nothing is there shows at the first exchange. */

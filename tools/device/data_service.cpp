@@ -1,6 +1,5 @@
-/* Each call is answered with a message of our own making rather than through its invocation: GDBus refuses to send
- * what the introspection does not promise, and breaking that promise is what half of the faults are for. It also
- * makes a late answer the same as an early one: a message that is sent another time. */
+/* Each call is answered with a message of our own rather than through its invocation: GDBus sends only replies of the
+ * type that the introspection gives, and some faults need another. A late reply is the same message, sent later. */
 #include "data_service.h"
 
 #include <cstdio>
@@ -88,7 +87,7 @@ static constexpr MethodRow methods[] = {
 static const MethodRow *find_method(const char *name) {
     for (const MethodRow &row : methods)
         if (strcmp(name, row.name) == 0) return &row;
-    return nullptr;  // not reached: GDBus lets only the introspected ones through
+    return nullptr;  // not reached: GDBus passes on only the methods of the introspection
 }
 
 static std::vector<std::string> keys_of(DataMethod method, GVariant *arguments) {
@@ -102,7 +101,7 @@ static std::vector<std::string> keys_of(DataMethod method, GVariant *arguments) 
     return keys;
 }
 
-/* The reply that a faulty call gets; nothing for one that is never answered. */
+/* The reply that a call with a fault gets; NULL for one that is never answered. */
 static GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, FaultKind kind, GDBusMessage *call,
                                         GVariant *arguments) {
     switch (kind) {
@@ -116,7 +115,7 @@ static GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, Fa
         case FaultKind::type:
         case FaultKind::empty: break;
     }
-    [[maybe_unused]] g_autoptr(GDBusMessage) honest = row.perform(device, call, arguments);
+    [[maybe_unused]] g_autoptr(GDBusMessage) right_reply = row.perform(device, call, arguments);
     const char *body = kind == FaultKind::type ? row.wrong_type : "()";
     return reply_with(call, g_variant_parse(nullptr, body, nullptr, nullptr, nullptr));
 }
@@ -139,7 +138,7 @@ static void free_late_reply(void *argument) {
     delete late;
 }
 
-/* Failures are left alone: the bus is gone then, nobody waits for the reply, and its loss ends the main loop. */
+/* A failure is ignored: it means that the bus is gone, which ends the main loop. */
 static void send_reply(GDBusConnection *connection, GDBusMessage *reply, guint late_ms) {
     if (late_ms == 0) {
         g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);

@@ -31,7 +31,7 @@ using Faults = std::vector<Fault>;  // at most one for each method and key
  * Empty when it was applied, else what is wrong with it, and nothing has changed. */
 std::string faults_apply(Faults &faults, const std::string &text);
 
-/* The fault for a call with these keys: one for any of them goes before one for the whole method. Nothing when none
+/* The fault for a call with these keys: one for any of them goes before one for the whole method. NULL when none
  * fits. Valid until the next faults_apply. */
 const Fault *faults_find(const Faults &faults, DataMethod method, const std::vector<std::string> &keys);
 

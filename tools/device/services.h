@@ -1,4 +1,4 @@
-/* services.h - the device on the bus: its two services and the object through which people and tests steer it. */
+/* services.h - the device on the bus: its two services and the object through which people and tests control it. */
 #pragma once
 
 #include "device.h"

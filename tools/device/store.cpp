@@ -33,7 +33,7 @@ static bool read_file(Store &store) {
         if (!g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT))
             return complain(store, "cannot read", error->message);
         store.text = empty_store;
-        return replace_file(store, store.text);  // now, so that a bad path is not found out by the first write
+        return replace_file(store, store.text);  // now, so that a bad path is found before the first write
     }
     if (!g_utf8_validate_len(text, length_bytes, nullptr)) return complain(store, "broken store", "not UTF-8 text");
     store.text.assign(text, length_bytes);

@@ -1,5 +1,5 @@
 /* store.h - the file that keeps what was written to the device, from one run to the next.
- * A key file of one group: only written keys stand in it, so that a hand-made file of three lines is a fine start. */
+ * A key file of one group: only written keys stand in it, so that a short file can be written by hand. */
 #pragma once
 
 #include <string>

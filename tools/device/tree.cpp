@@ -122,7 +122,7 @@ GVariant *tree_read_below(const Tree &tree, const std::string &key) {
 
     g_auto(GVariantBuilder) entries = G_VARIANT_BUILDER_INIT(G_VARIANT_TYPE("a{ss}"));
     bool found = false;
-    // The key itself apart: between "/A" and "/A/B" the order of texts puts "/A-C".
+    // The key itself is looked up apart: in the order of texts "/A-C" stands between "/A" and "/A/B".
     const auto exact = tree.find(itself);
     if (exact != tree.end()) {
         add_entry(&entries, *exact);

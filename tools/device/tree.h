@@ -11,6 +11,6 @@ using Tree = std::map<std::string, std::string>;
 /* Every key of an eight-channel amplifier with the value it leaves the factory with. */
 Tree tree_of_device();
 
-/* "a{ss}" with each key at or below `key`, floating; nothing when there is none. A trailing slash makes no difference,
+/* "a{ss}" with each key at or below `key`, floating; NULL when there is none. A trailing slash makes no difference,
  * and "/" is everything. Only whole segments count: "/A/Bc" is not below "/A/B". */
 GVariant *tree_read_below(const Tree &tree, const std::string &key);
