@@ -9,9 +9,9 @@ static constexpr const char *access_name = "com.quillmont.kesto.Access";
 static constexpr const char *access_path = "/com/quillmont/kesto/Access";
 static constexpr const char *access_interface = "com.quillmont.kesto.Access.Service";
 
+static constexpr int ms_per_s = 1000;
 static constexpr int alarm_code = 40;
 static constexpr double alarm_low = 80, alarm_high = 95;  // degrees Celsius at a channel's output stage
-static constexpr int channel_count = 8;
 
 struct Measurement {
     const char *key;
@@ -56,7 +56,7 @@ static gboolean change_value(void *argument) {
 }
 
 static void repeat(double every_s, GSourceFunc action, Device &device) {
-    if (every_s > 0) g_timeout_add(static_cast<guint>(std::lround(every_s * 1000)), action, &device);
+    if (every_s > 0) g_timeout_add(static_cast<guint>(std::lround(every_s * ms_per_s)), action, &device);
 }
 
 void activity_tell(Device &device, const AccessCall &call, GVariant *arguments) {

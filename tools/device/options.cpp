@@ -37,6 +37,11 @@ static bool complain(const std::string &what) {
 
 static bool is_period(double seconds) { return seconds == 0 || (seconds >= period_min_s && seconds <= period_max_s); }
 
+static std::string period_problem() {
+    g_autofree char *text = g_strdup_printf("S is 0, for never, or from %g to %g", period_min_s, period_max_s);
+    return text;
+}
+
 static GOptionEntry option(const char *name, GOptionArg kind, void *value, const char *help,
                            const char *word = nullptr) {
     return {name, 0, 0, kind, value, help, word};
@@ -69,8 +74,7 @@ bool options_read(int argc, char **argv, Options &options) {
         exit(EXIT_SUCCESS);
     }
     if (argc > 1) return complain(std::string("unexpected argument \"") + argv[argc - 1] + "\"");
-    if (!is_period(options.alarm_every_s) || !is_period(options.change_every_s))
-        return complain("S is 0, for never, or from 0.001 to 86400");
+    if (!is_period(options.alarm_every_s) || !is_period(options.change_every_s)) return complain(period_problem());
 
     if (store) options.store = store;
     for (char **fault = faults; fault && *fault; fault++) options.faults.emplace_back(*fault);

@@ -84,14 +84,16 @@ static void audio_service_called(GDBusConnection *, const char *, const char *, 
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
+static void refuse(GDBusMethodInvocation *invocation, GDBusError code, const char *reason) {
+    g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, code, reason);
+}
+
 static void set_fault(Device &device, GVariant *arguments, GDBusMethodInvocation *invocation) {
     const char *text = nullptr;
     g_variant_get(arguments, "(&s)", &text);
     const std::string wrong = faults_apply(device.faults, text);
     if (wrong.empty()) g_dbus_method_invocation_return_value(invocation, nullptr);
-    else
-        g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
-                                                      wrong.c_str());
+    else refuse(invocation, G_DBUS_ERROR_INVALID_ARGS, wrong.c_str());
 }
 
 /* A change of a key that the device has is kept like a write; another one is only reported. */
@@ -110,8 +112,7 @@ static void control_called(GDBusConnection *, const char *, const char *, const 
         return;
     }
     if (strcmp(method, "Change") == 0 && !keep_change(device, arguments)) {
-        g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_FAILED,
-                                                      "the store could not be written");
+        refuse(invocation, G_DBUS_ERROR_FAILED, "the store could not be written");
         return;
     }
     for (const ControlMethod &row : control_methods)
@@ -157,9 +158,9 @@ static bool export_objects(Device &device) {
     if (!node) return complain("introspection", error);
     for (const ExportedObject &object : objects) {
         GDBusInterfaceInfo *interface = g_dbus_node_info_lookup_interface(node, object.interface_name);
-        if (g_dbus_connection_register_object(device.connection, object.path, interface, &object.calls, &device,
-                                              nullptr, &error) == 0)
-            return complain(object.path, error);
+        const guint id = g_dbus_connection_register_object(device.connection, object.path, interface, &object.calls,
+                                                           &device, nullptr, &error);
+        if (id == 0) return complain(object.path, error);
     }
     return true;
 }

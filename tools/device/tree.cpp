@@ -1,7 +1,6 @@
 /* The tree is spelled out as two tables, one for the keys that exist once and one for those of every channel. */
 #include "tree.h"
 
-static constexpr char first_channel = '0', last_channel = '7';
 static constexpr char channel_mark = '#';  // in a channel's value: its number as people count, from 1
 
 struct KeyValue {
@@ -60,7 +59,7 @@ static constexpr const char *live_output = "/Device/Audio/Presets/Live/OutputPro
 static constexpr const char *status = "/Device/Status/Channels/Channel-";
 
 struct ChannelKey {
-    const char *before, *after, *value;  // the channel's digit stands between the first two
+    const char *before, *after, *value;  // the channel's number, from 0, stands between the first two
 };
 
 static constexpr ChannelKey channel_keys[] = {
@@ -94,10 +93,10 @@ static constexpr ChannelKey channel_keys[] = {
     {status,      "/Protect",           "0"                                               },
 };
 
-static std::string value_for(const ChannelKey &row, char channel) {
+static std::string value_for(const ChannelKey &row, int channel) {
     std::string value = row.value;
     const size_t mark = value.find(channel_mark);
-    if (mark != std::string::npos) value[mark] = static_cast<char>(channel + 1);
+    if (mark != std::string::npos) value.replace(mark, 1, std::to_string(channel + 1));
     return value;
 }
 
@@ -109,8 +108,8 @@ Tree tree_of_device() {
     Tree tree;
     for (const KeyValue &row : device_keys) tree.emplace(row.key, row.value);
     for (const ChannelKey &row : channel_keys)
-        for (char channel = first_channel; channel <= last_channel; channel++)
-            tree.emplace(std::string(row.before) + channel + row.after, value_for(row, channel));
+        for (int channel = 0; channel < channel_count; channel++)
+            tree.emplace(row.before + std::to_string(channel) + row.after, value_for(row, channel));
     return tree;
 }
 

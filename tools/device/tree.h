@@ -6,6 +6,8 @@
 
 #include <gio/gio.h>
 
+constexpr int channel_count = 8;
+
 using Tree = std::map<std::string, std::string>;
 
 /* Every key of an eight-channel amplifier with the value it leaves the factory with. */
