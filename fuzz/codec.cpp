@@ -5,6 +5,7 @@
 #include <kesto/proto.h>
 
 #include "access.pb.h"
+#include "target.h"
 
 namespace wire = kesto::access::v1;
 

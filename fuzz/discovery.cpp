@@ -11,8 +11,9 @@
 #include "net/records/client.h"
 #include "net/records/server.h"
 #include "net/sessions/release.h"
+#include "target.h"
 
-constexpr size_t longest_datagram = 8191;
+static constexpr size_t longest_datagram = 8191;
 
 // In the place of the libraries': no bus, no pauses.
 extern "C" char *kesto_dbus_data_read_kv(const char *) { return g_strdup("value"); }

@@ -19,6 +19,7 @@
 #include "net/sessions/ports.h"
 #include "net/sessions/release.h"
 #include "net/transport/bus.h"
+#include "target.h"
 
 namespace wire = kesto::access::v1;
 

@@ -1,12 +1,11 @@
 // Runs a fuzz target over each file of the folders that are given.
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+#include "target.h"
 
 int main(int argc, char **argv) {
     int count = 0;

@@ -11,13 +11,11 @@
 namespace wire = kesto::access::v1;
 using namespace std::string_literals;
 
-namespace {
-
 using Handle = std::unique_ptr<Proto, decltype([](Proto *handle) { proto_destroy(&handle); })>;
 
-Handle open_handle(const std::string &bytes) { return Handle(proto_new_full(bytes.data(), bytes.size())); }
+static Handle open_handle(const std::string &bytes) { return Handle(proto_new_full(bytes.data(), bytes.size())); }
 
-wire::Message encoded(const Handle &handle) {
+static wire::Message encoded(const Handle &handle) {
     const auto *bytes = static_cast<const char *>(proto_buffer(handle.get()));
     wire::Message message;
     EXPECT_TRUE(bytes != nullptr && message.ParseFromString({bytes, proto_buffer_size(handle.get())}));
@@ -55,7 +53,7 @@ struct Codec : testing::Test {
     }
 };
 
-void expect_decoded(const std::string &bytes, int result) {
+static void expect_decoded(const std::string &bytes, int result) {
     SCOPED_TRACE(testing::PrintToString(bytes.substr(0, 20)));
     const Handle handle = open_handle(bytes);
     EXPECT_EQ(proto_decode(handle.get()), result);
@@ -172,5 +170,3 @@ TEST_F(Codec, EncodesEvents) {
     EXPECT_EQ(proto_encode_kv(handle.get(), "/k", "\xff", nullptr), -1);
     EXPECT_EQ(proto_buffer_size(handle.get()), SIZE_MAX);  // nothing left of the event before
 }
-
-}  // namespace

@@ -7,12 +7,10 @@
 
 #include "harness/room.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
 
-std::string read_request(const std::string &client_id) {
+static std::string read_request(const std::string &client_id) {
     wire::Message message;
     message.mutable_request()->set_client_id(client_id);
     message.mutable_request()->mutable_read()->set_key(name_key);
@@ -24,9 +22,9 @@ struct NoRequestCase {
     const char *why;
     Texts frames;
 };
-const std::string a_read = read_request("panel-1");
-const Texts two_requests = {a_read, a_read}, many_pieces(200, a_read);
-const NoRequestCase no_requests[] = {
+static const std::string a_read = read_request("panel-1");
+static const Texts two_requests = {a_read, a_read}, many_pieces(200, a_read);
+static const NoRequestCase no_requests[] = {
     {"no message at all",        {"\xff\xff\xff\xff"}},
     {"two requests in one",      two_requests        },
     {"an envelope of its own",   {"", a_read}        },
@@ -148,8 +146,8 @@ struct PairsCase {
     const char *sent;
     size_t discarded;
 };
-const OptionalText none = std::nullopt;
-const PairsCase multi_writes[] = {
+static const OptionalText none = std::nullopt;
+static const PairsCase multi_writes[] = {
     {"one key twice",    {{"/a", "B"}, {"/a", "A"}},              "[(1, '/a', 'B'), (1, '/a', 'A')]", 0},
     {"an empty key",     {{"", "A"}, {"/b", ""}},                 "[(1, '', 'A'), (1, '/b', '')]",    0},
     {"one has no value", {{"/a", none}, {"/b", "B"}},             "[(1, '/b', 'B')]",                 1},
@@ -186,5 +184,3 @@ TEST(DataAccess, ReadsBranches) {
         EXPECT_EQ(room.panel.read("/Device/Config/Security/FrontPanel/Pin").value().text(), pin);
     }
 }
-
-}  // namespace

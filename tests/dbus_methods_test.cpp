@@ -7,10 +7,8 @@
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
 
-namespace {
-
 // What a client's user would say of each message.
-std::vector<std::string> shown(const std::vector<wire::Message> &messages) {
+static std::vector<std::string> shown(const std::vector<wire::Message> &messages) {
     std::vector<std::string> texts;
     for (const wire::Message &message : messages) {
         const wire::Event &event = message.event();
@@ -32,11 +30,11 @@ struct CallCase {
     const char *method, *arguments, *heard, *answer;
     uint32_t changes;
 };
-constexpr const char *dispatch = "Dispatch", *general = "GeneralDispatch", *snapshot = "SnapshotLoadedDispatch";
-constexpr const char *speaker_preset = "SpeakerPresetLoadedDispatch";
-constexpr const char *bad_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
-constexpr const char *unknown_method = "org.freedesktop.DBus.Error.UnknownMethod";
-constexpr CallCase calls[] = {
+static constexpr const char *dispatch = "Dispatch", *general = "GeneralDispatch", *snapshot = "SnapshotLoadedDispatch";
+static constexpr const char *speaker_preset = "SpeakerPresetLoadedDispatch";
+static constexpr const char *bad_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
+static constexpr const char *unknown_method = "org.freedesktop.DBus.Error.UnknownMethod";
+static constexpr CallCase calls[] = {
     {dispatch,       "(-1, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(41, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(40, -1.0, 2)",            "",                                 "()",           0},
@@ -89,5 +87,3 @@ TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
                         "dbus_mtod_snapshot_loaded_dispatch", "[ACCESS-MTD] slotid=0",
                         "dbus_mtod_speakerpreset_loaded_dispatch"});
 }
-
-}  // namespace

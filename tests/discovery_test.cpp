@@ -15,34 +15,33 @@
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
 
-namespace {
-
-constexpr const char *added = "[DISCOVERY] added client: panel-1";
-constexpr const char *known = "[DISCOVERY] client: panel-1 already discovered and active (never logged out) (panel-1)";
-constexpr const char *dropped = "free local client no map remove";
-constexpr const char *plain_text = "@?DKX8-3000|1.12.1.32|QM240817|?|||QM240817|4221=ON!";
-constexpr const char *plain_files = "QM240817|KX8-3000|DKX8-3000_ND|1.12.1.32|8|||QM240817||?|4221=ON|";
+static constexpr const char *added = "[DISCOVERY] added client: panel-1";
+static constexpr const char *known =
+    "[DISCOVERY] client: panel-1 already discovered and active (never logged out) (panel-1)";
+static constexpr const char *dropped = "free local client no map remove";
+static constexpr const char *plain_text = "@?DKX8-3000|1.12.1.32|QM240817|?|||QM240817|4221=ON!";
+static constexpr const char *plain_files = "QM240817|KX8-3000|DKX8-3000_ND|1.12.1.32|8|||QM240817||?|4221=ON|";
 
 // In the order in which they are written.
-constexpr const char *file_names[] = {"serial",           "hw_model",       "full_model", "fw_version",
-                                      "hw_channels",      "oem_manufacter", "oem_model",  "oem_serial",
-                                      "commercial_model", "dante",          "extra"};
+static constexpr const char *file_names[] = {"serial",           "hw_model",       "full_model", "fw_version",
+                                             "hw_channels",      "oem_manufacter", "oem_model",  "oem_serial",
+                                             "commercial_model", "dante",          "extra"};
 
-std::string path_of(const std::string &name) { return "/tmp/discovery_" + name + ".txt"; }
+static std::string path_of(const std::string &name) { return "/tmp/discovery_" + name + ".txt"; }
 
-std::string content_of(const char *name) {
+static std::string content_of(const char *name) {
     std::ifstream file(path_of(name));
     if (!file) return "(cannot be read)";
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string all_files() {
+static std::string all_files() {
     std::string contents;
     for (const char *name : file_names) contents += content_of(name) + '|';
     return contents;
 }
 
-std::string text_for(RemoteClient &client, Channel channel) {
+static std::string text_for(RemoteClient &client, Channel channel) {
     wire::Request request;
     request.mutable_discovery();
     std::string text = client.ask(channel, request).discovery();
@@ -55,7 +54,7 @@ struct DeviceCase {
     Environment environment;
     const char *reply, *log, *text, *files;
 };
-const Environment all_settings = {
+static const Environment all_settings = {
     {"hw_serial",        "H-1"       },
     {"oem_serial",       "O-2"       },
     {"hw_model",         "KX4"       },
@@ -67,23 +66,23 @@ const Environment all_settings = {
     {"KESTO_SLOT_ID",    "3"         },
     {"KESTO_AMP_NAME",   "Stage left"},
 };
-const Environment loopback_only = {
+static const Environment loopback_only = {
     {"ZMQ_ACCESS_IP", "127.0.0.1"}
 };
-constexpr const char *plain_reply =
+static constexpr const char *plain_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:60000|ZMQ:61000||?||||QM240817|17|Harbour hall|4221=ON!";
-constexpr const char *plain_log =
+static constexpr const char *plain_log =
     "HW_MODEL=KX8-3000 FW=1.12.1.32 SERIAL=QM240817 OEM_SERIAL=QM240817 ZMQ:60000 slot=? manufacter= oem_model= ";
-constexpr const char *set_reply =
+static constexpr const char *set_reply =
     "@?DKX4|1.12.1.32|O-2|ZMQ:60000|ZMQ:61000||+|Oem & Co|OX|Stage left|H-1|17|Harbour hall|4221=OFF,LUMAVERSA=ON!";
-constexpr const char *set_log =
+static constexpr const char *set_log =
     "HW_MODEL=KX4 FW=1.12.1.32 SERIAL=H-1 OEM_SERIAL=O-2 ZMQ:60000 slot=+ manufacter=Oem & Co oem_model=OX ";
-constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|4221=OFF,LUMAVERSA=ON!";
-constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
-constexpr const char *loopback_reply =
+static constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|4221=OFF,LUMAVERSA=ON!";
+static constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
+static constexpr const char *loopback_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:0|ZMQ:0||?||||QM240817|17|Harbour hall|4221=ON!";
-constexpr const char *loopback_log = "HW_MODEL=KX8-3000 * ZMQ:0 slot=? manufacter= oem_model= ";
-const DeviceCase devices[] = {
+static constexpr const char *loopback_log = "HW_MODEL=KX8-3000 * ZMQ:0 slot=? manufacter= oem_model= ";
+static const DeviceCase devices[] = {
     {"nothing set",      {},            plain_reply,    plain_log,    plain_text, plain_files},
     {"everything set",   all_settings,  set_reply,      set_log,      set_text,   set_files  },
     {"on loopback only", loopback_only, loopback_reply, loopback_log, plain_text, plain_files},
@@ -114,7 +113,7 @@ TEST(Discovery, DescribesTheDevice) {
 struct SlotCase {
     const char *id, *log, *mark, *full_model;
 };
-constexpr SlotCase slots[] = {
+static constexpr SlotCase slots[] = {
     {"0",  "slotid: 0 ?",                          "?", "DKX8-3000_ND"},
     {"1",  "slotid: 1 -",                          "-", "DKX8-3000_ND"},
     {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
@@ -173,11 +172,11 @@ struct RequestCase {
     bool answered;
     std::string log;
 };
-const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) ",
-                  bad_frame = "[DISCOVERY] discarded... ";
-const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
-const std::string longest_id(8191 - discovery_request("").size(), 'i'), nul_in_it("nul\0panel", 9);
-const RequestCase requests[] = {
+static const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) ",
+                         bad_frame = "[DISCOVERY] discarded... ";
+static const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
+static const std::string longest_id(8191 - discovery_request("").size(), 'i'), nul_in_it("nul\0panel", 9);
+static const RequestCase requests[] = {
     {"nothing in it",         "",                                 false, bad_length + "(0)"        },
     {"too short",             "@!",                               false, bad_length + "(2)"        },
     {"wrong first byte",      "!?panel!",                         false, bad_frame + "(8 ! ? !)"   },
@@ -204,13 +203,13 @@ TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
     }
 }
 
-constexpr const char *elliptic_key =
+static constexpr const char *elliptic_key =
     "-----BEGIN PUBLIC KEY-----\n"
     "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAE/fq1J9CxCaf3uS5bTLzOZSM2gAy1\n"
     "fUeqC0FWF3Y/oiOKaukyyFCq/QJ4EHEHLp5BI+4fmdh7bgqxJ7y7o10RMg==\n"
     "-----END PUBLIC KEY-----\n";
 
-std::string locked_key() {
+static std::string locked_key() {
     std::string pem = KeyPair().public_pem();
     return pem.insert(pem.find('\n') + 1,
                       "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
@@ -262,7 +261,7 @@ struct FirstRequestCase {
     OptionalText discovery;
     wire::Status status;
 };
-const FirstRequestCase first_requests[] = {
+static const FirstRequestCase first_requests[] = {
     {"any on the authentication socket",    Channel::authentication, std::nullopt,        wire::STATUS_OK     },
     {"a login with a text on the commands", Channel::command,        "of another device", wire::STATUS_REFUSED},
 };
@@ -294,5 +293,3 @@ TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
         EXPECT_EQ(text_for(panel, Channel::command), plain_text);
     }
 }
-
-}  // namespace

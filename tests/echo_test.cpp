@@ -6,26 +6,24 @@
 
 #include "harness/room.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
 using Act = wire::Reply (*)(RemoteClient &);
 
-const LoginOptions restricted = {.user_name = "quillmont", .password = "tandrivel"};
-constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not the restricted user's to write
+static const LoginOptions restricted = {.user_name = "quillmont", .password = "tandrivel"};
+static constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not the restricted user's to write
 
-wire::Reply read_key(RemoteClient &panel) { return panel.read(name_key); }
-wire::Reply ask_for_right(RemoteClient &panel) { return panel.authorize(4, name_key, false); }
-wire::Reply write_key(RemoteClient &panel) { return panel.write(name_key, "A"); }
-wire::Reply lock_key(RemoteClient &panel) { return panel.write(name_key, "1", 0x1000); }
-wire::Reply write_listed(RemoteClient &panel) { return panel.write(listed_key, "A"); }
-wire::Reply write_no_value(RemoteClient &panel) { return panel.write(name_key, std::nullopt); }
-wire::Reply multi_write(RemoteClient &panel) { return panel.multi_write(Pairs(1, {name_key, "A"})); }
-wire::Reply multi_write_listed(RemoteClient &panel) { return panel.multi_write(Pairs(1, {listed_key, "A"})); }
-wire::Reply multi_write_nothing(RemoteClient &panel) { return panel.multi_write({}); }
+static wire::Reply read_key(RemoteClient &panel) { return panel.read(name_key); }
+static wire::Reply ask_for_right(RemoteClient &panel) { return panel.authorize(4, name_key, false); }
+static wire::Reply write_key(RemoteClient &panel) { return panel.write(name_key, "A"); }
+static wire::Reply lock_key(RemoteClient &panel) { return panel.write(name_key, "1", 0x1000); }
+static wire::Reply write_listed(RemoteClient &panel) { return panel.write(listed_key, "A"); }
+static wire::Reply write_no_value(RemoteClient &panel) { return panel.write(name_key, std::nullopt); }
+static wire::Reply multi_write(RemoteClient &panel) { return panel.multi_write(Pairs(1, {name_key, "A"})); }
+static wire::Reply multi_write_listed(RemoteClient &panel) { return panel.multi_write(Pairs(1, {listed_key, "A"})); }
+static wire::Reply multi_write_nothing(RemoteClient &panel) { return panel.multi_write({}); }
 
-Texts echoes_heard_by(RemoteClient &client, Gateway &gateway) {
+static Texts echoes_heard_by(RemoteClient &client, Gateway &gateway) {
     Texts echoes;
     for (const wire::Message &message : client.events_so_far(gateway))
         echoes.push_back(message.reply().SerializeAsString());
@@ -60,7 +58,7 @@ struct ActCase {
     Act act;
     bool echoed;
 };
-constexpr ActCase acts[] = {
+static constexpr ActCase acts[] = {
     {"a write",                   "write=none",        write_key,           true },
     {"a read",                    "read=none",         read_key,            false},
     {"a question",                "read=none",         ask_for_right,       false},
@@ -89,5 +87,3 @@ TEST(Echo, FollowsOnlyWhatTheDataServiceWasTold) {
         EXPECT_EQ(answer.change_count(), changes += row.echoed);
     }
 }
-
-}  // namespace

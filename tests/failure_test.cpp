@@ -19,13 +19,11 @@
 #include "harness/remote_client.h"
 #include "harness/wait.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 
-constexpr int auth_port = 60000;
+static constexpr int auth_port = 60000;
 
-GatewayOptions failing(const char *call, bool wait_until_up = true) {
+static GatewayOptions failing(const char *call, bool wait_until_up = true) {
     const char *asan_options = getenv("ASAN_OPTIONS");
     Environment environment = {};
     environment["LD_PRELOAD"] = INTERPOSER_LIBRARY;
@@ -36,11 +34,11 @@ GatewayOptions failing(const char *call, bool wait_until_up = true) {
     return {.environment = environment, .wait_until_up = wait_until_up};
 }
 
-void expect_texts(Gateway &gateway, const Texts &texts) {
+static void expect_texts(Gateway &gateway, const Texts &texts) {
     for (const std::string &text : texts) gateway.expect_log({text});
 }
 
-void expect_service_for_others() {
+static void expect_service_for_others() {
     RemoteClient other("other");
     EXPECT_NE(other.log_in(), Ports{});
     EXPECT_EQ(other.read("/Device/Config/Hardware/Channels").status(), wire::STATUS_OK);
@@ -59,11 +57,11 @@ struct FatalCase {
     Texts teardown;  // between "destroy srv" and "zsys_shutdown": what existed by then, and nothing else
 };
 
-const std::string in_start = "*kesto_access_net_start:* - ";
-const Texts nothing_yet = {}, the_loop = {"Stop s_loop poller and destroy"},
-            auth_and_loop = {"Stop auth destroy socket", "Stop s_loop poller and destroy"};
+static const std::string in_start = "*kesto_access_net_start:* - ";
+static const Texts nothing_yet = {}, the_loop = {"Stop s_loop poller and destroy"},
+                   auth_and_loop = {"Stop auth destroy socket", "Stop s_loop poller and destroy"};
 
-const FatalCase fatal_cases[] = {
+static const FatalCase fatal_cases[] = {
     {"socket:1",                {in_start + "socket udp error"},                                          nothing_yet  },
     {"fcntl:1",                 {in_start + "fcntl F_GETFL"},                                             nothing_yet  },
     {"fcntl:2",                 {in_start + "fcntl F_SETFL to set not blocking"},                         nothing_yet  },
@@ -90,7 +88,7 @@ TEST(AStartThatCannotSucceed, EndsTheServiceInItsNormalWay) {
     }
 }
 
-const FailureCase tolerated_cases[] = {
+static const FailureCase tolerated_cases[] = {
     {"setsockopt:1",              {"[NET] error setting SO_LINGER on discovery"}                            },
     {"setsockopt:3",              {"setsockopt SO_BROADCAST"}                                               },
     {"zloop_poller:1",            {"error registering server_discovery"}                                    },
@@ -111,13 +109,13 @@ struct MethodCase {
     const char *method, *arguments, *what;
 };
 
-constexpr MethodCase changes[] = {
+static constexpr MethodCase changes[] = {
     {"GeneralDispatch",             "('/k', 'v', '')", "general dispatch"              },
     {"SnapshotLoadedDispatch",      "(uint32 1,)",     "snapshot loaded dispatch"      },
     {"SpeakerPresetLoadedDispatch", "()",              "speaker preset loaded dispatch"},
 };
 
-void expect_error(Gateway &gateway, const MethodCase &row) {
+static void expect_error(Gateway &gateway, const MethodCase &row) {
     const Answer error{"", "com.quillmont.kesto.access.Error.Failed", std::string("Failed to ") + row.what};
     EXPECT_EQ(gateway.call(row.method, g_variant_new_parsed(row.arguments)), error);
 }
@@ -160,7 +158,7 @@ TEST(AServiceWithoutABus, RefusesLoginsAndTouchesNoRecord) {
 
 // ---- sessions -----------------------------------------------------------------------------------------------------
 
-const FailureCase refused_logins[] = {
+static const FailureCase refused_logins[] = {
     {"zsock_new_checked:2", {"zsocket_new (tcp://*:62001)"}                                                       },
     {"zsock_bind:2",        {"panel-1: private cmd port on (*) 62001 -1", "error bind on port (tcp://*:62001)"}   },
     {"zsock_new_checked:3", {"[AUTH] events=63001", "zsocket_new(tcp://*:63001)"}                                 },
@@ -169,9 +167,9 @@ const FailureCase refused_logins[] = {
 };
 
 // How often a monitor resolves sockets within the program's sight depends on how CZMQ was compiled.
-const FailureCase refused_login_without_monitor = {"zsock_resolve:2", {"error in zsock_resolve [*]"}};
+static const FailureCase refused_login_without_monitor = {"zsock_resolve:2", {"error in zsock_resolve [*]"}};
 
-void expect_refused_login(const FailureCase &row, bool monitor) {
+static void expect_refused_login(const FailureCase &row, bool monitor) {
     SCOPED_TRACE(row.call);
     Gateway gateway(failing(row.call));
     RemoteClient panel("panel-1");
@@ -188,7 +186,7 @@ TEST(ASessionThatCannotBeOpened, IsRefusedAndLeavesNothing) {
     expect_refused_login(refused_login_without_monitor, false);
 }
 
-const FailureCase unmonitored_logins[] = {
+static const FailureCase unmonitored_logins[] = {
     {"zactor_new:1",     {"try to enable MONITORING", "error creating monitor port"}             },
     {"pthread_create:1", {"try to enable MONITORING", "error creating monitor port"}             },
     {"zstr_sendx:1",     {"try to enable MONITORING", "error connecting [*]"}                    },
@@ -209,7 +207,7 @@ TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
     }
 }
 
-const FailureCase impaired_monitors[] = {
+static const FailureCase impaired_monitors[] = {
     {"zactor_sock:1", {"cl_monitor actor does not have socket", "MONITOR", "first same connection: (panel-1) 1"}},
     {"zmsg_recv:1",   {"client monitor event 62001", "first same connection: (panel-1) 1"}                      },
     {"zmsg_popstr:1", {"client monitor event 62001", "no event!!!"}                                             },
@@ -236,8 +234,8 @@ struct RequestCase {
     Channel channel = Channel::authentication;
 };
 
-constexpr Channel at_login = Channel::authentication, at_work = Channel::command;
-const RequestCase requests[] = {
+static constexpr Channel at_login = Channel::authentication, at_work = Channel::command;
+static const RequestCase requests[] = {
     {"zmq_msg_recv:1",      {"[AUTH] >", "*server_auth:* - zmq_msg_recv", "[AUTH] error encoding..."}, true,  at_login},
     {"proto_id:1",          {"*server_auth:* - invalid client id", "[AUTH] error encoding..."},        false, at_login},
     {"g_try_malloc0:2",     {"*server_auth:* - client_new", "[AUTH] error encoding..."},               false, at_login},
@@ -285,7 +283,7 @@ TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
     }
 }
 
-rlim_t limit_descriptors(Gateway &gateway, rlim_t count) {
+static rlim_t limit_descriptors(Gateway &gateway, rlim_t count) {
     rlimit limit = {};
     EXPECT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
     const rlim_t before = std::exchange(limit.rlim_cur, count);
@@ -306,7 +304,7 @@ TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
 }
 
 // An emulator may pass on the state alone.
-bool system_counts_bytes_of_connections() {
+static bool system_counts_bytes_of_connections() {
     const int connection = socket(AF_INET, SOCK_STREAM, 0);
     tcp_info info = {};
     socklen_t size = sizeof(info);
@@ -329,8 +327,8 @@ TEST(StrangersWhoTakeAllConnections, MakeRoomForAClientAndNeverForTheLastDescrip
 
 // ---- discovery ----------------------------------------------------------------------------------------------------
 
-const char *const freed = "free local client no map remove";
-const RequestCase discovery_requests[] = {
+static const char *const freed = "free local client no map remove";
+static const RequestCase discovery_requests[] = {
     {"recvfrom:1",           {"*server_discovery:* - recvfrom"},                            true },
     {"g_try_malloc0:2",      {"*server_discovery:* - client_new"},                          false},
     {"g_try_malloc0:3",      {"*client_process_discovery:* - kesto_pubkey_encrypt", freed}, false},
@@ -361,7 +359,7 @@ struct EventCase {
     const char *call, *method, *arguments, *log;
 };
 
-constexpr EventCase lost_events[] = {
+static constexpr EventCase lost_events[] = {
     {"proto_encode_alarm_event:1",         "Alarm",             "(40, 1.5, 3)",     "DBUS: broadcasting code=40,*" },
     {"proto_encode_kv:1",                  "Change",            "('/k', 'v', 't')", "DBUS: broadcasting key=/k,*"  },
     {"proto_encode_RestoreSnapshot:1",     "LoadSnapshot",      "(uint32 4,)",      "DBUS: broadcasting command: 0"},
@@ -389,5 +387,3 @@ TEST(ABroadcast, CountsOnlyTheClientsThatItReached) {
     gateway.control("LoadSnapshot", "(uint32 4,)");
     gateway.expect_log({"[*] Message broadcast to *...", "[*] Error broadcasting to *", "broadcast to 2 client"});
 }
-
-}  // namespace

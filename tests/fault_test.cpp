@@ -10,15 +10,13 @@
 
 #include "harness/room.h"
 
-namespace {
-
 using namespace std::chrono_literals;
 using Act = wire::Reply (*)(RemoteClient &);
 
-wire::Reply read_name(RemoteClient &client) { return client.read(name_key); }
-wire::Reply write_name(RemoteClient &client) { return client.write(name_key, "Hall"); }
-wire::Reply lock_name(RemoteClient &client) { return client.write(name_key, "1", 0x1000); }
-wire::Reply multi_write_name(RemoteClient &client) { return client.multi_write({std::pair(name_key, "Hall")}); }
+static wire::Reply read_name(RemoteClient &client) { return client.read(name_key); }
+static wire::Reply write_name(RemoteClient &client) { return client.write(name_key, "Hall"); }
+static wire::Reply lock_name(RemoteClient &client) { return client.write(name_key, "1", 0x1000); }
+static wire::Reply multi_write_name(RemoteClient &client) { return client.multi_write({std::pair(name_key, "Hall")}); }
 
 // "panel-1" meets the fault; "panel-2" has a session beside it and hears its events.
 struct Hall : Room {
@@ -45,11 +43,13 @@ struct FaultCase {
     const char *answer, *log;  // the value of a read, else the result of a write
 };
 
-constexpr const char *read_failed = "unable to call method for DBUS datad proxy: *Error.Failed: simulated fault";
-constexpr const char *write_failed = "DBUS datad Write method error ('/Device/Config/Name'<-'*'): *simulated fault";
-constexpr const char *multi_write_failed = "DBUS datad Write method error: *Error.Failed: simulated fault (panel-1)";
+static constexpr const char *read_failed = "unable to call method for DBUS datad proxy: *Error.Failed: simulated fault";
+static constexpr const char *write_failed =
+    "DBUS datad Write method error ('/Device/Config/Name'<-'*'): *simulated fault";
+static constexpr const char *multi_write_failed =
+    "DBUS datad Write method error: *Error.Failed: simulated fault (panel-1)";
 
-constexpr FaultCase faults[] = {
+static constexpr FaultCase faults[] = {
     {"read=error",        read_name,        false, "0",  read_failed                   },
     {"read=type",         read_name,        true,  "7",  "*"                           },
     {"read=empty",        read_name,        false, "0",  "*"                           },
@@ -80,7 +80,7 @@ struct CallCase {
     const char *call;
     Act act;
 };
-const CallCase calls[] = {
+static const CallCase calls[] = {
     {"read",        "Read (uint32 8192, '/Device/Config/Name')",          read_name       },
     {"write",       "Write (0, '/Device/Config/Name', 'Hall')",           write_name      },
     {"multi-write", "MultiWrite ([(1, '/Device/Config/Name', 'Hall')],)", multi_write_name},
@@ -167,5 +167,3 @@ TEST(Stop, InTheStartWaitsForOneCallOnly) {
     const std::string trace = gateway.device().text(STDOUT_FILENO);
     EXPECT_EQ(trace.find("Read ("), trace.rfind("Read ("));
 }
-
-}  // namespace

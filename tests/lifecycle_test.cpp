@@ -14,11 +14,9 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-namespace {
-
-constexpr const char *service_name = "com.quillmont.kesto.Access";
-constexpr const char *not_registered = "impossible to register dbus object\n";
-constexpr Exit good_end = {.status = 0}, refused_start = {.status = 255};
+static constexpr const char *service_name = "com.quillmont.kesto.Access";
+static constexpr const char *not_registered = "impossible to register dbus object\n";
+static constexpr Exit good_end = {.status = 0}, refused_start = {.status = 255};
 
 TEST(Start, GoesThroughItsStepsInOrder) {
     Gateway gateway;
@@ -35,7 +33,7 @@ struct VerboseCase {
     const char *setting;
     bool second_line;
 };
-constexpr VerboseCase verbose_settings[] = {
+static constexpr VerboseCase verbose_settings[] = {
     {"1",   true },
     {"on",  true },
     {"yes", true },
@@ -58,7 +56,7 @@ TEST(Start, TracesTheLoopWhateverTheSettingSays) {
 }
 
 // The last words in an orderly end. Those of the main thread stand between those of the network thread.
-void expect_orderly_end(Gateway &gateway) {
+static void expect_orderly_end(Gateway &gateway) {
     gateway.expect_log({"destroy srv", "stop timer", "Stop auth destroy socket", "Stop s_loop poller and destroy",
                         "zsys_shutdown", "zmq thread down", "net thread joined...", "stopped access"});
     EXPECT_EQ(gateway.service().wait_exit(), good_end);
@@ -68,8 +66,9 @@ struct SignalCase {
     const char *why, *after;
     std::vector<int> signals;
 };
-constexpr const char *in_the_start = "[NET] access first reading settings, it can fail", *up = "zsys_catch_interrupts";
-const SignalCase stop_signals[] = {
+static constexpr const char *in_the_start = "[NET] access first reading settings, it can fail";
+static constexpr const char *up = "zsys_catch_interrupts";
+static const SignalCase stop_signals[] = {
     {"SIGTERM",               up,           {SIGTERM}                 },
     {"SIGINT",                up,           {SIGINT}                  },
     {"SIGINT while stopping", up,           {SIGTERM, SIGINT, SIGTERM}},
@@ -119,9 +118,9 @@ struct FatalCase {
     uint16_t port;
     const char *address, *log;
 };
-constexpr const char *no_udp_port = "*:kesto_access_net_start:* - bind on udp socket";
-constexpr const char *no_tcp_port = "error auth socket";
-constexpr FatalCase fatal_starts[] = {
+static constexpr const char *no_udp_port = "*:kesto_access_net_start:* - bind on udp socket";
+static constexpr const char *no_tcp_port = "error auth socket";
+static constexpr FatalCase fatal_starts[] = {
     {"UDP port taken",  SOCK_DGRAM,  8004,  "",            no_udp_port},
     {"TCP port taken",  SOCK_STREAM, 60000, "",            no_tcp_port},
     {"foreign address", 0,           0,     "203.0.113.9", no_tcp_port},
@@ -161,7 +160,7 @@ struct OptionCase {
     const char *option, *said;
     bool good;
 };
-constexpr OptionCase options[] = {
+static constexpr OptionCase options[] = {
     {"--bogus", "option parsing failed: Unknown option --bogus", false},
     {"-x",      "option parsing failed: Unknown option -x",      false},
     {"--help",  "Usage:\n  kesto-access [OPTION",                true },
@@ -197,5 +196,3 @@ TEST(Log, NamesProgramProcessAndPlace) {
     EXPECT_THAT(log, testing::HasSubstr(prefix + "src/access/main/main.cpp:"));
     EXPECT_THAT(log, testing::HasSubstr(prefix + "src/access/net/start/network_thread.cpp:"));
 }
-
-}  // namespace

@@ -7,18 +7,16 @@
 #include "harness/port.h"
 #include "harness/room.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
-constexpr const char *added = "[AUTH] added non discovered client";
-const LoginOptions quillmont = {.user_name = "quillmont", .password = "tandrivel"};
+static constexpr const char *added = "[AUTH] added non discovered client";
+static const LoginOptions quillmont = {.user_name = "quillmont", .password = "tandrivel"};
 
 struct CredentialsCase {
     const char *id;
     OptionalText user_name, password;
     Ports ports;  // none: refused, and none are spent
 };
-const CredentialsCase credentials[] = {
+static const CredentialsCase credentials[] = {
     {"second user",              "quillmont",  "tandrivel",  {62001, 63001}},
     {"user in another case",     "Root",       "vormi",      {}            },
     {"password in another case", "root",       "Vormi",      {}            },
@@ -77,7 +75,7 @@ struct RenewalCase {
     int port;  // 0: refused
     const char *log;
 };
-constexpr RenewalCase renewals[] = {
+static constexpr RenewalCase renewals[] = {
     {"root",      "no",        0,     "but there is already a client connected with same client id, so I cannot remove"},
     {"quillmont", "tandrivel", 0,     "more the one login on root quillmont"                                           },
     {"admin",     "vormi",     0,     "more the one login on root admin"                                               },
@@ -121,8 +119,8 @@ struct LogoutCase {
     Channel channel;
     const char *mark, *told_id;
 };
-constexpr const char *after_command = "free client because is marker as destroyble";
-constexpr LogoutCase logouts[] = {
+static constexpr const char *after_command = "free client because is marker as destroyble";
+static constexpr LogoutCase logouts[] = {
     {false, false, Channel::authentication, "free client", "panel-1"   },
     {false, true,  Channel::command,        after_command, "@localhost"},
     {true,  false, Channel::command,        after_command, "panel-1"   },
@@ -158,8 +156,8 @@ struct BadRequestCase {
     std::vector<std::string> frames;
     const char *log;
 };
-const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";
-const BadRequestCase bad_requests[] = {
+static const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";
+static const BadRequestCase bad_requests[] = {
     {"no message",   {"\xff\xff\xff"}, "*:server_auth:* - error data not parsable"},
     {"empty",        {""},             "*:server_auth:* - error data not parsable"},
     {"two frames",   {no_id, ""},      "*:server_auth:* - error data not parsable"},
@@ -191,5 +189,3 @@ TEST(Authentication, OffersNoDataAccess) {
         EXPECT_EQ(room.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
     }
 }
-
-}  // namespace

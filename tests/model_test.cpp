@@ -14,31 +14,31 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 
-constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
-constexpr std::chrono::minutes cutting_time{4};
+static constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
+static constexpr std::chrono::minutes cutting_time{4};
 
 // The observer stays connected and writes after each step: what stands before its echo belongs to the step.
-const Texts client_ids = {"panel-1", "@localhost", "panel-2", "stranger", "observer", "passer-by"};
-constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, passer_by = 5, client_count = 6;
+static const Texts client_ids = {"panel-1", "@localhost", "panel-2", "stranger", "observer", "passer-by"};
+static constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, passer_by = 5, client_count = 6;
 // A seat is one connection of a client to its session; each client has two.
-constexpr size_t seat_count = 2 * client_count, actor_seat_count = 2 * actor_count;
+static constexpr size_t seat_count = 2 * client_count, actor_seat_count = 2 * actor_count;
 
-const Texts keys = {"/Device/Config/Name", "/Device/Config/Hardware/Model/Serial",
-                    "/Device/Config/Networking/Snmp/Secret", "/Device/Nowhere"};
-constexpr size_t listed_key = 1, secret_key = 2, unknown_key = 3, key_count = 4;
-constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
+static const Texts keys = {"/Device/Config/Name", "/Device/Config/Hardware/Model/Serial",
+                           "/Device/Config/Networking/Snmp/Secret", "/Device/Nowhere"};
+static constexpr size_t listed_key = 1, secret_key = 2, unknown_key = 3, key_count = 4;
+static constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
 
 // What a login shows: a user name + 3 * a password + 9 * a discovery text. Neither name nor password: a log-out.
-const OptionalText users[] = {"root", "quillmont", std::nullopt}, passwords[] = {"vormi", "tandrivel", std::nullopt};
-constexpr size_t root = 0, quillmont = 4, log_out = 8, with_text = 9, with_wrong_text = 18;
-constexpr size_t logins[] = {0, 8, 4, 9, 13, 0, 8, 4, 9, 8, 4, 0, 1, 2, 3, 5, 6, 7, 18, 22};  // good ones more often
+// Those that are accepted stand more often in `logins`.
+static const OptionalText users[] = {"root", "quillmont", std::nullopt};
+static const OptionalText passwords[] = {"vormi", "tandrivel", std::nullopt};
+static constexpr size_t root = 0, quillmont = 4, log_out = 8, with_text = 9, with_wrong_text = 18;
+static constexpr size_t logins[] = {0, 8, 4, 9, 13, 0, 8, 4, 9, 8, 4, 0, 1, 2, 3, 5, 6, 7, 18, 22};
 enum Flag : size_t { monitor = 1, discard_my_feedback = 2, hide_secure_info = 4, no_lock = 8, flag_sets = 16 };
 
-constexpr const char *events[][3] = {
+static constexpr const char *events[][3] = {
   // method, arguments, what is heard of it
     {"Dispatch",                    "(40, 91.5, 3)",          "event 1 91.5 0 "  },
     {"Dispatch",                    "(39, 91.5, 3)",          nullptr            },
@@ -48,11 +48,12 @@ constexpr const char *events[][3] = {
 };
 
 enum class Kind { discover, connect, drop, event, spend_ports, log_in, read, write, multi_write };
-const Texts kind_names = {"discover", "connect", "drop", "event", "ports", "log in", "read", "write", "multi-write"};
-const Texts flag_names = {"monitor", "discard_my_feedback", "hide_secure_info", "no_lock"};
-constexpr std::initializer_list<double> weights = {4, 16, 6, 9, 0.6, 26, 16, 20, 10};
-constexpr size_t ports_spent = 250;  // in one step; a few of them take the counters round
-constexpr size_t what_end = std::size(logins), how_end = flag_sets * std::size(write_types);
+static const Texts kind_names = {"discover", "connect", "drop",  "event",      "ports",
+                                 "log in",   "read",    "write", "multi-write"};
+static const Texts flag_names = {"monitor", "discard_my_feedback", "hide_secure_info", "no_lock"};
+static constexpr std::initializer_list<double> weights = {4, 16, 6, 9, 0.6, 26, 16, 20, 10};
+static constexpr size_t ports_spent = 250;  // in one step; a few of them take the counters round
+static constexpr size_t what_end = std::size(logins), how_end = flag_sets * std::size(write_types);
 
 struct Step {
     Kind kind = {};
@@ -70,27 +71,27 @@ struct Step {
 };
 
 template <typename... Parts>
-std::string text(const Parts &...parts) {
+static std::string text(const Parts &...parts) {
     std::ostringstream out;
     (out << ... << parts);
     return out.str();
 }
 
-std::string text_of(const wire::Reply &reply) {
+static std::string text_of(const wire::Reply &reply) {
     std::string result = reply.value().text();
     for (const std::string &each : reply.multi_write().results()) result += each + ' ';
     if (reply.has_session()) result = text(Ports{reply.session().command_port(), reply.session().event_port()});
     return text(reply.client_id(), " status ", reply.status(), " changes ", reply.change_count(), " ", result);
 }
 
-std::string text_of(const wire::Message &message) {
+static std::string text_of(const wire::Message &message) {
     const wire::Event &event = message.event();
     if (message.has_reply()) return text_of(message.reply());
     return text("event ", event.kind_case(), " ", event.alarm().value(), " ", event.snapshot_loaded().slot(), " ",
                 event.change().value());
 }
 
-std::string text_of_login(const Step &step) {
+static std::string text_of_login(const Step &step) {
     const char *const discovery_texts[] = {"", ", own text", ", wrong text"};
     std::string flags;
     for (size_t i = 0; i < flag_names.size(); i++)
@@ -100,7 +101,7 @@ std::string text_of_login(const Step &step) {
                 flags);
 }
 
-std::string text_of(const Step &step) {
+static std::string text_of(const Step &step) {
     const std::string who =
         text(kind_names[static_cast<size_t>(step.kind)], ": ", step.id(), ", seat ", step.seat % 2, " ");
     const std::string pair = text(keys[step.key()], " type ", step.type());
@@ -145,7 +146,7 @@ struct Model {
     }
 };
 
-bool makes_sense(const Model &model, const Step &step) {
+static bool makes_sense(const Model &model, const Step &step) {
     const bool has_session = model.records[step.client()].ports.command != 0, seated = model.seated[step.seat];
     if (step.kind == Kind::discover) return step.client() != stranger;
     if (step.kind == Kind::connect) return has_session && !seated;
@@ -153,7 +154,7 @@ bool makes_sense(const Model &model, const Step &step) {
     return seated || step.kind == Kind::event || step.kind == Kind::spend_ports;
 }
 
-bool open_session(Model &model, const Step &step) {
+static bool open_session(Model &model, const Step &step) {
     const bool is_local = step.client() == local;
     const Ports ports = is_local ? Ports{62000, 63000} : model.next_ports, next = {ports.command + 1, ports.event + 1};
     if (!is_local) model.next_ports = ports == Ports{62998, 63998} ? Ports{62002, 63002} : next;
@@ -165,7 +166,7 @@ bool open_session(Model &model, const Step &step) {
 }
 
 // Each of these three: whether the answer is OK.
-bool log_in_or_out(Model &model, const Step &step, std::string &result) {
+static bool model_log_in(Model &model, const Step &step, std::string &result) {
     Record &record = model.records[step.client()];
     const size_t login = step.login() % with_text;
     const OptionalText &user = users[login % 3];
@@ -181,14 +182,14 @@ bool log_in_or_out(Model &model, const Step &step, std::string &result) {
     return accepted;
 }
 
-bool read(Model &model, const Step &step, std::string &result) {
+static bool model_read(Model &model, const Step &step, std::string &result) {
     const bool hidden = step.key() == secret_key && model.records[step.client()].has(hide_secure_info);
     model.calls.push_back(text("Read (uint32 8192, '", keys[step.key()], "')"));
     result = hidden ? "********" : model.values[step.key()];
     return step.key() != unknown_key;
 }
 
-bool write(Model &model, const Step &step, std::string &result) {
+static bool model_write(Model &model, const Step &step, std::string &result) {
     const bool many = step.kind == Kind::multi_write, locks = step.type() == lock;
     const bool listed = step.key() == listed_key || (many && step.key(1) == listed_key);
     if (listed && !locks && model.records[step.client()].user != users[root]) return false;
@@ -203,14 +204,14 @@ bool write(Model &model, const Step &step, std::string &result) {
     return many || locks || step.key() != unknown_key;
 }
 
-void connect_or_drop(Model &model, const Step &step) {
+static void connect_or_drop(Model &model, const Step &step) {
     const bool connects = model.seated[step.seat] = step.kind == Kind::connect;
     if (!model.records[step.client()].has(monitor) || model.seated[step.seat ^ 1]) return;
     if (connects) model.tell_audio(step.client(), "ClientAuthenticated");
     else model.free_record(step.client());
 }
 
-std::string apply_to_model(Model &model, const Step &step) {
+static std::string apply_to_model(Model &model, const Step &step) {
     const size_t told = model.calls.size();
     std::string result;
     if (step.kind == Kind::discover)
@@ -219,7 +220,7 @@ std::string apply_to_model(Model &model, const Step &step) {
     if (step.kind == Kind::event && step.event()[2] != nullptr) model.publish(step.event()[2]);
     if (step.kind == Kind::event && step.event()[0] != std::string_view("Dispatch")) model.changes++;
     if (step.kind < Kind::log_in) return "";
-    const auto apply = step.kind == Kind::log_in ? log_in_or_out : step.kind == Kind::read ? read : write;
+    const auto apply = step.kind == Kind::log_in ? model_log_in : step.kind == Kind::read ? model_read : model_write;
     const bool ok = apply(model, step, result);
     const bool changed = step.kind >= Kind::write && model.calls.size() > told;
     model.changes += changed;
@@ -237,7 +238,7 @@ struct Trial {
     unsigned number = 0;  // of the last write
 };
 
-wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::string &own_text) {
+static wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::string &own_text) {
     wire::Request request;
     wire::Login &login = *request.mutable_login();
     if (const auto &user = users[step.login() % 3]) login.set_user_name(*user);
@@ -250,7 +251,7 @@ wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::str
     return remote.ask(step.on_command ? Channel::command : Channel::authentication, request);
 }
 
-std::string apply_to_service(Trial &trial, const Step &step, const Record &before) {
+static std::string apply_to_service(Trial &trial, const Step &step, const Record &before) {
     RemoteClient &remote = trial.remotes[step.seat];
     const std::string &key = keys[step.key()], &next_key = keys[step.key(1)], value = step.value();
     const bool connects = step.kind == Kind::connect;
@@ -272,14 +273,14 @@ std::string apply_to_service(Trial &trial, const Step &step, const Record &befor
     return "";
 }
 
-void compare(const std::string &what, const Texts &model, const Texts &service) {
+static void compare(const std::string &what, const Texts &model, const Texts &service) {
     std::string both = what;
     for (const std::string &line : model) both += "\n  model:   " + line;
     for (const std::string &line : service) both += "\n  service: " + line;
     if (model != service) throw std::runtime_error(both);
 }
 
-void perform(Trial &trial, const Step &step) {
+static void perform(Trial &trial, const Step &step) {
     const Record before = trial.model.records[step.client()], &after = trial.model.records[step.client()];
     const std::string answer = apply_to_model(trial.model, step);
     compare("the answer", {answer}, {apply_to_service(trial, step, before)});
@@ -288,7 +289,7 @@ void perform(Trial &trial, const Step &step) {
     if (step.client() == local) wait_until_closed(before.ports.command);  // the next session needs it again
 }
 
-void compare_all(Trial &trial) {
+static void compare_all(Trial &trial) {
     perform(trial, {.kind = Kind::write, .seat = 2 * observer, .number = ++trial.number});
     Model &model = trial.model;
     Texts lines = trial.gateway.device().log_until(model.calls.back());
@@ -308,7 +309,7 @@ void compare_all(Trial &trial) {
     }
 }
 
-void begin(Trial &trial) {
+static void begin(Trial &trial) {
     for (size_t seat = 0; seat < seat_count; seat++) trial.remotes.emplace_back(client_ids[seat / 2]);
     perform(trial, {.kind = Kind::log_in, .seat = 2 * observer});
     perform(trial, {.kind = Kind::connect, .seat = 2 * observer});
@@ -319,7 +320,7 @@ void begin(Trial &trial) {
     compare_all(trial);
 }
 
-void take(Trial &trial, Step step) {
+static void take(Trial &trial, Step step) {
     if (!makes_sense(trial.model, step)) return;
     step.number = ++trial.number;
     if (step.kind != Kind::spend_ports) perform(trial, step);
@@ -329,7 +330,7 @@ void take(Trial &trial, Step step) {
 }
 
 // The first difference, or ""; then `steps` ends with the step that showed it.
-std::string walk(std::vector<Step> &steps) {
+static std::string walk(std::vector<Step> &steps) {
     testing::TestPartResultArray complaints;
     const testing::ScopedFakeTestPartResultReporter reporter(
         testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &complaints);
@@ -351,7 +352,7 @@ std::string walk(std::vector<Step> &steps) {
     return difference;
 }
 
-void cut_down(std::vector<Step> &steps) {
+static void cut_down(std::vector<Step> &steps) {
     const auto end = Clock::now() + cutting_time;
     for (size_t part = steps.size(); part > 0; part /= 2)
         for (size_t at = steps.size(); at > 0 && Clock::now() < end;) {
@@ -363,7 +364,7 @@ void cut_down(std::vector<Step> &steps) {
         }
 }
 
-std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
+static std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
     const auto below = [&random](size_t end) { return random() % end; };
     std::discrete_distribution<int> kind(weights);
     std::vector<Step> steps(count);
@@ -373,7 +374,7 @@ std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
     return steps;
 }
 
-size_t number_from(const char *variable, size_t otherwise) {
+static size_t number_from(const char *variable, size_t otherwise) {
     return getenv(variable) != nullptr ? strtoul(getenv(variable), nullptr, 10) : otherwise;
 }
 
@@ -392,5 +393,3 @@ TEST(Model, AgreesWithTheServiceOnRandomSteps) {
         FAIL() << "after these steps: " << walk(steps);
     }
 }
-
-}  // namespace

@@ -10,14 +10,12 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
-const std::string came = "ClientAuthenticated ", went = "ClientDeauthenticated ", panel_1 = "('panel-1',)",
-                  panel_2 = "('panel-2',)";
-const std::string log_off = "no other command connection opened, so auto-logoff ";
-constexpr const char *a_key = "/Device/Config/Name";
-const LoginOptions monitored = {.monitor = true}, monitored_from_afar = {.monitor = true, .connect = false};
+static const std::string came = "ClientAuthenticated ", went = "ClientDeauthenticated ", panel_1 = "('panel-1',)",
+                         panel_2 = "('panel-2',)";
+static const std::string log_off = "no other command connection opened, so auto-logoff ";
+static constexpr const char *a_key = "/Device/Config/Name";
+static const LoginOptions monitored = {.monitor = true}, monitored_from_afar = {.monitor = true, .connect = false};
 
 TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
     constexpr Ports ports = {62001, 63001};
@@ -90,5 +88,3 @@ TEST(Monitor, SurvivesTheStopOfTheService) {
         gateway.expect_log({"stopped access"});
     }
 }
-
-}  // namespace

@@ -7,18 +7,16 @@
 
 #include "harness/room.h"
 
-namespace {
-
 using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
 
-const LoginOptions as_quillmont = {.user_name = "quillmont", .password = "tandrivel"};
-constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial";  // position 77
-constexpr const char *listed_branches[] = {"/", "/Device/Audio", "/Device/Audio/", "/Device/Audio/Presets",
-                                           "/Device/Audio/Presets/"};
-constexpr uint32_t branch = 0;  // flags of a read
+static const LoginOptions as_quillmont = {.user_name = "quillmont", .password = "tandrivel"};
+static constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial";  // position 77
+static constexpr const char *listed_branches[] = {"/", "/Device/Audio", "/Device/Audio/", "/Device/Audio/Presets",
+                                                  "/Device/Audio/Presets/"};
+static constexpr uint32_t branch = 0;  // flags of a read
 
 // The keys that are not everybody's to write, in their order.
-std::vector<std::string> listed_keys() {
+static std::vector<std::string> listed_keys() {
     std::vector<std::string> keys;
     for (const std::string key :
          {"PreOutput#IIR", "Output#IIR", "Output#TruePowerLimiter", "Output#CurrentLimiterRMS", "Output#DynamicEq",
@@ -87,7 +85,7 @@ struct ForbiddenCase {
     Pairs pairs;
     const char *position;
 };
-const ForbiddenCase forbidden[] = {
+static const ForbiddenCase forbidden[] = {
     {"the last",             {{name_key, "A"}, {name_key, "B"}, {serial_key, std::nullopt}}, "[77]"},
     {"two, the first tells", {{"/Device/Config/EASY_SWAP_ID", "A"}, {serial_key, "B"}},      "[84]"},
     {"behind no keys",       {{"", "A"}, {std::nullopt, "B"}, {serial_key, "C"}},            "[77]"},
@@ -111,7 +109,7 @@ struct QuestionCase {
     const char *key;
     bool recursive, allowed;
 };
-constexpr QuestionCase questions[] = {
+static constexpr QuestionCase questions[] = {
     {2, "/",        false, true },
     {2, "/",        true,  false},
     {4, serial_key, false, false},
@@ -125,5 +123,3 @@ TEST(Rights, CanBeAskedFor) {
         EXPECT_EQ(room.panel.authorize(row.operation, row.key, row.recursive).authorization().allowed(), row.allowed);
     }
 }
-
-}  // namespace

@@ -9,8 +9,6 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 
 TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
@@ -31,7 +29,7 @@ struct TakenCase {
     const char *log;
     Texts released;
 };
-const TakenCase taken_ports[] = {
+static const TakenCase taken_ports[] = {
     {"error bind on port (tcp://*:62001)", {"free cl_cmds"}                  },
     {"error bind on port (tcp://*:63002)", {"free cl_cmds", "free cl_events"}},
 };
@@ -59,10 +57,10 @@ struct OpeningCase {
     bool watched;
     const char *flags;
 };
-const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
-const LoginOptions everything = {
+static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
+static const LoginOptions everything = {
     .monitor = true, .discard_my_feedback = true, .hide_secure_info = true, .no_lock = true, .connect = false};
-const OpeningCase openings[] = {
+static const OpeningCase openings[] = {
     {"panel-1",    plain,      {62001, 63001}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
     {"panel-2",    everything, {62002, 63002}, true,  "discard_my_feedback:1 hide_secure:1 no_lock:1"},
     {"@localhost", monitored,  {62000, 63000}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
@@ -97,7 +95,7 @@ struct AddressCase {
     const char *setting, *shown;
     bool elsewhere;  // heard on another address of this machine
 };
-constexpr AddressCase addresses[] = {
+static constexpr AddressCase addresses[] = {
     {"",          "*",         true },
     {"127.0.0.1", "127.0.0.1", false},
     {"127.0.0.2", "127.0.0.2", true },
@@ -117,5 +115,3 @@ TEST(Session, BindsToTheAddressThatIsSet) {
         }
     }
 }
-
-}  // namespace

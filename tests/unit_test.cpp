@@ -30,15 +30,13 @@
 #include "net/transport/bus.h"
 #include "net/transport/frame.h"
 
-namespace {
-
 using Texts = std::vector<std::string>;
 
-Texts recorded;
+static Texts recorded;
 
 // Keeps the message, without the line's prefix and end; of "file:function:line - what" only what stands behind the
 // dash.
-[[gnu::format(printf, 1, 2)]] void record(const char *format, ...) {
+[[gnu::format(printf, 1, 2)]] static void record(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
     g_autofree char *line = g_strdup_vprintf(format, arguments);
@@ -136,7 +134,7 @@ TEST_F(Unit, ABroadcastPassesByWhomItCannotReach) {
 }
 
 // In the place of CZMQ's monitor: reports an event that nobody asked for and waits for its end.
-void stray_monitor(zsock_t *pipe, void *) {
+static void stray_monitor(zsock_t *pipe, void *) {
     zsock_signal(pipe, 0);
     zstr_send(pipe, "OPENED");
     free(zstr_recv(pipe));
@@ -258,7 +256,7 @@ TEST_F(Unit, AnAuthorizationNeedsAKeyAndAKnownOperation) {
 }
 
 // It is fixed as long as a process lives, so each has one of its own.
-void expect_extra(const char *enable_4221, const char *has_lumaversa, const std::string &extra) {
+static void expect_extra(const char *enable_4221, const char *has_lumaversa, const std::string &extra) {
     setenv("ENABLE4221", enable_4221, 1);
     setenv("HAS_LUMAVERSA", has_lumaversa, 1);
     EXPECT_EXIT(_exit(discovery_extra() == extra ? 0 : 1), testing::ExitedWithCode(0), "") << enable_4221;
@@ -297,5 +295,3 @@ TEST_F(Unit, AFileIsNotWrittenThroughALink) {
     EXPECT_NE(access("/tmp/elsewhere", F_OK), 0);
     remove("/tmp/discovery_link.txt");
 }
-
-}  // namespace

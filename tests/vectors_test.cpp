@@ -15,24 +15,22 @@
 #include "harness/discovery.h"
 #include "harness/remote_client.h"
 
-namespace {
-
 namespace pb = google::protobuf;
 using Json = nlohmann::ordered_json;  // the files keep their order
 using Texts = std::vector<std::string>;
 
-const std::string folder = VECTORS_FOLDER;
-const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial",          "loginPort", "secondPort",
-                            "wrappedKey", "slotMark",        "oemManufacturer",    "oemModel",  "amplifierName",
-                            "serial",     "easySwapId",      "projectInformation", "extra"};
+static const std::string folder = VECTORS_FOLDER;
+static const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial",          "loginPort", "secondPort",
+                                   "wrappedKey", "slotMark",        "oemManufacturer",    "oemModel",  "amplifierName",
+                                   "serial",     "easySwapId",      "projectInformation", "extra"};
 
-std::string hex_of(const std::string &bytes) {
+static std::string hex_of(const std::string &bytes) {
     std::ostringstream hex;
     for (const char byte : bytes) hex << std::hex << std::setfill('0') << std::setw(2) << (byte & 0xff);
     return hex.str();
 }
 
-std::string bytes_of(const std::string &hex) {
+static std::string bytes_of(const std::string &hex) {
     std::string bytes;
     for (size_t i = 0; i < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
     return bytes;
@@ -66,7 +64,7 @@ struct Contract {
     }
 };
 
-std::string unwrap(const std::string &wrapped_key) {
+static std::string unwrap(const std::string &wrapped_key) {
     if (wrapped_key.empty()) return "";
     const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file((folder + "test_key.pem").c_str(), "r"),
                                                          BIO_free);
@@ -83,7 +81,7 @@ std::string unwrap(const std::string &wrapped_key) {
 }
 
 // No two wrapped keys are alike: the recorded one takes the place of another that holds the same secret.
-Json reply_packet(std::string text, const std::string &known) {
+static Json reply_packet(std::string text, const std::string &known) {
     Json fields;
     std::istringstream in(text.substr(3, text.size() - 4));  // between "@?D" and "!"
     for (std::string field; const std::string &name : reply_fields)
@@ -164,5 +162,3 @@ TEST(Vectors, AreWhatTheServiceSays) {
                 EXPECT_EQ(played["steps"][i].dump(2), recorded["steps"][i].dump(2));
     }
 }
-
-}  // namespace

@@ -11,13 +11,11 @@
 #include <dlfcn.h>
 #include <link.h>
 
-namespace {
-
 struct Program {
     uintptr_t first, end;
 };
 
-int note_program(dl_phdr_info *info, size_t, void *argument) {
+static int note_program(dl_phdr_info *info, size_t, void *argument) {
     auto *program = static_cast<Program *>(argument);
     for (int i = 0; i < info->dlpi_phnum; ++i) {
         const auto &part = info->dlpi_phdr[i];
@@ -28,7 +26,7 @@ int note_program(dl_phdr_info *info, size_t, void *argument) {
     return 1;  // the first entry is the program
 }
 
-bool from_program(const void *caller) {
+static bool from_program(const void *caller) {
     static const Program program = [] {
         Program found = {};
         dl_iterate_phdr(note_program, &found);
@@ -43,14 +41,14 @@ struct Wanted {
     long which;
 };
 
-Wanted read_wish() {
+static Wanted read_wish() {
     Wanted wanted = {"", 0};
     const char *wish = getenv("KESTO_FAIL");
     if (wish != nullptr) sscanf(wish, "%63[^:]:%ld", wanted.call, &wanted.which);
     return wanted;
 }
 
-bool fails(const char *call, const void *caller) {
+static bool fails(const char *call, const void *caller) {
     static const Wanted wanted = read_wish();
     static std::atomic<long> count = 0;
     if (strcmp(call, wanted.call) != 0 || !from_program(caller)) return false;
@@ -58,15 +56,13 @@ bool fails(const char *call, const void *caller) {
 }
 
 template <typename Function>
-Function *real(const char *name) {
+static Function *real(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-}  // namespace
-
 /* The arguments of a C function travel in registers whatever their types; none of these has a floating one. */
 using Word = uintptr_t;
-constexpr Word minus_one = static_cast<Word>(-1), nothing = 0;
+static constexpr Word minus_one = static_cast<Word>(-1), nothing = 0;
 
 #define FAIL_WITH(name, value)                                                           \
     extern "C" Word failing_##name(Word, Word, Word, Word, Word, Word) __asm__(#name);   \

@@ -12,25 +12,23 @@
 
 #include "harness/recording.h"
 
-namespace {
+static constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
+                                                      "UBSAN_OPTIONS", "TSAN_OPTIONS",      "LLVM_PROFILE_FILE",
+                                                      "GCOV_PREFIX",   "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
 
-constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
-                                               "UBSAN_OPTIONS", "TSAN_OPTIONS",      "LLVM_PROFILE_FILE",
-                                               "GCOV_PREFIX",   "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
-
-constexpr const char *complaints[] = {
+static constexpr const char *complaints[] = {
     "CRITICAL **", "WARNING **", "Sanitizer",     "runtime error:",
     "Assertion",   "dangling",   "[libprotobuf ", "terminate called after",
 };
 
-std::string_view message_of(std::string_view line) {
+static std::string_view message_of(std::string_view line) {
     const size_t brace = line.find("] {");
     if (!line.starts_with('[') || brace == line.npos || line.find('|') > brace) return line;
     const size_t end = line.find("} ", brace);
     return end == line.npos ? line : line.substr(end + 2);
 }
 
-bool matches(std::string_view text, std::string_view pattern) {
+static bool matches(std::string_view text, std::string_view pattern) {
     const size_t star = pattern.find('*');
     if (star == pattern.npos) return text == pattern;
     if (!text.starts_with(pattern.substr(0, star))) return false;
@@ -39,8 +37,6 @@ bool matches(std::string_view text, std::string_view pattern) {
         if (matches(text.substr(at), rest)) return true;
     return false;
 }
-
-}  // namespace
 
 std::ostream &operator<<(std::ostream &out, const Exit &exit) {
     if (exit.signal != 0) return out << "killed by signal " << exit.signal;
