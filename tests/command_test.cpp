@@ -7,9 +7,6 @@
 
 #include "harness/room.h"
 
-using Texts = std::vector<std::string>;
-using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
-
 static std::string read_request(const std::string &client_id) {
     wire::Message message;
     message.mutable_request()->set_client_id(client_id);
@@ -56,9 +53,7 @@ TEST(Command, ServesAndEchoesWhateverIdARequestCarries) {
 
 TEST(Command, GivesTheDiscoveryTextWithoutTheDevice) {
     Room room;
-    wire::Request request;
-    request.mutable_discovery();
-    EXPECT_EQ(room.panel.ask(Channel::command, request).discovery(),
+    EXPECT_EQ(room.panel.discovery_text(Channel::command),
               "@?DKX8-3000\x1c"
               "1.12.1.32\x1cQM240817\x1c?\x1c\x1c\x1cQM240817\x1c"
               "4221=ON!");

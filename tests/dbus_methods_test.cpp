@@ -8,8 +8,8 @@
 #include "harness/remote_client.h"
 
 // What a client's user would say of each message.
-static std::vector<std::string> shown(const std::vector<wire::Message> &messages) {
-    std::vector<std::string> texts;
+static Texts shown(const std::vector<wire::Message> &messages) {
+    Texts texts;
     for (const wire::Message &message : messages) {
         const wire::Event &event = message.event();
         const wire::Alarm &alarm = event.alarm();
@@ -62,7 +62,7 @@ TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
         client->subscribe(gateway);
     }
     EXPECT_EQ(RemoteClient("refused").log_in({.password = "wrong"}), Ports{});
-    std::vector<std::string> heard;
+    Texts heard;
     wire::Request question;
     question.mutable_change_count();
     uint32_t counted = 0;

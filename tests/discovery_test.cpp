@@ -42,9 +42,7 @@ static std::string all_files() {
 }
 
 static std::string text_for(RemoteClient &client, Channel channel) {
-    wire::Request request;
-    request.mutable_discovery();
-    std::string text = client.ask(channel, request).discovery();
+    std::string text = client.discovery_text(channel);
     std::replace(text.begin(), text.end(), '\x1c', '|');
     return text;
 }
@@ -158,9 +156,9 @@ TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
     gateway.control("Change", "('/Device/Config/EASY_SWAP_ID', '18', '')");
     EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17|Opera|4221=ON!"));
 
-    gateway.control("Fault", "('read:/Device/Config/PROJECT_INFO=error',)");
+    gateway.set_fault("read:/Device/Config/PROJECT_INFO=error");
     EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17||4221=ON!"));
-    gateway.control("Fault", "('read:/Device/Config/PROJECT_INFO=none',)");
+    gateway.set_fault("read:/Device/Config/PROJECT_INFO=none");
 
     gateway.control("Change", ("('/Device/Config/PROJECT_INFO', '" + std::string(9000, 'p') + "', '')").c_str());
     EXPECT_THAT(discovery.find("panel-1"), testing::AllOf(testing::SizeIs(8191), testing::EndsWith("pppp")));
@@ -218,7 +216,7 @@ static std::string locked_key() {
 TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
     Gateway gateway;
     Discovery discovery;
-    for (const std::string &key : std::vector<std::string>{"no key", elliptic_key, locked_key()}) {
+    for (const std::string &key : Texts{"no key", elliptic_key, locked_key()}) {
         SCOPED_TRACE(key);
         EXPECT_FALSE(discovery.ask(discovery_request("panel-1", key)));
         gateway.expect_log({"*:client_process_discovery:* - kesto_pubkey_encrypt", "[DISCOVERY] received malformed",
@@ -284,11 +282,7 @@ TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
         EXPECT_EQ(discovery.find("panel-1"), plain_reply);
         gateway.expect_log({added});
         EXPECT_TRUE(discovery_files().empty());  // an identity alone writes none
-        wire::Request login;
-        login.mutable_login()->set_user_name("root");
-        login.mutable_login()->set_password("vormi");
-        if (row.discovery) login.mutable_login()->set_discovery(*row.discovery);
-        EXPECT_EQ(panel.ask(row.channel, login).status(), row.status);
+        EXPECT_EQ(panel.ask(row.channel, login_request({.discovery = row.discovery})).status(), row.status);
         EXPECT_EQ(all_files(), plain_files);
         EXPECT_EQ(text_for(panel, Channel::command), plain_text);
     }

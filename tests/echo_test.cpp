@@ -6,12 +6,9 @@
 
 #include "harness/room.h"
 
-using Texts = std::vector<std::string>;
-using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
 using Act = wire::Reply (*)(RemoteClient &);
 
-static const LoginOptions restricted = {.user_name = "quillmont", .password = "tandrivel"};
-static constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not the restricted user's to write
+static constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not quillmont's to write
 
 static wire::Reply read_key(RemoteClient &panel) { return panel.read(name_key); }
 static wire::Reply ask_for_right(RemoteClient &panel) { return panel.authorize(4, name_key, false); }
@@ -37,7 +34,7 @@ TEST(Echo, IsTheVeryAnswerOfTheWriter) {
         Gateway &gateway = room.gateway;
         RemoteClient second("panel-2"), third("panel-3");
         second.log_in({.discard_my_feedback = true});
-        third.log_in(restricted);
+        third.log_in(as_quillmont);
         for (RemoteClient *client : {&room.panel, &second, &third}) client->subscribe(gateway);
         for (const Act act : {write_key, lock_key, multi_write}) {
             const std::string answer = act(room.panel).SerializeAsString();
@@ -75,13 +72,13 @@ static constexpr ActCase acts[] = {
 };
 
 TEST(Echo, FollowsOnlyWhatTheDataServiceWasTold) {
-    Room room(restricted);
+    Room room(as_quillmont);
     RemoteClient second("panel-2");
     second.log_in();
     second.subscribe(room.gateway);
     for (uint32_t changes = 0; const ActCase &row : acts) {
         SCOPED_TRACE(row.why);
-        room.gateway.control("Fault", ("('" + std::string(row.fault) + "',)").c_str());
+        room.gateway.set_fault(row.fault);
         const wire::Reply answer = row.act(room.panel);
         EXPECT_EQ(echoes_heard_by(second, room.gateway), Texts(row.echoed, answer.SerializeAsString()));
         EXPECT_EQ(answer.change_count(), changes += row.echoed);

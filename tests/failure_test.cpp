@@ -19,10 +19,6 @@
 #include "harness/remote_client.h"
 #include "harness/wait.h"
 
-using Texts = std::vector<std::string>;
-
-static constexpr int auth_port = 60000;
-
 static GatewayOptions failing(const char *call, bool wait_until_up = true) {
     const char *asan_options = getenv("ASAN_OPTIONS");
     Environment environment = {};
@@ -275,7 +271,7 @@ TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
         Gateway gateway(failing(refused ? "proto_get_private:2" : "proto_get_private:3"));
         RemoteClient panel("panel-1");
         panel.log_in();
-        const wire::Reply reply = panel.write("/Device/Config/Name", "Hall");
+        const wire::Reply reply = panel.write(name_key, "Hall");
         EXPECT_EQ(reply.status(), refused ? wire::STATUS_REFUSED : wire::STATUS_OK);
         EXPECT_EQ(reply.change_count(), refused ? 0u : 1u);
         panel.log_out();
@@ -295,12 +291,12 @@ TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
     Gateway gateway;
     RemoteClient panel("panel-1");
     panel.log_in();
-    panel.read("/Device/Config/Name");                     // its connection is there
+    panel.read(name_key);                                  // its connection is there
     const rlim_t enough = limit_descriptors(gateway, 10);  // fewer than are open
-    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_REFUSED);
+    EXPECT_EQ(panel.read(name_key).status(), wire::STATUS_REFUSED);
     gateway.expect_log({"unable to call method for DBUS datad proxy: no descriptor is free for the call"});
     limit_descriptors(gateway, enough);
-    EXPECT_EQ(panel.read("/Device/Config/Name").value().text(), "Rack 3, amplifier 2");
+    EXPECT_EQ(panel.read(name_key).value().text(), name_value);
 }
 
 // An emulator may pass on the state alone.
@@ -318,10 +314,10 @@ TEST(StrangersWhoTakeAllConnections, MakeRoomForAClientAndNeverForTheLastDescrip
     Gateway gateway;
     limit_descriptors(gateway, 64);
     std::vector<int> strangers(100);
-    for (int &stranger : strangers) stranger = connected_socket(SOCK_STREAM, auth_port);
+    for (int &stranger : strangers) stranger = connected_socket(SOCK_STREAM, authentication_port);
     RemoteClient panel("panel-1");
     EXPECT_NE(panel.log_in(), Ports{});
-    EXPECT_EQ(panel.read("/Device/Config/Name").status(), wire::STATUS_OK);
+    EXPECT_EQ(panel.read(name_key).status(), wire::STATUS_OK);
     for (const int stranger : strangers) close(stranger);
 }
 

@@ -26,9 +26,8 @@ struct Hall : Room {
         bystander.log_in();
         bystander.subscribe(gateway);
     }
-    void set_fault(const std::string &fault) { gateway.control("Fault", ("('" + fault + "',)").c_str()); }
     void expect_recovery(const std::string &fault) {
-        set_fault(fault.substr(0, fault.find('=')) + "=none");
+        gateway.set_fault(fault.substr(0, fault.find('=')) + "=none");
         bystander.events_so_far(gateway);
         EXPECT_EQ(panel.write(name_key, name_value).status(), wire::STATUS_OK);
         EXPECT_EQ(bystander.next_event().reply().write().value(), name_value);
@@ -65,7 +64,7 @@ TEST(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
     Hall hall;
     for (const FaultCase &row : faults) {
         SCOPED_TRACE(row.fault);
-        hall.set_fault(row.fault);
+        hall.gateway.set_fault(row.fault);
         const wire::Reply reply = row.act(hall.panel);
         EXPECT_EQ(reply.status(), row.ok ? wire::STATUS_OK : wire::STATUS_REFUSED);
         EXPECT_EQ(reply.has_value() ? reply.value().text() : std::to_string(reply.write().result()), row.answer);
@@ -91,7 +90,7 @@ TEST(LateAnswer, LetsTheOthersWaitAndLosesNothing) {
     Hall hall;
     for (const CallCase &row : calls) {
         SCOPED_TRACE(row.method);
-        hall.set_fault(row.method + "=late:300");
+        hall.gateway.set_fault(row.method + "=late:300");
         auto answer = std::async(std::launch::async, row.act, std::ref(hall.panel));
         hall.gateway.device().expect_log({row.call});
         EXPECT_EQ(hall.gateway.call("GeneralDispatch", g_variant_new("(sss)", "/a", "", "")), empty_reply);
@@ -106,7 +105,7 @@ TEST(LateAnswer, LetsTheOthersWaitAndLosesNothing) {
 
 TEST(NoAnswer, IsGivenUpAfterTheBusTimeout) {
     Hall hall;
-    hall.set_fault("read=never");
+    hall.gateway.set_fault("read=never");
     const auto start = Clock::now();
     auto answer = std::async(std::launch::async, read_name, std::ref(hall.panel));
     hall.gateway.device().expect_log({"Read (uint32 8192, '/Device/Config/Name')"});
@@ -121,7 +120,7 @@ TEST(DeadDevice, IsReportedUntilItIsBack) {
     Hall hall;
     for (const CallCase &row : calls) {
         SCOPED_TRACE(row.method);
-        hall.set_fault(row.method + "=die");
+        hall.gateway.set_fault(row.method + "=die");
         EXPECT_EQ(row.act(hall.panel).status(), wire::STATUS_REFUSED);
         hall.gateway.expect_log({"*Error.NoReply: *"});
         EXPECT_EQ(hall.gateway.device().wait_exit(), Exit{.status = 70});
@@ -148,7 +147,7 @@ TEST(LostBus, EndsTheServiceOrderlyWithSessionsOpen) {
 // The call is waited for, and what it gave still gets out.
 TEST(Stop, WaitsForTheCallThatIsUnderWay) {
     Hall hall;
-    hall.set_fault("write=late:300");
+    hall.gateway.set_fault("write=late:300");
     auto answer = std::async(std::launch::async, write_name, std::ref(hall.panel));
     hall.gateway.device().expect_log({"Write (0, '/Device/Config/Name', 'Hall')"});
     hall.gateway.service().send_signal(SIGTERM);
@@ -159,7 +158,7 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
 // The start asks for four keys, one after the other.
 TEST(Stop, InTheStartWaitsForOneCallOnly) {
     Gateway gateway({.with_service = false, .wait_until_up = false});
-    gateway.control("Fault", "('read=late:300',)");
+    gateway.set_fault("read=late:300");
     gateway.start_service();
     gateway.device().expect_log({"Read (uint32 8192, *"});
     gateway.service().send_signal(SIGTERM);

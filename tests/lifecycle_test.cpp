@@ -109,7 +109,7 @@ TEST(Stop, ReleasesASessionWithoutTellingTheAudioService) {
     gateway.device().expect_call("ClientAuthenticated", "panel-1");
     gateway.stop_service();
     gateway.start_service();
-    EXPECT_EQ(gateway.audio_calls(), std::vector<std::string>{});
+    EXPECT_EQ(gateway.audio_calls(), Texts{});
 }
 
 struct FatalCase {
@@ -121,10 +121,10 @@ struct FatalCase {
 static constexpr const char *no_udp_port = "*:kesto_access_net_start:* - bind on udp socket";
 static constexpr const char *no_tcp_port = "error auth socket";
 static constexpr FatalCase fatal_starts[] = {
-    {"UDP port taken",  SOCK_DGRAM,  8004,  "",            no_udp_port},
-    {"TCP port taken",  SOCK_STREAM, 60000, "",            no_tcp_port},
-    {"foreign address", 0,           0,     "203.0.113.9", no_tcp_port},
-    {"no address",      0,           0,     "%s%n*",       no_tcp_port},
+    {"UDP port taken",  SOCK_DGRAM,  8004,                "",            no_udp_port},
+    {"TCP port taken",  SOCK_STREAM, authentication_port, "",            no_tcp_port},
+    {"foreign address", 0,           0,                   "203.0.113.9", no_tcp_port},
+    {"no address",      0,           0,                   "%s%n*",       no_tcp_port},
 };
 
 TEST(Start, EndsTheServiceOrderlyWhenTheNetworkCannotBeHad) {
@@ -134,7 +134,7 @@ TEST(Start, EndsTheServiceOrderlyWhenTheNetworkCannotBeHad) {
         if (row.type != 0) taken.emplace(row.type, row.port);
         Gateway gateway({.environment = {{"ZMQ_ACCESS_IP", row.address}}, .wait_until_up = false});
         gateway.expect_log({row.log});
-        EXPECT_EQ(gateway.service().log_until("destroy srv"), std::vector<std::string>{});
+        EXPECT_EQ(gateway.service().log_until("destroy srv"), Texts{});
         gateway.expect_log({"zsys_shutdown", "zmq thread down", "net thread joined...", "stopped access"});
         EXPECT_EQ(gateway.service().wait_exit(), good_end);
     }

@@ -7,9 +7,7 @@
 #include "harness/port.h"
 #include "harness/room.h"
 
-using Texts = std::vector<std::string>;
 static constexpr const char *added = "[AUTH] added non discovered client";
-static const LoginOptions quillmont = {.user_name = "quillmont", .password = "tandrivel"};
 
 struct CredentialsCase {
     const char *id;
@@ -52,7 +50,7 @@ TEST(Login, SaysInTheLogWhatItDecided) {
                         "Unable to authenticate with username=root and password=no", "[AUTH] > zmq_msg_send",
                         "free client", "client free cmd port = -1, event port -1 (type: 1)", "free cl_username",
                         "remove cl_id from list of known client", "free cl_id"});
-    EXPECT_EQ(panel.log_in(quillmont), (Ports{62001, 63001}));  // the record went with its user name
+    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62001, 63001}));  // the record went with its user name
     gateway.expect_log({added, "user quillmont, password tandrivel OK", "request login WITHOUT discovery message",
                         "clientAuthenticated no_lock:0 id:panel-1",
                         "[panel-1] authenticating username=[quillmont], password=[tandrivel] done",
@@ -87,9 +85,7 @@ TEST(Login, RefusedLeavesARunningSessionAlone) {
     for (const Channel channel : {Channel::authentication, Channel::command})
         for (const RenewalCase &row : renewals) {
             SCOPED_TRACE(row.log);
-            wire::Request request;
-            request.mutable_login()->set_user_name(row.user_name);
-            request.mutable_login()->set_password(row.password);
+            const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
             EXPECT_EQ(room.panel.ask(channel, request).session().command_port(), row.port);
             room.gateway.service().expect_no_log_before("free client*", row.log);
             EXPECT_EQ(room.panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
@@ -153,7 +149,7 @@ TEST(Logout, AnswersThenReleasesAndFreesTheId) {
 
 struct BadRequestCase {
     const char *why;
-    std::vector<std::string> frames;
+    Texts frames;
     const char *log;
 };
 static const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";

@@ -14,8 +14,6 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-using Texts = std::vector<std::string>;
-
 static constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
 static constexpr std::chrono::minutes cutting_time{4};
 
@@ -25,8 +23,8 @@ static constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, 
 // A seat is one connection of a client to its session; each client has two.
 static constexpr size_t seat_count = 2 * client_count, actor_seat_count = 2 * actor_count;
 
-static const Texts keys = {"/Device/Config/Name", "/Device/Config/Hardware/Model/Serial",
-                           "/Device/Config/Networking/Snmp/Secret", "/Device/Nowhere"};
+static const Texts keys = {name_key, "/Device/Config/Hardware/Model/Serial", "/Device/Config/Networking/Snmp/Secret",
+                           "/Device/Nowhere"};
 static constexpr size_t listed_key = 1, secret_key = 2, unknown_key = 3, key_count = 4;
 static constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
 
@@ -128,8 +126,8 @@ struct Model {
     bool seated[seat_count] = {};
     Ports next_ports = {62001, 63001};
     uint32_t changes = 0;
-    std::string values[key_count] = {"Rack 3, amplifier 2", "QM240817", "community"};  // of the device
-    Texts calls, heard[seat_count];                                                    // since the last comparison
+    std::string values[key_count] = {name_value, "QM240817", "community"};  // of the device
+    Texts calls, heard[seat_count];                                         // since the last comparison
 
     void tell_audio(size_t client, const char *method) {
         calls.push_back(text(method, " ('", client_ids[records[client].has(no_lock) ? local : client], "',)"));
@@ -239,11 +237,11 @@ struct Trial {
 };
 
 static wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::string &own_text) {
-    wire::Request request;
-    wire::Login &login = *request.mutable_login();
-    if (const auto &user = users[step.login() % 3]) login.set_user_name(*user);
-    if (const auto &password = passwords[step.login() / 3 % 3]) login.set_password(*password);
-    if (step.login() >= with_text) login.set_discovery(step.login() < with_wrong_text ? own_text : "another device's");
+    const OptionalText discovery_texts[] = {std::nullopt, own_text, "another device's"};
+    wire::Request request = login_request({.user_name = users[step.login() % 3],
+                                           .password = passwords[step.login() / 3 % 3],
+                                           .discovery = discovery_texts[step.login() / with_text]});
+    wire::Login &login = *request.mutable_login();  // any number but 0 sets a flag
     login.set_monitor(step.how & monitor);
     login.set_discard_my_feedback(step.how & discard_my_feedback);
     login.set_hide_secure_info(step.how & hide_secure_info);
@@ -313,9 +311,7 @@ static void begin(Trial &trial) {
     for (size_t seat = 0; seat < seat_count; seat++) trial.remotes.emplace_back(client_ids[seat / 2]);
     perform(trial, {.kind = Kind::log_in, .seat = 2 * observer});
     perform(trial, {.kind = Kind::connect, .seat = 2 * observer});
-    wire::Request request;
-    request.mutable_discovery();
-    trial.discovery_text = trial.remotes[2 * observer].ask(Channel::command, request).discovery();
+    trial.discovery_text = trial.remotes[2 * observer].discovery_text(Channel::command);
     trial.gateway.device().expect_log({std::exchange(trial.model.calls, {}).back()});
     compare_all(trial);
 }

@@ -10,11 +10,9 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-using Texts = std::vector<std::string>;
 static const std::string came = "ClientAuthenticated ", went = "ClientDeauthenticated ", panel_1 = "('panel-1',)",
                          panel_2 = "('panel-2',)";
 static const std::string log_off = "no other command connection opened, so auto-logoff ";
-static constexpr const char *a_key = "/Device/Config/Name";
 static const LoginOptions monitored = {.monitor = true}, monitored_from_afar = {.monitor = true, .connect = false};
 
 TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
@@ -33,7 +31,7 @@ TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
     EXPECT_TRUE(is_open(ports.command));
     gateway.expect_log({"ACCEPTED socket", "reopen same connection: (panel-1) 2", "DISCONNECTED socket",
                         "client deconnection but it is not the last one: (panel-1) 1"});
-    EXPECT_EQ(panel.read(a_key).status(), wire::STATUS_OK);
+    EXPECT_EQ(panel.read(name_key).status(), wire::STATUS_OK);
     EXPECT_EQ(gateway.audio_calls(), Texts{came + panel_1});
 
     EXPECT_TRUE(is_open(ports.event));  // does not count
@@ -47,7 +45,7 @@ TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
     wait_until_closed(ports.command);
     wait_until_closed(ports.event);
     EXPECT_EQ(gateway.audio_calls(), Texts{went + panel_1});
-    EXPECT_EQ(panel.log_in({.user_name = "quillmont", .password = "tandrivel"}), (Ports{62002, 63002}));
+    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62002, 63002}));
 }
 
 // Whoever opens a TCP connection to the command port counts, a client or not; but only where it is watched.

@@ -7,17 +7,14 @@
 
 #include "harness/room.h"
 
-using Pairs = std::vector<std::pair<OptionalText, OptionalText>>;
-
-static const LoginOptions as_quillmont = {.user_name = "quillmont", .password = "tandrivel"};
 static constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial";  // position 77
 static constexpr const char *listed_branches[] = {"/", "/Device/Audio", "/Device/Audio/", "/Device/Audio/Presets",
                                                   "/Device/Audio/Presets/"};
 static constexpr uint32_t branch = 0;  // flags of a read
 
 // The keys that are not everybody's to write, in their order.
-static std::vector<std::string> listed_keys() {
-    std::vector<std::string> keys;
+static Texts listed_keys() {
+    Texts keys;
     for (const std::string key :
          {"PreOutput#IIR", "Output#IIR", "Output#TruePowerLimiter", "Output#CurrentLimiterRMS", "Output#DynamicEq",
           "Output#ClipLimiter", "Output#PeakLimiter", "Output#VoltageLimiterRMS", "Output#Feedloop"})

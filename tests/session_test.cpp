@@ -9,8 +9,6 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-using Texts = std::vector<std::string>;
-
 TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
     constexpr int sessions = 998;
     Gateway gateway;
@@ -45,7 +43,7 @@ TEST(Session, RefusesATakenPortAndGoesOnToTheNext) {
         EXPECT_EQ(gateway.service().log_until("free cl_username"), row.released);
     }
     wait_until_closed(62002);
-    EXPECT_EQ(panel.log_in({.user_name = "quillmont", .password = "tandrivel"}), (Ports{62003, 63003}));
+    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62003, 63003}));
     EXPECT_EQ(gateway.audio_calls(), (Texts{"ClientDeauthenticated ('panel-1',)", "ClientDeauthenticated ('panel-1',)",
                                             "ClientAuthenticated ('panel-1',)"}));
 }
@@ -109,7 +107,7 @@ TEST(Session, BindsToTheAddressThatIsSet) {
         EXPECT_EQ(RemoteClient("panel-1", address).log_in({.connect = false}), (Ports{62001, 63001}));
         gateway.expect_log({"panel-1: private cmd port on (" + shown + ") 62001 62001",
                             "panel-1: private events port on (" + shown + ") 63001 63001"});
-        for (const int port : {60000, 62001, 63001}) {
+        for (const int port : {authentication_port, 62001, 63001}) {
             EXPECT_TRUE(is_open(port, address)) << port;
             EXPECT_EQ(is_open(port, "127.0.0.2"), row.elsewhere) << port;
         }

@@ -13,6 +13,7 @@
 #include "common/access_private.h"
 #include "common/bus_event.h"
 #include "harness/recording.h"
+#include "harness/texts.h"
 #include "main/lifecycle.h"
 #include "net/device/discovery_extra.h"
 #include "net/device/identity.h"
@@ -29,8 +30,6 @@
 #include "net/start/network_thread.h"
 #include "net/transport/bus.h"
 #include "net/transport/frame.h"
-
-using Texts = std::vector<std::string>;
 
 static Texts recorded;
 

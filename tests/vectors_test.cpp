@@ -17,7 +17,6 @@
 
 namespace pb = google::protobuf;
 using Json = nlohmann::ordered_json;  // the files keep their order
-using Texts = std::vector<std::string>;
 
 static const std::string folder = VECTORS_FOLDER;
 static const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial",          "loginPort", "secondPort",

@@ -6,8 +6,8 @@
 
 #include "harness/discovery.h"
 
-std::vector<std::string> discovery_files() {
-    std::vector<std::string> paths;
+Texts discovery_files() {
+    Texts paths;
     for (const auto &entry : std::filesystem::directory_iterator("/tmp"))
         if (const std::string path = entry.path(); path.starts_with("/tmp/discovery_")) paths.push_back(path);
     return paths;
@@ -33,7 +33,7 @@ void Gateway::start_device() {
     const Environment environment = {
         {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}
     };
-    device_.emplace(std::vector<std::string>{KESTO_DEVICE_PROGRAM, "--trace"}, environment);
+    device_.emplace(Texts{KESTO_DEVICE_PROGRAM, "--trace"}, environment);
     device_->expect_log({"kesto-device: serving *"});
 }
 
@@ -41,7 +41,7 @@ void Gateway::start_service() {
     Environment environment = options_.environment;
     environment.emplace("KESTO_DEBUG", "1");
     environment.emplace("DBUS_SESSION_BUS_ADDRESS", bus_.address());
-    std::vector<std::string> command = options_.arguments;
+    Texts command = options_.arguments;
     command.insert(command.begin(), KESTO_ACCESS_PROGRAM);
     service_.emplace(std::move(command), environment);
     if (options_.wait_until_up) service_->expect_log({"zsys_catch_interrupts"});
@@ -61,10 +61,14 @@ void Gateway::control(const char *method, const char *arguments, Where where) {
     if (answer != empty_reply) abandon(std::string(method) + ": " + answer.error + ": " + answer.message, where);
 }
 
-std::vector<std::string> Gateway::audio_calls(Where where) {
+void Gateway::set_fault(const std::string &fault, Where where) {
+    control("Fault", ("('" + fault + "',)").c_str(), where);
+}
+
+Texts Gateway::audio_calls(Where where) {
     Discovery().find("fence", "", where);
     // The service read it for the reply, on the connection that carries its calls to the audio service.
-    std::vector<std::string> calls = device_->log_until("Read (uint32 8192, '/Device/Config/PROJECT_INFO')", where);
+    Texts calls = device_->log_until("Read (uint32 8192, '/Device/Config/PROJECT_INFO')", where);
     std::erase_if(calls, [](const std::string &line) { return !line.starts_with("Client"); });
     return calls;
 }

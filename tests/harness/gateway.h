@@ -9,17 +9,20 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "harness/bus.h"
 #include "harness/process.h"
+#include "harness/texts.h"
+
+/* A key of the simulated device, and the value that it starts with. */
+inline constexpr const char *name_key = "/Device/Config/Name", *name_value = "Rack 3, amplifier 2";
 
 struct GatewayOptions {
     bool with_device = true;
     bool with_service = true;
-    std::vector<std::string> arguments = {};  // of the service
-    Environment environment = {};             // beside KESTO_DEBUG=1 and the bus; nothing else reaches the service
-    bool wait_until_up = true;                // by its log; false for a service that says nothing or does not come up
+    Texts arguments = {};          // of the service
+    Environment environment = {};  // beside KESTO_DEBUG=1 and the bus; nothing else reaches the service
+    bool wait_until_up = true;     // by its log; false for a service that says nothing or does not come up
 };
 
 struct Device : Process {
@@ -33,7 +36,7 @@ struct Device : Process {
 };
 
 /* The files in which the service describes the device; none stays from one gateway to the next. */
-std::vector<std::string> discovery_files();
+Texts discovery_files();
 
 class Gateway {
   public:
@@ -57,13 +60,16 @@ class Gateway {
     }
     Answer call(const char *method, GVariant *arguments = nullptr);
 
-    /* Of the device's control interface: control("Fault", "('read=never',)"); must succeed. */
+    /* Of the device's control interface: control("LoadSnapshot", "(uint32 4,)"); must succeed. */
     void control(const char *method, const char *arguments, Where where = Where::current());
+
+    /* How the data service misbehaves from now on: "write=error", and "write=none" to end it. */
+    void set_fault(const std::string &fault, Where where = Where::current());
 
     /* What the service has told the audio service since the device's cursor, "ClientAuthenticated ('panel-1',)". A
      * discovery request of the id "fence" tells when that is all: forget those that the test sent itself by calling
      * this once more after them. */
-    std::vector<std::string> audio_calls(Where where = Where::current());
+    Texts audio_calls(Where where = Where::current());
 
   private:
     GatewayOptions options_;

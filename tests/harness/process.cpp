@@ -43,7 +43,7 @@ std::ostream &operator<<(std::ostream &out, const Exit &exit) {
     return out << "exit status " << exit.status;
 }
 
-Process::Process(std::vector<std::string> command, Environment environment)
+Process::Process(Texts command, Environment environment)
     : name_(command.front().substr(command.front().rfind('/') + 1)) {
     std::vector<char *> words;
     for (std::string &word : command) words.push_back(word.data());
@@ -117,10 +117,10 @@ void Process::expect_log(std::initializer_list<std::string_view> messages, Where
     for (const std::string_view message : messages) cursor_ = wait_for(message, where) + 1;
 }
 
-std::vector<std::string> Process::log_until(std::string_view fence, Where where) {
+Texts Process::log_until(std::string_view fence, Where where) {
     const size_t end = wait_for(fence, where);
     const std::lock_guard lock(mutex_);
-    std::vector<std::string> messages;
+    Texts messages;
     for (; cursor_ < end; cursor_++) messages.emplace_back(message_of(lines_[cursor_].text));
     cursor_++;
     return messages;

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "harness/texts.h"
 #include "harness/wait.h"
 
 using Environment = std::map<std::string, std::string>;
@@ -33,7 +34,7 @@ std::ostream &operator<<(std::ostream &out, const Exit &exit);
 class Process {
   public:
     /* `environment` is all that it gets beside the search path and the sanitizers' settings. */
-    Process(std::vector<std::string> command, Environment environment);
+    Process(Texts command, Environment environment);
     ~Process();  // kills what still runs; prints the recording when the test has failed
 
     /* Waits for these messages in this order; others may stand between them. */
@@ -43,7 +44,7 @@ class Process {
     void expect_no_log_before(std::string_view message, std::string_view fence, Where where = Where::current());
 
     /* Waits for `fence` and gives the messages from the cursor up to it, the fence excluded. */
-    std::vector<std::string> log_until(std::string_view fence, Where where = Where::current());
+    Texts log_until(std::string_view fence, Where where = Where::current());
 
     /* The cursor back to the first line. */
     void rewind() { cursor_ = 0; }

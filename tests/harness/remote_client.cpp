@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-static constexpr int authentication_port = 60000;
 static constexpr int32_t alarm_code = 40;                     // the only one that is published
 static constexpr int32_t fence_channel_first = 1'000'000;     // no device has that many
 static constexpr std::chrono::milliseconds resend_after{50};  // a first event that was published too early is lost
@@ -54,7 +53,7 @@ static std::optional<std::string> receive_frame(void *socket, std::chrono::milli
     return bytes;
 }
 
-void RemoteClient::send(Channel channel, const std::vector<std::string> &frames, Where where) {
+void RemoteClient::send(Channel channel, const Texts &frames, Where where) {
     void *socket = socket_of(channel);
     for (size_t i = 0; i < frames.size(); i++) {
         const int flags = i + 1 < frames.size() ? ZMQ_SNDMORE : 0;
@@ -62,7 +61,7 @@ void RemoteClient::send(Channel channel, const std::vector<std::string> &frames,
     }
 }
 
-std::string RemoteClient::exchange(Channel channel, const std::vector<std::string> &frames, Where where) {
+std::string RemoteClient::exchange(Channel channel, const Texts &frames, Where where) {
     send(channel, frames, where);
     const auto answer = receive_frame(socket_of(channel));
     if (!answer) abandon(id_ + " got no reply", where);
@@ -82,7 +81,7 @@ wire::Reply RemoteClient::ask(Channel channel, wire::Request request, Where wher
     return received.reply();
 }
 
-static wire::Request login_request(const LoginOptions &options) {
+wire::Request login_request(const LoginOptions &options) {
     wire::Request request;
     wire::Login &login = *request.mutable_login();
     if (options.user_name) login.set_user_name(*options.user_name);
@@ -129,7 +128,7 @@ wire::Reply RemoteClient::write(const std::string &key, const OptionalText &valu
     return ask(Channel::command, request, where);
 }
 
-wire::Reply RemoteClient::multi_write(const std::vector<std::pair<OptionalText, OptionalText>> &pairs, Where where) {
+wire::Reply RemoteClient::multi_write(const Pairs &pairs, Where where) {
     wire::Request request;
     request.mutable_multi_write();
     for (const auto &[key, value] : pairs) {
@@ -146,6 +145,12 @@ wire::Reply RemoteClient::authorize(uint32_t operation, const std::string &key, 
     request.mutable_authorize()->set_key(key);
     request.mutable_authorize()->set_recursive(recursive);
     return ask(Channel::command, request, where);
+}
+
+std::string RemoteClient::discovery_text(Channel channel, Where where) {
+    wire::Request request;
+    request.mutable_discovery();
+    return ask(channel, request, where).discovery();
 }
 
 void RemoteClient::hang_up() {

@@ -6,13 +6,15 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "access.pb.h"
 #include "harness/gateway.h"
+#include "harness/texts.h"
 
 namespace wire = kesto::access::v1;
+
+inline constexpr int authentication_port = 60000;
 
 struct Ports {
     int command = 0, event = 0;  // 0: no session
@@ -20,14 +22,17 @@ struct Ports {
 };
 std::ostream &operator<<(std::ostream &out, const Ports &ports);
 
-using OptionalText = std::optional<std::string>;
-
 struct LoginOptions {
     OptionalText user_name = "root", password = "vormi";  // both absent: a log-out
     bool monitor = false, discard_my_feedback = false, hide_secure_info = false, no_lock = false;
     OptionalText discovery = std::nullopt;
     bool connect = true;  // to the ports of the answer
 };
+
+/* The user who is kept from some keys. */
+inline const LoginOptions as_quillmont = {.user_name = "quillmont", .password = "tandrivel"};
+
+wire::Request login_request(const LoginOptions &options = {});
 
 enum class Channel { authentication, command };
 
@@ -45,16 +50,17 @@ class RemoteClient {
     wire::Reply read(const std::string &key, uint32_t flags = single, Where where = Where::current());
     wire::Reply write(const std::string &key, const OptionalText &value, uint32_t type = 0,
                       Where where = Where::current());
-    wire::Reply multi_write(const std::vector<std::pair<OptionalText, OptionalText>> &pairs,
-                            Where where = Where::current());
+    wire::Reply multi_write(const Pairs &pairs, Where where = Where::current());
     wire::Reply authorize(uint32_t operation, const std::string &key, bool recursive, Where where = Where::current());
+
+    std::string discovery_text(Channel channel, Where where = Where::current());
 
     /* Any request. Fills in the id, unless there is one, and a sequence number, and checks that both are echoed. */
     wire::Reply ask(Channel channel, wire::Request request, Where where = Where::current());
 
     /* Bytes as they are, one frame each; the one frame of the answer. */
-    std::string exchange(Channel channel, const std::vector<std::string> &frames, Where where = Where::current());
-    void send(Channel channel, const std::vector<std::string> &frames, Where where = Where::current());
+    std::string exchange(Channel channel, const Texts &frames, Where where = Where::current());
+    void send(Channel channel, const Texts &frames, Where where = Where::current());
 
     /* Closes both connections, as a client that goes without a word. */
     void hang_up();

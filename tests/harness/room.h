@@ -6,9 +6,6 @@
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
 
-inline constexpr const char *name_key = "/Device/Config/Name";
-inline constexpr const char *name_value = "Rack 3, amplifier 2";
-
 struct Room {
     Gateway gateway;
     RemoteClient panel{"panel-1"};
