@@ -10,7 +10,6 @@
 #include <google/protobuf/util/json_util.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <openssl/pem.h>
 
 #include "harness/discovery.h"
 #include "harness/remote_client.h"
@@ -63,30 +62,15 @@ struct Contract {
     }
 };
 
-static std::string unwrap(const std::string &wrapped_key) {
-    if (wrapped_key.empty()) return "";
-    const std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file((folder + "test_key.pem").c_str(), "r"),
-                                                         BIO_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key.get(), nullptr),
-                                                                              EVP_PKEY_CTX_free);
-    const std::string wrapped = bytes_of(wrapped_key);
-    std::vector<unsigned char> bytes(wrapped.begin(), wrapped.end()), secret(bytes.size());
-    size_t length = secret.size();
-    const bool unwrapped = EVP_PKEY_decrypt_init(context.get()) == 1 &&  // PKCS #1 v1.5 padding is the default
-                           EVP_PKEY_decrypt(context.get(), secret.data(), &length, bytes.data(), bytes.size()) == 1;
-    return unwrapped ? std::string(secret.begin(), secret.begin() + static_cast<ptrdiff_t>(length)) : "";
-}
-
 // No two wrapped keys are alike: the recorded one takes the place of another that holds the same secret.
 static Json reply_packet(std::string text, const std::string &known) {
     Json fields;
     std::istringstream in(text.substr(3, text.size() - 4));  // between "@?D" and "!"
     for (std::string field; const std::string &name : reply_fields)
         fields[name] = std::getline(in, field, '|') ? field : "";
-    const std::string fresh = fields["wrappedKey"], secret = unwrap(fresh);
-    if (fresh != known && secret == unwrap(known)) {
+    const KeyPair key(folder + "test_key.pem");
+    const std::string fresh = fields["wrappedKey"], secret = key.unwrap(fresh);
+    if (fresh != known && secret == key.unwrap(known)) {
         text.replace(text.find(fresh), fresh.size(), known);
         fields["wrappedKey"] = known;
     }

@@ -60,8 +60,19 @@ std::optional<std::string> Discovery::ask(std::string_view datagram, Where where
     return receive_from(socket_, MSG_DONTWAIT);
 }
 
+using Text = std::unique_ptr<BIO, decltype(&BIO_free_all)>;
+using KeyContext = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+
+KeyPair::KeyPair() : key_(EVP_RSA_gen(2048), EVP_PKEY_free) {}
+
+KeyPair::KeyPair(const std::string &pem_file) : key_(nullptr, EVP_PKEY_free) {
+    const Text text(BIO_new_file(pem_file.c_str(), "r"), BIO_free_all);
+    key_.reset(PEM_read_bio_PrivateKey(text.get(), nullptr, nullptr, nullptr));
+    if (!key_) throw Abandoned("no private key in " + pem_file);
+}
+
 std::string KeyPair::public_pem() const {
-    const std::unique_ptr<BIO, decltype(&BIO_free_all)> text(BIO_new(BIO_s_mem()), BIO_free_all);
+    const Text text(BIO_new(BIO_s_mem()), BIO_free_all);
     PEM_write_bio_PUBKEY(text.get(), key_.get());
     char *bytes = nullptr;
     const auto size = static_cast<size_t>(BIO_get_mem_data(text.get(), &bytes));
@@ -69,8 +80,7 @@ std::string KeyPair::public_pem() const {
 }
 
 std::string KeyPair::unwrap(const std::string &wrapped_key) const {
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key_.get(), nullptr),
-                                                                              EVP_PKEY_CTX_free);
+    const KeyContext context(EVP_PKEY_CTX_new(key_.get(), nullptr), EVP_PKEY_CTX_free);
     unsigned char bytes[256], secret[256];
     size_t size = 0, length = sizeof secret;
     if (OPENSSL_hexstr2buf_ex(bytes, sizeof bytes, &size, wrapped_key.c_str(), '\0') != 1 ||

@@ -36,9 +36,12 @@ class Discovery {
 /* An RSA key of 2048 bits. */
 class KeyPair {
   public:
+    KeyPair();                                      // a new one
+    explicit KeyPair(const std::string &pem_file);  // its private key
+
     std::string public_pem() const;
     std::string unwrap(const std::string &wrapped_key) const;  // a reply's sixth field; "" when it cannot be unwrapped
 
   private:
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key_{EVP_RSA_gen(2048), EVP_PKEY_free};
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key_;
 };
