@@ -2,13 +2,15 @@
 
 Each counter observes a running program from outside and is read before and after a known number of pieces of work, so
 that neither the start nor the warm-up is in the figure. One run per program and counter.
+
+What threads do until they meet depends on the machine's load: how often one of them finds another asleep and wakes it,
+how often it looks in vain, how many ticks pass meanwhile. The handlers' own instructions leave that out.
 """
-import json
-import pathlib
-import platform
+import collections
 import re
 import subprocess
 
+import bounds
 import rows
 from testbed.gateway import Failure, TestBed
 
@@ -19,147 +21,152 @@ WORK = {"read": "read, one bus call", "write": "write, one bus call",
         "discovery": "discovery of a known id, 2048-bit key", "discovery-plain": "discovery of a known id, no key",
         "login": "login and log-out, two bus calls",
         "event-1": "event, reported and sent to 1 client", "event-client": "event, each further client"}
-TOLERANCE = 0.10
-# How often threads meet each other asleep is the machine's business: shown, and not judged.
-UNJUDGED = {("system calls", "event-client"), ("system calls", "event-1")}
-# What threads do in waiting for each other differs from run to run, most of all in system calls.
-FREE = {"instructions": 100, "allocations": 0.5, "system calls": 2}
+
+# The functions of each program that a library calls when a request arrives, and for an event the one that takes the
+# report and the one that sends it at the next tick.
+REQUEST_HANDLERS = {"baseline": ("on_command", "on_login", "on_discovery"),
+                    "service": ("client_read", "server_auth", "server_discovery")}
+EVENT_HANDLERS = {"baseline": ("on_method", "on_tick"), "service": ("dbus_mtod_general_dispatch", "server_mq_timer")}
+# What hands something to a library's thread and may wake it or wait for it; both programs call it equally often.
+HANDED_ON = ("g_dbus_connection_call_sync", "g_dbus_connection_call", "g_dbus_method_invocation_return_value", "zmq_send",
+             "zmq_msg_send")
+
+HANDLER_INSTRUCTIONS, INSTRUCTIONS = "handlers' instructions", "instructions"
+ALLOCATIONS, SYSTEM_CALLS = "allocations", "system calls"
+COUNTED = (HANDLER_INSTRUCTIONS, ALLOCATIONS, INSTRUCTIONS, SYSTEM_CALLS)
+
+
+def _profile(path):
+    """Of one of callgrind's files: all instructions, and those between call and return of each function."""
+    names, inclusive, total, callee, is_cost_of_a_call = {}, collections.Counter(), 0, None, False
+    for line in path.read_text(errors="replace").splitlines():
+        if is_cost_of_a_call:
+            inclusive[names[callee]] += int(line.split()[-1])
+            is_cost_of_a_call = False
+        elif line.startswith(("fn=", "cfn=")):
+            key, _, function = line.partition("=")
+            number, _, name = function.partition(" ")  # "(12) name" at first, "(12)" from then on
+            if name:
+                names[number] = name if "[clone" in name else name.partition("(")[0]  # a clone is called by its function
+            callee = number if key == "cfn" else callee
+        elif line.startswith("calls="):
+            is_cost_of_a_call = True
+        elif line.startswith("totals:"):
+            total = int(line.split()[1])
+    return total, inclusive
 
 
 class Instructions:
-    """Callgrind's, of all threads, outside the kernel."""
+    """Callgrind's, outside the kernel: those of all threads, and those of the handlers without what they hand on."""
 
-    def __init__(self, bed):
+    def __init__(self, bed, side):
+        self.bed, self.side = bed, side
         self.dumps = bed.folder / "callgrind"
-        self.total = 0
 
     def command(self, program):
         return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={self.dumps}", program]
 
-    def read(self, bed):
-        subprocess.run(["vgdb", f"--pid={bed.pid}", "dump"], env=bed.environment,  # its pipe is named after the user in it
-                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        newest = max(self.dumps.parent.glob("callgrind.*"), key=lambda path: int(path.suffix[1:]))
-        self.total += int(re.search(r"^totals: (\d+)", newest.read_text(), re.MULTILINE).group(1))
-        return self.total
+    def since_last(self, work):
+        subprocess.run(["vgdb", f"--pid={self.bed.pid}", "dump"], env=self.bed.environment,  # its pipe is named after
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)     # the user in it
+        dump, = self.bed.folder.glob("callgrind.*")
+        total, inclusive = _profile(dump)
+        dump.unlink()
+        handlers = EVENT_HANDLERS if work.startswith("event") else REQUEST_HANDLERS
+        own = sum(inclusive[name] for name in handlers[self.side]) - sum(inclusive[name] for name in HANDED_ON)
+        return {INSTRUCTIONS: total, HANDLER_INSTRUCTIONS: own}
 
 
 class Allocations:
     """Calls of malloc and its like, by a library in front of the C library's."""
 
-    def __init__(self, bed):
-        self.file = bed.folder / "allocations"
+    def __init__(self, bed, _):
+        self.file, self.before = bed.folder / "allocations", 0
         bed.env = {"LD_PRELOAD": str(bed.bin.parent / "lib/libbench-allocations.so"), "BENCH_ALLOCATIONS": str(self.file)}
 
     def command(self, program):
         return [program]
 
-    def read(self, _):
-        return int.from_bytes(self.file.read_bytes(), "little")
+    def since_last(self, _):
+        before, self.before = self.before, int.from_bytes(self.file.read_bytes(), "little")
+        return {ALLOCATIONS: self.before - before}
 
 
 class SystemCalls:
     """strace's, of all threads."""
 
-    def __init__(self, bed):
-        self.file = bed.folder / "strace"
+    def __init__(self, bed, _):
+        self.file, self.before = bed.folder / "strace", 0
 
     def command(self, program):
         # With -D the program keeps the process id that its starter knows.
         return ["strace", "-D", "-f", "-qq", "-e", "signal=none", "-o", self.file, program]
 
-    def read(self, _):
-        return sum(" resumed>" not in line for line in self.file.read_text(errors="replace").splitlines())
+    def since_last(self, _):
+        lines = self.file.read_text(errors="replace").splitlines()
+        before, self.before = self.before, sum(" resumed>" not in line for line in lines)
+        return {SYSTEM_CALLS: self.before - before}
 
 
-COUNTERS = {"instructions": Instructions, "allocations": Allocations, "system calls": SystemCalls}
+COUNTERS = (Instructions, Allocations, SystemCalls)
 
 
 def observe(bed, counter):
-    """{name: count per piece of work}"""
+    """{what is counted: {kind of work: count per piece}}"""
     load = bed.start("load", [bed.bin / "bench-load", "count"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-    figures, before = {}, 0
+    figures = collections.defaultdict(dict)
     with load:
         for line in load.stdout:
-            step, name, pieces = line.split()
-            now = counter.read(bed)
-            if step == "begin":
-                before = now
-            else:
-                figures[name] = (now - before) / int(pieces)
+            step, work, pieces = line.split()
+            for counted, count in counter.since_last(work).items():
+                if step == "end":
+                    figures[counted][work] = count / int(pieces)
             load.stdin.write("\n")
             load.stdin.flush()
     if load.returncode != 0:
         raise Failure(f"counting failed: {bed.role_log('load')}; the program: {bed.last_words()}")
-    more = figures.pop(f"event-{MORE_CLIENTS}")
-    figures["event-client"] = (more - figures[f"event-{FEW_CLIENTS}"]) / (MORE_CLIENTS - FEW_CLIENTS)
+    for by_work in figures.values():
+        more = by_work.pop(f"event-{MORE_CLIENTS}")
+        by_work["event-client"] = (more - by_work[f"event-{FEW_CLIENTS}"]) / (MORE_CLIENTS - FEW_CLIENTS)
     return figures
 
 
-def count(programs, sides):
-    """{counter: {side: {name: count}}}"""
-    counted = {name: {} for name in COUNTERS}
-    for side in sides:
-        for name in COUNTERS:
+def count(programs):
+    """{what is counted: {side: {kind of work: count}}}"""
+    found = {counted: {} for counted in COUNTED}
+    for side, program in rows.PROGRAM.items():
+        for make_counter in COUNTERS:
             with TestBed(programs, pinned=True, start=False) as bed:
-                counter = COUNTERS[name](bed)
-                bed.start_program(counter.command(bed.bin / rows.PROGRAM[side]))
-                counted[name][side] = observe(bed, counter)
+                counter = make_counter(bed, side)
+                bed.start_program(counter.command(bed.bin / program))
+                for counted, by_work in observe(bed, counter).items():
+                    found[counted][side] = by_work
                 bed.stop()
-    return counted
-
-
-def _texts(name, figures):
-    """The figure of each side, and their ratio when there are two."""
-    digits = 0 if name == "instructions" else 1
-    ratio = f"{figures['service'] / figures['baseline']:.2f}" if figures.get("baseline", 0) >= 0.05 else "-"
-    return [*(f"{figures[side]:.{digits}f}" if side in figures else "-" for side in rows.PROGRAM), ratio]
-
-
-def table(counted):
-    """Headings and lines, ready to be printed."""
-    lines = []
-    for name in COUNTERS:
-        for work, text in WORK.items():
-            lines.append([text, name, *_texts(name, {side: by_work[work] for side, by_work in counted[name].items()})])
-    return ["one piece of work", "counted", "baseline", "service", "ratio"], lines
-
-
-def excesses(counted, expected):
-    """A sentence for each count that passes its bound."""
-    found = []
-    for name in COUNTERS:
-        for work, text in WORK.items():
-            if (name, work) in UNJUDGED:
-                continue
-            now, bound = counted[name]["service"][work], expected[name][work] * (1 + TOLERANCE) + FREE[name]
-            if now > bound:
-                found.append(f"{text}: {now:.1f} {name}, expected {expected[name][work]:.1f}, bound {bound:.1f}")
     return found
 
 
-# The file holds them by architecture: another one has other instructions and another C library.
-def _keep(path, counted):
-    own = {name: {work: round(value, 1) for work, value in sides["service"].items()} for name, sides in counted.items()}
-    others = json.loads(path.read_text()) if path.exists() else {}
-    path.write_text(json.dumps(others | {platform.machine(): own}, indent=1) + "\n")
+def _lines(found):
+    """(what is counted, kind of work, baseline's count, service's count, their ratio or None, its bound or None) each"""
+    for counted in COUNTED:
+        for work in WORK:
+            baseline, service = (found[counted][side][work] for side in rows.PROGRAM)
+            ratio = service / baseline if baseline >= 0.05 else None  # nothing of the kind is done at all
+            measured = bounds.RATIOS.get(counted, {}).get(work)
+            yield counted, work, baseline, service, ratio, measured and measured * (1 + bounds.TOLERANCE)
 
 
-def _check(path, counted):
-    if not path.exists():
-        raise Failure(f"there is no file {path}")
-    expected = json.loads(path.read_text()).get(platform.machine())
-    if expected is None:
-        print(f"{path} has no counts of {platform.machine()} to compare these with; --keep writes them")
-        return 0
-    found = excesses(counted, expected)
-    for sentence in found:
-        print(f"costlier: {sentence}")
-    return 1 if found else 0
+def table(found):
+    """Headings and lines, ready to be printed."""
+    lines = []
+    for counted, work, *counts, ratio, bound in _lines(found):
+        digits = 0 if "instructions" in counted else 1
+        lines.append([WORK[work], counted, *(f"{value:.{digits}f}" for value in counts),
+                      *("-" if value is None else f"{value:.2f}" for value in (ratio, bound))])
+    return ["one piece of work", "counted", *rows.PROGRAM, "ratio", "bound"], lines
 
 
-def judge(counted, chosen):
-    """The exit status; with what the options ask for done."""
-    if chosen.keep:
-        _keep(pathlib.Path(chosen.keep), counted)
-    return _check(pathlib.Path(chosen.check), counted) if chosen.check else 0
+def excesses(found):
+    """A sentence for each ratio over its bound."""
+    return [f"{WORK[work]}: {service:.1f} {counted}, the baseline {baseline:.1f}: ratio {ratio:.3f}, bound {bound:.3f}"
+            for counted, work, baseline, service, ratio, bound in _lines(found)
+            if ratio is not None and bound is not None and ratio > bound]

@@ -30,7 +30,6 @@ static zsock_t *open_socket(int type, SocketTimes times) {
 zsock_t *open_request_socket(SocketTimes times, int port) {
     zsock_t *socket = open_socket(ZMQ_REP, times);
     zsock_set_maxmsgsize(socket, message_bytes_max);
-    zsock_set_rcvhwm(socket, waiting_requests_max);
     zsock_bind(socket, "tcp://*:%d", port);
     return socket;
 }
