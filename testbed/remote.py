@@ -12,7 +12,7 @@ from pathlib import Path
 
 import zmq
 
-from testbed.gateway import AUTH_PORT, check
+from testbed.gateway import AUTH_PORT, Failure, check
 
 HOST, DISCOVERY_PORT = "127.0.0.1", 8004
 ANSWER_MS = 60000
@@ -156,6 +156,49 @@ def stranger(port, first_bytes=b""):
     return made
 
 
+def zmtp_frame(content, more=False):
+    """A frame as a ZeroMQ peer sends it."""
+    if len(content) > 255:
+        return bytes([2 | more]) + len(content).to_bytes(8, "big") + content
+    return bytes([more, len(content)]) + content
+
+
+def zmtp_request(content):
+    """A request with the envelope that belongs to it."""
+    return zmtp_frame(b"", more=True) + zmtp_frame(content)
+
+
+class RawPeer:
+    """A peer that speaks ZeroMQ's protocol over a socket of its own, so that it may break the rules and never reads."""
+
+    GREETING = b"\xff" + bytes(8) + b"\x7f\x03\x00" + b"NULL".ljust(20, b"\0") + bytes(32)
+
+    def __init__(self, port, kind=b"DEALER", receive_bytes=None, timeout_s=10):
+        self.socket, self.sent = socket.socket(), 0
+        if receive_bytes:
+            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_bytes)
+        self.socket.settimeout(timeout_s)
+        self.socket.connect((HOST, port))
+        ready = b"\x05READY\x0bSocket-Type" + len(kind).to_bytes(4, "big") + kind
+        self.offer(self.GREETING + bytes([4, len(ready)]) + ready)
+
+    def offer(self, *pieces):
+        """Sends the pieces as long as they are taken; False when the service took no more or closed the connection."""
+        for piece in pieces:
+            left = memoryview(piece)
+            while left:
+                try:
+                    taken = self.socket.send(left)
+                except OSError:
+                    return False
+                self.sent += taken
+                left = left[taken:]
+        return True
+
+    def close(self):
+        self.socket.close()
+
+
 class Pace:
     """A well-behaved client in a process of its own, which reads a key every `period_s` while the caller does its worst.
 
@@ -181,8 +224,11 @@ class Pace:
                 break
             latencies_s.append(time.monotonic() - begin)
             self.over.wait(period_s)
-        wrong += client.log_in() != ports  # the session is still the one of the beginning
-        client.log_out()
+        try:
+            wrong += client.log_in() != ports  # the session is still the one of the beginning
+            client.log_out()
+        except (zmq.ZMQError, Failure):
+            wrong += 1
         self.results.put((latencies_s, wrong))
 
     def end(self):

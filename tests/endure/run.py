@@ -13,7 +13,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.append(str(ROOT))
-import exhaustion, faults, floods  # each registers its cases
+import exhaustion, faults, floods, peers, strangers  # each registers its cases
 from cases import CASES
 from testbed.remote import raise_own_limits
 from testbed.gateway import Failure

@@ -1,0 +1,212 @@
+"""Peers that mean harm and need no password: what comes in, and what is kept of it. However much they send, the service
+holds a bounded part of it, and who has a session is served meanwhile."""
+import itertools
+import os
+import statistics
+from contextlib import contextmanager
+
+from cases import case
+from testbed import remote
+from testbed.remote import (EXACT, Pace, RawPeer, Remote, connect, discovery_request, discovery_socket, enter, request,
+                            stranger, wire, zmtp_frame)
+from testbed.gateway import AUTH_PORT, check, wait_until
+import zmq
+
+MIB = 1 << 20
+LARGEST_BYTES = 10 * MIB
+ABOVE_MIB = 128  # what the service may take above what it had before
+ADDRESS_SPACE = 4 << 30  # above what it has: an end to a service that takes all it is given
+WAIT_S = 2  # beyond the call under way, on a busy machine
+ANSWER_MS = 20000  # that is given to an answer before it counts as lost
+SLOW_KEY, SLOW_S = "/Device/Config/Name", 4
+NO_OPERATION = {}
+
+
+@contextmanager
+def attacked(bed, call_s=0, waits=True):
+    """Around an attack: a session that is served meanwhile. `call_s`: how long a call to the device takes; `waits`: False
+    when a request of the attacker itself takes long by right."""
+    remote.ANSWER_MS = ANSWER_MS
+    with Pace(period_s=0.02) as pace:
+        enter("first").close()
+        before = bed.figures()
+        bed.limit("as", before["virtual_kib"] * 1024 + ADDRESS_SPACE)
+        yield
+        settle(bed)
+        above_mib = bed.note("memory above", (bed.figures()["peak_kib"] - before["rss_kib"]) / 1024, "MiB")
+        latencies_s = pace.end()
+    bed.note("median", 1000 * statistics.median(latencies_s), "ms")
+    longest_s = max(latencies_s)
+    bed.note("longest wait", 1000 * longest_s, "ms")
+    check(above_mib <= ABOVE_MIB, f"it took {above_mib:.0f} MiB")
+    check(not waits or longest_s < call_s + WAIT_S, f"a request waited for {longest_s:.1f} s")
+    check(Remote("afterwards").log_in(), "no login afterwards")
+    bed.check_stop()
+
+
+def settle(bed):
+    """Until the service has dealt with what it has: half a second with hardly any work."""
+    wait_until(lambda: bed.cpu_percent(0.5) < 40, "the service has done all", patience_s=30)
+
+
+@case("strangers-churn", "1,600 connections that come and go during one call leave a monitored session its ports", alone=True)
+def churn(bed):
+    with attacked(bed, call_s=SLOW_S):
+        watched = enter("watched", monitor=1)
+        bed.control("Fault", "(s)", f"read:{SLOW_KEY}=late:{1000 * SLOW_S}")
+        watched.commands.send(request("watched", read=wire.Read(key=SLOW_KEY, flags=EXACT)))
+        for _ in range(bed.note("connections", 1600)):
+            try:
+                stranger(watched.ports[0]).close()
+            except OSError:
+                pass
+        watched.commands.recv()
+        check(watched.is_served(), "the session does not work")
+        watched.commands.close()
+        watched.log_in(monitor=1)
+        check(watched.open().is_served(), "a new connection to its port does not work")
+
+
+def endless(bed, port, count):
+    piece, peer = zmtp_frame(bytes(MIB), more=True), RawPeer(port)
+    peer.offer(zmtp_frame(b"", more=True))
+    for _ in range(count):
+        if not peer.offer(piece):
+            break
+    bed.note(f"taken on {port}", peer.sent / MIB, "MiB")
+    settle(bed)
+    peer.close()
+
+
+@case("strangers-endless", "a message that never ends, to the login port and a command port", alone=True)
+def endless_message(bed):
+    with attacked(bed):
+        for port in (AUTH_PORT, enter("victim").ports[0]):
+            endless(bed, port, 384)
+
+
+@case("strangers-unfinished", "30 connections with all but one byte of a message of 10 MiB", alone=True)
+def unfinished(bed):
+    with attacked(bed):
+        ports = (AUTH_PORT, enter("victim").ports[0])
+        message = zmtp_frame(b"", more=True) + zmtp_frame(bytes(LARGEST_BYTES))[:-1]
+        peers = [RawPeer(ports[number % 2]) for number in range(30)]
+        bed.note("taken whole", sum(peer.offer(message) for peer in peers), "messages")
+
+
+@case("strangers-subscription", "a subscription of 60 MB", alone=True)
+def one_subscription(bed):
+    with attacked(bed):
+        peer = RawPeer(enter("victim").ports[1], b"SUB")
+        peer.offer(zmtp_frame(b"\x01" + bytes(60_000_000)))
+        bed.call("SpeakerPresetLoadedDispatch")
+        bed.note("taken", peer.sent / MIB, "MiB")
+
+
+@case("strangers-topics", "4,000 subscriptions of 1 KB", alone=True)
+def topics(bed):
+    with attacked(bed):
+        peer = RawPeer(enter("victim").ports[1], b"SUB")
+        peer.offer(*(zmtp_frame(b"\x01" + os.urandom(1000)) for _ in range(4000)))
+        for _ in range(10):
+            bed.call("SpeakerPresetLoadedDispatch")
+        bed.note("taken", peer.sent / MIB, "MiB")
+
+
+@case("strangers-event-frames", "256 MiB of frames to an event port while no event is published", alone=True)
+def event_frames(bed):
+    with attacked(bed):
+        peers = [RawPeer(enter("victim").ports[1], b"SUB") for _ in range(4)]
+        for peer, size in zip(peers, (100, 4000, 100_000, MIB)):
+            peer.offer(*itertools.repeat(zmtp_frame(b"\x02" * size), 64 * MIB // size))
+        bed.note("taken", sum(peer.sent for peer in peers) / MIB, "MiB")
+
+
+def long_ids(bed, size, count):
+    peer, answered = connect(zmq.DEALER, AUTH_PORT), 0
+    for number in range(count):
+        client_id = f"{number:08}" + "i" * (size - 100)
+        operation = {"change_count": wire.ChangeCount()} if number % 2 else NO_OPERATION
+        peer.send_multipart([b"", request(client_id, **operation)], copy=False)
+        answered += len(peer.recv_multipart()[-1]) > 0
+    bed.note("with content", answered, f"of {count}")
+
+
+for mib, how_many in ((1, 200), (10, 60)):
+    def of_size(bed, size=mib * MIB, count=how_many):
+        with attacked(bed):
+            long_ids(bed, size, count)
+    case(f"strangers-ids-{mib}", f"{how_many} ids of {mib} MiB without a login are not kept", alone=True)(of_size)
+
+
+@case("strangers-datagrams", "20,000 datagrams with ids of 8 KB", alone=True)
+def datagrams(bed):
+    with attacked(bed):
+        asking, answers = discovery_socket(), 0
+        asking.settimeout(0.2)
+        for number in range(20_000):
+            asking.send(discovery_request(f"{number:05}".ljust(8000, "i")))
+            try:
+                answers += len(asking.recv(8192)) > 0
+            except TimeoutError:
+                if answers == 0 and number == 20:
+                    asking.settimeout(0.001)  # it answers none of these
+        bed.note("answers", answers)
+
+
+@case("strangers-one-hash", "32,768 ids that all fall into one place of a hash table", alone=True)
+def one_hash(bed):
+    with attacked(bed):
+        asking, answers = discovery_socket(), 0
+        asking.settimeout(1)
+        for parts in itertools.product(("BY", "C8"), repeat=15):  # each pair has the same value of "times 33 and add"
+            asking.send(discovery_request("".join(parts)))
+            try:
+                answers += len(asking.recv(8192)) > 0
+            except TimeoutError:
+                pass
+        bed.note("answers", answers)
+
+
+@case("strangers-own-answer", "the device's own answer, sent back to it, is not answered")
+def own_answer(bed):
+    asking, other = discovery_socket(), discovery_socket()
+    asking.send(discovery_request("panel"))
+    answer = asking.recv(8192)
+    other.send(answer)
+    other.settimeout(2)
+    try:
+        got = len(other.recv(8192))
+    except TimeoutError:
+        got = 0
+    bed.note("answer to the answer", got, "bytes")
+    check(got == 0, "the device answered its own answer")
+    asking.send(discovery_request("panel-2"))
+    check(asking.recv(8192), "no answer afterwards")
+    bed.check_stop()
+
+
+def lost_after(bed, port, ask):
+    """How many of 50 requests are not answered right after a peer that sent no envelope and left."""
+    lost = 0
+    for _ in range(50):
+        peer = RawPeer(port)
+        peer.offer(zmtp_frame(b"no envelope"))
+        peer.close()
+        try:
+            lost += not ask()
+        except zmq.ZMQError:
+            lost += 1
+            if lost == 3:
+                break
+    return bed.note(f"lost on {port}", lost)
+
+
+@case("strangers-no-envelope", "a message without an envelope from a peer that leaves takes no other client's answer")
+def no_envelope(bed):
+    remote.ANSWER_MS = 5000
+    panel, numbers = enter("panel"), itertools.count()
+    lost = lost_after(bed, AUTH_PORT, lambda: (client := Remote(f"c-{next(numbers)}")).log_in() and not client.log_out())
+    lost += lost_after(bed, panel.ports[0], panel.is_served)
+    check(lost == 0, f"{lost} requests were lost")
+    bed.check_stop()
