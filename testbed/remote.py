@@ -181,6 +181,7 @@ class RawPeer:
         self.socket.connect((HOST, port))
         ready = b"\x05READY\x0bSocket-Type" + len(kind).to_bytes(4, "big") + kind
         self.offer(self.GREETING + bytes([4, len(ready)]) + ready)
+        self.receive_until(b"\x05READY")  # libzmq takes no message before
 
     def offer(self, *pieces):
         """Sends the pieces as long as they are taken; False when the service took no more or closed the connection."""
@@ -193,6 +194,15 @@ class RawPeer:
                     return False
                 self.sent += taken
                 left = left[taken:]
+        return True
+
+    def receive_until(self, part):
+        """Reads until what has come in has this in it. TimeoutError, or False when the connection ends before."""
+        received = b""
+        while part not in received:
+            if not (piece := self.socket.recv(65536)):
+                return False
+            received += piece
         return True
 
     def close(self):

@@ -2,12 +2,13 @@
 holds a bounded part of it, and who has a session is served meanwhile."""
 import itertools
 import os
+import socket
 import statistics
 from contextlib import contextmanager
 
 from cases import case
 from testbed import remote
-from testbed.remote import (EXACT, Pace, RawPeer, Remote, connect, discovery_request, discovery_socket, enter, request,
+from testbed.remote import (DISCOVERY_PORT, EXACT, HOST, Pace, RawPeer, Remote, connect, discovery_request, discovery_socket, enter, request,
                             stranger, wire, zmtp_frame)
 from testbed.gateway import AUTH_PORT, check, wait_until
 import zmq
@@ -168,19 +169,29 @@ def one_hash(bed):
         bed.note("answers", answers)
 
 
-@case("strangers-own-answer", "the device's own answer, sent back to it, is not answered")
-def own_answer(bed):
-    asking, other = discovery_socket(), discovery_socket()
-    asking.send(discovery_request("panel"))
-    answer = asking.recv(8192)
-    other.send(answer)
-    other.settimeout(2)
+def answer_bytes(socket_):
+    """How long the answer is that comes within 2 s."""
+    socket_.settimeout(2)
     try:
-        got = len(other.recv(8192))
+        return len(socket_.recv(8192))
     except TimeoutError:
-        got = 0
-    bed.note("answer to the answer", got, "bytes")
-    check(got == 0, "the device answered its own answer")
+        return 0
+
+
+@case("strangers-own-answer", "a device's answer that comes as a request is not answered")
+def own_answer(bed):
+    asking, other, same = discovery_socket(), discovery_socket(), socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    asking.send(discovery_request("panel"))
+    other.send(asking.recv(8192))
+    to_own = bed.note("answer to its own answer", answer_bytes(other), "bytes")
+    other.send(b"@?D8\x1c1.0\x1c\x1cZMQ:60000\x1c61000!")  # of a device without a serial of its maker
+    to_plain = bed.note("answer to another device's", answer_bytes(other), "bytes")
+    same.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    same.bind((HOST, DISCOVERY_PORT))
+    same.sendto(discovery_request("itself"), ("127.0.0.2", DISCOVERY_PORT))  # here the service listens alone
+    bed.note("answer to a request from its own port", answer_bytes(same), "bytes")
+    same.close()
+    check(to_own == to_plain == 0, "a device's answer was answered")
     asking.send(discovery_request("panel-2"))
     check(asking.recv(8192), "no answer afterwards")
     bed.check_stop()
