@@ -13,9 +13,8 @@ const char *bind_address() {
 bool bind_address_is_loopback() { return g_str_equal(bind_address(), loopback_address); }
 
 int endpoint_bind(zsock_t *socket, const char *address, int32_t port, PortKind kind) {
-    connection_table_open_port(port, kind);
     const int bound = zsock_bind(socket, "tcp://%s:%d", address, port);
-    if (bound != port) connection_table_close_port(port);
+    if (bound == port) connection_table_open_port(port, kind);  // else it is somebody's, perhaps another session's
     return bound;
 }
 
