@@ -58,7 +58,7 @@ struct Port {
     uint64_t published, published_before;
     uint32_t published_turn;
     uint32_t turn;
-    size_t accepted_in_turn;
+    size_t accepted_in_turn[2];  // guests', own
 };
 
 static std::mutex lock;
@@ -147,19 +147,23 @@ void connection_table_close_port(int number) {
 
 static size_t missing() { return session_ports - own_ports; }
 
-// Too many of the port at once or in one turn, or a guest where the room for guests has been given away.
-static bool has_room(const Port &port, bool own, int descriptor) {
-    if (port.connections >= connections_per_port && is_session_port(port)) return false;
-    if (port.accepted_in_turn >= accepted_per_turn && is_session_port(port)) return false;
-    if (own) return limits_leave(descriptor, 0);
+// Guests take no place of a session's own connections, neither at its port nor of its descriptors.
+static bool has_room_for_guest(const Port &port, int descriptor) {
+    const size_t guests_here = port.connections - port.own_connections;
+    if (is_session_port(port) && guests_here >= guests_per_port) return false;
     return guests < guests_most && limits_leave(descriptor, missing());
+}
+
+static bool has_room(const Port &port, bool own, int descriptor) {
+    if (is_session_port(port) && port.accepted_in_turn[own] >= accepted_per_turn) return false;
+    return own ? limits_leave(descriptor, 0) : has_room_for_guest(port, descriptor);
 }
 
 bool connection_table_add(int descriptor, int number, in_addr_t address) {
     const Locked locked(lock);
     if (static_cast<size_t>(descriptor) >= capacity) return false;
     Port &port = ports[number];
-    if (port.turn != turn) port.accepted_in_turn = 0;
+    if (port.turn != turn) port.accepted_in_turn[false] = port.accepted_in_turn[true] = 0;
     port.turn = turn;
     const bool own = is_session_port(port) && port.own_connections < own_connections_per_port &&
                      (address == port.owner || port.owner == INADDR_ANY);
@@ -170,7 +174,7 @@ bool connection_table_add(int descriptor, int number, in_addr_t address) {
         .port = number, .next = port.first, .address = address, .own = own, .published_seen = port.published};
     port.first = descriptor;
     ++port.connections;
-    ++port.accepted_in_turn;
+    ++port.accepted_in_turn[own];
     ++all;
     if (!own) ++guests;
     else if (port.own_connections++ == 0) ++own_ports;

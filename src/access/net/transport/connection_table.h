@@ -41,11 +41,11 @@ constexpr uint64_t longest_subscription = 4096;
 /* Connections that are not a session's own: to the login port, and to a session's port from elsewhere or beyond the
  * first ones. */
 constexpr size_t guests_most = 1536;
-constexpr size_t own_connections_per_port = 4, connections_per_port = 64;
+constexpr size_t own_connections_per_port = 4, guests_per_port = 60;
 
 /* In one turn of the loop: what a session's monitor reports of them must find room in its queues, of 1000 each. */
 constexpr size_t accepted_per_turn = 64;
-static_assert(2 * (connections_per_port + accepted_per_turn) < 1000);
+static_assert(2 * (own_connections_per_port + guests_per_port + 2 * accepted_per_turn) < 1000);
 
 /* Before anything listens; `descriptors` is how many the process may have. Once. */
 void connection_table_init(size_t descriptors);
