@@ -13,10 +13,12 @@ Bus::Bus() : daemon_({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--
     address_ = daemon_.text(STDOUT_FILENO);
     address_.pop_back();
     g_autoptr(GError) error = nullptr;
-    const int flags = G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION;
-    connection_.reset(g_dbus_connection_new_for_address_sync(address_.c_str(), static_cast<GDBusConnectionFlags>(flags),
-                                                             nullptr, nullptr, &error));
-    if (!connection_) throw Abandoned(error->message);
+    const auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    GDBusConnection *connection =
+        g_dbus_connection_new_for_address_sync(address_.c_str(), flags, nullptr, nullptr, &error);
+    if (connection == nullptr) throw Abandoned(error->message);
+    connection_.reset(connection);
 }
 
 Answer Bus::call(const BusObject &object, const char *method, GVariant *arguments) {
