@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/room.h"
+#include "harness/logged_in_fixture.h"
 
 static std::string read_request(const std::string &client_id) {
     wire::Message message;
@@ -29,46 +29,46 @@ static const NoRequestCase no_requests[] = {
 };
 
 TEST(Command, AnswersWhatIsNoRequestOnceAndEmpty) {
-    Room room;
+    LoggedInFixture fixture;
     for (const NoRequestCase &row : no_requests) {
         SCOPED_TRACE(row.why);
-        EXPECT_EQ(room.panel.exchange(Channel::command, row.frames), "");
-        room.gateway.expect_log({"*:client_read:* - error data not parsable", "[CLIENT] error encoding"});
-        room.panel.write("", "");
-        room.gateway.service().expect_no_log_before("*error*", "write k=, v=, t=0x0");
-        EXPECT_EQ(room.panel.read(name_key).value().text(), name_value);
+        EXPECT_EQ(fixture.panel.exchange(Channel::command, row.frames), "");
+        fixture.gateway.expect_log({"*:client_read:* - error data not parsable", "[CLIENT] error encoding"});
+        fixture.panel.write("", "");
+        fixture.gateway.service().expect_no_log_before("*error*", "write k=, v=, t=0x0");
+        EXPECT_EQ(fixture.panel.read(name_key).value().text(), name_value);
     }
 }
 
 TEST(Command, ServesAndEchoesWhateverIdARequestCarries) {
-    Room room;
+    LoggedInFixture fixture;
     for (const std::string &id : {std::string("somebody else"), std::string(), std::string(70000, 'i')}) {
         SCOPED_TRACE(id.substr(0, 20));
         wire::Message answer;
-        ASSERT_TRUE(answer.ParseFromString(room.panel.exchange(Channel::command, {read_request(id)})));
+        ASSERT_TRUE(answer.ParseFromString(fixture.panel.exchange(Channel::command, {read_request(id)})));
         EXPECT_EQ(answer.reply().client_id(), id);
         EXPECT_EQ(answer.reply().value().text(), name_value);
     }
 }
 
 TEST(Command, GivesTheDiscoveryTextWithoutTheDevice) {
-    Room room;
-    EXPECT_EQ(room.panel.discovery_text(Channel::command),
+    LoggedInFixture fixture;
+    EXPECT_EQ(fixture.panel.discovery_text(Channel::command),
               "@?DKX8-3000\x1c"
               "1.12.1.32\x1cQM240817\x1c?\x1c\x1c\x1cQM240817\x1c"
               "4221=ON!");
-    room.expect_no_call();
+    fixture.expect_no_call();
 }
 
 TEST(Command, CountsTheChangesOfEverybody) {
-    Room room;
+    LoggedInFixture fixture;
     RemoteClient other("panel-2");
     other.log_in();
-    EXPECT_EQ(room.panel.write(name_key, "Hall").change_count(), 1U);  // its own change included
+    EXPECT_EQ(fixture.panel.write(name_key, "Hall").change_count(), 1U);  // its own change included
     EXPECT_EQ(other.multi_write(Pairs(2, {name_key, "Foyer"})).change_count(), 2U);
-    EXPECT_EQ(room.panel.read(name_key).change_count(), 2U);
-    EXPECT_EQ(room.panel.write("", "no key").change_count(), 2U);
-    EXPECT_EQ(room.panel.multi_write({}).change_count(), 2U);
+    EXPECT_EQ(fixture.panel.read(name_key).change_count(), 2U);
+    EXPECT_EQ(fixture.panel.write("", "no key").change_count(), 2U);
+    EXPECT_EQ(fixture.panel.multi_write({}).change_count(), 2U);
 }
 
 // Its other connection keeps the session, which a monitored client would otherwise lose.
@@ -91,48 +91,49 @@ TEST(Command, ClosesTheConnectionOfAFrameAboveTheLimit) {
 }
 
 TEST(DataAccess, PassesTheFlagsOfAReadOn) {
-    Room room;
+    LoggedInFixture fixture;
     for (const uint32_t flags : {0x2000U, 0xFFFFFFFFU, 0U, 0xFFFFDFFFU}) {
-        const wire::Reply reply = room.panel.read(name_key, flags);
-        room.gateway.device().expect_log({"Read (uint32 " + std::to_string(flags) + ", '/Device/Config/Name')"});
+        const wire::Reply reply = fixture.panel.read(name_key, flags);
+        fixture.gateway.device().expect_log({"Read (uint32 " + std::to_string(flags) + ", '/Device/Config/Name')"});
         EXPECT_EQ(reply.value().key(), name_key);
         EXPECT_EQ(reply.value().signature(), (flags & 0x2000) != 0 ? "s" : "a{ss}");
     }
 }
 
 TEST(DataAccess, MasksTheTypeOfAWrite) {
-    Room room;
+    LoggedInFixture fixture;
     for (const auto &[type, sent] : {
              std::pair(1U, "1"), {0xFFFFEFFFU, "2049"},
                {0x1000U,     "4096"},
                {0xFFFFU,     "6145"}
     }) {
         SCOPED_TRACE(type);
-        const wire::Reply reply = room.panel.write(name_key, "Hall", type);
-        room.gateway.device().expect_log({std::string("Write (") + sent + ", '/Device/Config/Name', 'Hall')"});
+        const wire::Reply reply = fixture.panel.write(name_key, "Hall", type);
+        fixture.gateway.device().expect_log({std::string("Write (") + sent + ", '/Device/Config/Name', 'Hall')"});
         EXPECT_EQ(reply.write().type(), type);
-        room.gateway.expect_log({"write k=/Device/Config/Name, v=Hall, t=0x*"});
-        const Texts log = room.gateway.service().log_until("write ok with retval=0");
+        fixture.gateway.expect_log({"write k=/Device/Config/Name, v=Hall, t=0x*"});
+        const Texts log = fixture.gateway.service().log_until("write ok with retval=0");
         EXPECT_EQ(!log.empty() && log.front() == "locking does not have blacklist", (type & 0x1000) != 0);
     }
 }
 
 TEST(DataAccess, WritesWhatIsThenRead) {
-    Room room;
+    LoggedInFixture fixture;
     for (const std::string &value : {std::string(), std::string("Bühne 舞台 %s%n"), std::string(2'000'000, 'v')}) {
-        EXPECT_EQ(room.panel.write(name_key, value).status(), wire::STATUS_OK);
-        EXPECT_EQ(room.panel.read(name_key).value().text(), value);
+        EXPECT_EQ(fixture.panel.write(name_key, value).status(), wire::STATUS_OK);
+        EXPECT_EQ(fixture.panel.read(name_key).value().text(), value);
     }
 }
 
 TEST(DataAccess, TellsTheDeviceNothingOfWhatIsIncomplete) {
-    Room room;
-    EXPECT_EQ(room.panel.write("", "Hall").write().result(), -1);
-    EXPECT_EQ(room.panel.write(name_key, std::nullopt).write().result(), -1);
-    EXPECT_EQ(room.panel.read("").status(), wire::STATUS_REFUSED);
-    EXPECT_EQ(room.panel.multi_write({}).status(), wire::STATUS_OK);
-    room.gateway.expect_log({"NULL KEY", "NULL VALUE", "not possible to read NULL or empty key", "nothing to write"});
-    room.expect_no_call();
+    LoggedInFixture fixture;
+    EXPECT_EQ(fixture.panel.write("", "Hall").write().result(), -1);
+    EXPECT_EQ(fixture.panel.write(name_key, std::nullopt).write().result(), -1);
+    EXPECT_EQ(fixture.panel.read("").status(), wire::STATUS_REFUSED);
+    EXPECT_EQ(fixture.panel.multi_write({}).status(), wire::STATUS_OK);
+    fixture.gateway.expect_log(
+        {"NULL KEY", "NULL VALUE", "not possible to read NULL or empty key", "nothing to write"});
+    fixture.expect_no_call();
 }
 
 struct PairsCase {
@@ -151,31 +152,31 @@ static const PairsCase multi_writes[] = {
 };
 
 TEST(DataAccess, WritesManyKeysInOneCall) {
-    Room room;
+    LoggedInFixture fixture;
     for (const PairsCase &row : multi_writes) {
         SCOPED_TRACE(row.why);
-        const wire::Reply reply = room.panel.multi_write(row.pairs);
-        room.gateway.device().expect_log({std::string("MultiWrite (") + row.sent + ",)"});
+        const wire::Reply reply = fixture.panel.multi_write(row.pairs);
+        fixture.gateway.device().expect_log({std::string("MultiWrite (") + row.sent + ",)"});
         EXPECT_EQ(reply.status(), wire::STATUS_OK);
         EXPECT_EQ(reply.multi_write().pairs_size(), static_cast<int>(row.pairs.size()));
-        room.gateway.expect_log({"multiwrite autorize all keys"});
-        EXPECT_EQ(room.gateway.service().log_until("set broadcast to other client"),
+        fixture.gateway.expect_log({"multiwrite autorize all keys"});
+        EXPECT_EQ(fixture.gateway.service().log_until("set broadcast to other client"),
                   Texts(row.discarded, "discard NULL"));
     }
     Pairs unknown_and_known(2, {"/a", "Foyer"});
     unknown_and_known[1].first = name_key;
-    const auto results = room.panel.multi_write(unknown_and_known).multi_write().results();
+    const auto results = fixture.panel.multi_write(unknown_and_known).multi_write().results();
     EXPECT_EQ(Texts(results.begin(), results.end()), (Texts{"NO SUCH KEY", "OK"}));
 }
 
 TEST(DataAccess, ReadsBranches) {
     for (const bool hide : {false, true}) {
-        Room room({.hide_secure_info = hide});
+        LoggedInFixture fixture({.hide_secure_info = hide});
         const std::string pin = hide ? "********" : "0000";
-        const wire::Value branch = room.panel.read("/Device/Config/Security/FrontPanel", 0).value();
+        const wire::Value branch = fixture.panel.read("/Device/Config/Security/FrontPanel", 0).value();
         ASSERT_EQ(branch.entries_size(), 2);
         EXPECT_EQ(branch.entries(0).value(), "0");
         EXPECT_EQ(branch.entries(1).value(), pin);
-        EXPECT_EQ(room.panel.read("/Device/Config/Security/FrontPanel/Pin").value().text(), pin);
+        EXPECT_EQ(fixture.panel.read("/Device/Config/Security/FrontPanel/Pin").value().text(), pin);
     }
 }

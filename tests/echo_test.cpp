@@ -4,19 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/room.h"
-
-using Act = wire::Reply (*)(RemoteClient &);
+#include "harness/logged_in_fixture.h"
 
 static constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not quillmont's to write
 
-static wire::Reply read_key(RemoteClient &panel) { return panel.read(name_key); }
 static wire::Reply ask_for_right(RemoteClient &panel) { return panel.authorize(4, name_key, false); }
-static wire::Reply write_key(RemoteClient &panel) { return panel.write(name_key, "A"); }
-static wire::Reply lock_key(RemoteClient &panel) { return panel.write(name_key, "1", 0x1000); }
 static wire::Reply write_listed(RemoteClient &panel) { return panel.write(listed_key, "A"); }
 static wire::Reply write_no_value(RemoteClient &panel) { return panel.write(name_key, std::nullopt); }
-static wire::Reply multi_write(RemoteClient &panel) { return panel.multi_write(Pairs(1, {name_key, "A"})); }
 static wire::Reply multi_write_listed(RemoteClient &panel) { return panel.multi_write(Pairs(1, {listed_key, "A"})); }
 static wire::Reply multi_write_nothing(RemoteClient &panel) { return panel.multi_write({}); }
 
@@ -30,23 +24,23 @@ static Texts echoes_heard_by(RemoteClient &client, Gateway &gateway) {
 TEST(Echo, IsTheVeryAnswerOfTheWriter) {
     for (const bool discard : {true, false}) {
         SCOPED_TRACE(discard ? "discarding its feedback" : "wanting its feedback");
-        Room room({.discard_my_feedback = discard});
-        Gateway &gateway = room.gateway;
+        LoggedInFixture fixture({.discard_my_feedback = discard});
+        Gateway &gateway = fixture.gateway;
         RemoteClient second("panel-2"), third("panel-3");
         second.log_in({.discard_my_feedback = true});
         third.log_in(as_quillmont);
-        for (RemoteClient *client : {&room.panel, &second, &third}) client->subscribe(gateway);
-        for (const Act act : {write_key, lock_key, multi_write}) {
-            const std::string answer = act(room.panel).SerializeAsString();
+        for (RemoteClient *client : {&fixture.panel, &second, &third}) client->subscribe(gateway);
+        for (const Act act : {write_name, lock_name, multi_write_name}) {
+            const std::string answer = act(fixture.panel).SerializeAsString();
             EXPECT_EQ(echoes_heard_by(second, gateway), Texts{answer});
             EXPECT_EQ(echoes_heard_by(third, gateway), Texts{answer});
-            EXPECT_EQ(echoes_heard_by(room.panel, gateway), Texts(discard ? 0 : 1, answer));
+            EXPECT_EQ(echoes_heard_by(fixture.panel, gateway), Texts(discard ? 0 : 1, answer));
             gateway.expect_log({"set broadcast to other client", "[panel-1] Broadcasting to all clients."});
             gateway.service().expect_no_log_before("broadcast to * client",
                                                    discard ? "broadcast to 2 client" : "broadcast to 3 client");
         }
         gateway.control("LoadSpeakerPreset", "()");  // has no writer that could be passed over
-        EXPECT_TRUE(room.panel.next_event().event().has_speaker_preset_loaded());
+        EXPECT_TRUE(fixture.panel.next_event().event().has_speaker_preset_loaded());
     }
 }
 
@@ -56,31 +50,31 @@ struct ActCase {
     bool echoed;
 };
 static constexpr ActCase acts[] = {
-    {"a write",                   "write=none",        write_key,           true },
-    {"a read",                    "read=none",         read_key,            false},
+    {"a write",                   "write=none",        write_name,          true },
+    {"a read",                    "read=none",         read_name,           false},
     {"a question",                "read=none",         ask_for_right,       false},
     {"a refused key",             "write=none",        write_listed,        false},
     {"no value",                  "write=none",        write_no_value,      false},
     {"a refused key of many",     "write=none",        multi_write_listed,  false},
     {"nothing to write",          "write=none",        multi_write_nothing, false},
-    {"a failed write",            "write=error",       write_key,           false},
-    {"a failed lock",             "write=error",       lock_key,            false},
-    {"a failed multi-write",      "multi-write=error", multi_write,         false},
-    {"a write with a bad result", "write=refuse",      write_key,           true },
-    {"a lock",                    "write=none",        lock_key,            true },
-    {"a multi-write",             "multi-write=none",  multi_write,         true },
+    {"a failed write",            "write=error",       write_name,          false},
+    {"a failed lock",             "write=error",       lock_name,           false},
+    {"a failed multi-write",      "multi-write=error", multi_write_name,    false},
+    {"a write with a bad result", "write=refuse",      write_name,          true },
+    {"a lock",                    "write=none",        lock_name,           true },
+    {"a multi-write",             "multi-write=none",  multi_write_name,    true },
 };
 
 TEST(Echo, FollowsOnlyWhatTheDataServiceWasTold) {
-    Room room(as_quillmont);
+    LoggedInFixture fixture(as_quillmont);
     RemoteClient second("panel-2");
     second.log_in();
-    second.subscribe(room.gateway);
+    second.subscribe(fixture.gateway);
     for (uint32_t changes = 0; const ActCase &row : acts) {
         SCOPED_TRACE(row.why);
-        room.gateway.set_fault(row.fault);
-        const wire::Reply answer = row.act(room.panel);
-        EXPECT_EQ(echoes_heard_by(second, room.gateway), Texts(row.echoed, answer.SerializeAsString()));
+        fixture.gateway.set_fault(row.fault);
+        const wire::Reply answer = row.act(fixture.panel);
+        EXPECT_EQ(echoes_heard_by(second, fixture.gateway), Texts(row.echoed, answer.SerializeAsString()));
         EXPECT_EQ(answer.change_count(), changes += row.echoed);
     }
 }

@@ -8,21 +8,15 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/room.h"
+#include "harness/logged_in_fixture.h"
 
 using namespace std::chrono_literals;
-using Act = wire::Reply (*)(RemoteClient &);
-
-static wire::Reply read_name(RemoteClient &client) { return client.read(name_key); }
-static wire::Reply write_name(RemoteClient &client) { return client.write(name_key, "Hall"); }
-static wire::Reply lock_name(RemoteClient &client) { return client.write(name_key, "1", 0x1000); }
-static wire::Reply multi_write_name(RemoteClient &client) { return client.multi_write({std::pair(name_key, "Hall")}); }
 
 // "panel-1" meets the fault; "panel-2" has a session beside it and hears its events.
-struct Hall : Room {
+struct TwoClientsFixture : LoggedInFixture {
     RemoteClient bystander{"panel-2"};
 
-    Hall() {
+    TwoClientsFixture() {
         bystander.log_in();
         bystander.subscribe(gateway);
     }
@@ -61,16 +55,16 @@ static constexpr FaultCase faults[] = {
 };
 
 TEST(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
-    Hall hall;
+    TwoClientsFixture fixture;
     for (const FaultCase &row : faults) {
         SCOPED_TRACE(row.fault);
-        hall.gateway.set_fault(row.fault);
-        const wire::Reply reply = row.act(hall.panel);
+        fixture.gateway.set_fault(row.fault);
+        const wire::Reply reply = row.act(fixture.panel);
         EXPECT_EQ(reply.status(), row.ok ? wire::STATUS_OK : wire::STATUS_REFUSED);
         EXPECT_EQ(reply.has_value() ? reply.value().text() : std::to_string(reply.write().result()), row.answer);
         EXPECT_EQ(reply.multi_write().results_size(), 0);
-        hall.gateway.expect_log({row.log});
-        hall.expect_recovery(row.fault);
+        fixture.gateway.expect_log({row.log});
+        fixture.expect_recovery(row.fault);
     }
 }
 
@@ -87,72 +81,72 @@ static const CallCase calls[] = {
 
 // One thread serves everybody, so that others wait, and then get all that is theirs.
 TEST(LateAnswer, LetsTheOthersWaitAndLosesNothing) {
-    Hall hall;
+    TwoClientsFixture fixture;
     for (const CallCase &row : calls) {
         SCOPED_TRACE(row.method);
-        hall.gateway.set_fault(row.method + "=late:300");
-        auto answer = std::async(std::launch::async, row.act, std::ref(hall.panel));
-        hall.gateway.device().expect_log({row.call});
-        EXPECT_EQ(hall.gateway.call("GeneralDispatch", g_variant_new("(sss)", "/a", "", "")), empty_reply);
-        hall.bystander.write("", "");  // asks the device nothing
+        fixture.gateway.set_fault(row.method + "=late:300");
+        auto answer = std::async(std::launch::async, row.act, std::ref(fixture.panel));
+        fixture.gateway.device().expect_log({row.call});
+        EXPECT_EQ(fixture.gateway.call("GeneralDispatch", g_variant_new("(sss)", "/a", "", "")), empty_reply);
+        fixture.bystander.write("", "");  // asks the device nothing
         EXPECT_EQ(answer.get().status(), wire::STATUS_OK);
 
-        EXPECT_TRUE(row.act == read_name || hall.bystander.next_event().has_reply());
-        EXPECT_EQ(hall.bystander.next_event().event().change().key(), "/a");
-        hall.expect_recovery(row.method);
+        EXPECT_TRUE(row.act == read_name || fixture.bystander.next_event().has_reply());
+        EXPECT_EQ(fixture.bystander.next_event().event().change().key(), "/a");
+        fixture.expect_recovery(row.method);
     }
 }
 
 TEST(NoAnswer, IsGivenUpAfterTheBusTimeout) {
-    Hall hall;
-    hall.gateway.set_fault("read=never");
+    TwoClientsFixture fixture;
+    fixture.gateway.set_fault("read=never");
     const auto start = Clock::now();
-    auto answer = std::async(std::launch::async, read_name, std::ref(hall.panel));
-    hall.gateway.device().expect_log({"Read (uint32 8192, '/Device/Config/Name')"});
-    hall.gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 5));
+    auto answer = std::async(std::launch::async, read_name, std::ref(fixture.panel));
+    fixture.gateway.device().expect_log({"Read (uint32 8192, '/Device/Config/Name')"});
+    fixture.gateway.call("SnapshotLoadedDispatch", g_variant_new("(u)", 5));
     EXPECT_EQ(answer.get().status(), wire::STATUS_REFUSED);
     EXPECT_GE(Clock::now() - start, 25s);  // GDBus's own timeout
-    hall.gateway.expect_log({"unable to call method for DBUS datad proxy: *imeout was reached"});
-    EXPECT_EQ(hall.bystander.next_event().event().snapshot_loaded().slot(), 5U);
+    fixture.gateway.expect_log({"unable to call method for DBUS datad proxy: *imeout was reached"});
+    EXPECT_EQ(fixture.bystander.next_event().event().snapshot_loaded().slot(), 5U);
 }
 
 TEST(DeadDevice, IsReportedUntilItIsBack) {
-    Hall hall;
+    TwoClientsFixture fixture;
     for (const CallCase &row : calls) {
         SCOPED_TRACE(row.method);
-        hall.gateway.set_fault(row.method + "=die");
-        EXPECT_EQ(row.act(hall.panel).status(), wire::STATUS_REFUSED);
-        hall.gateway.expect_log({"*Error.NoReply: *"});
-        EXPECT_EQ(hall.gateway.device().wait_exit(), Exit{.status = 70});
+        fixture.gateway.set_fault(row.method + "=die");
+        EXPECT_EQ(row.act(fixture.panel).status(), wire::STATUS_REFUSED);
+        fixture.gateway.expect_log({"*Error.NoReply: *"});
+        EXPECT_EQ(fixture.gateway.device().wait_exit(), Exit{.status = 70});
 
         for (const Act act : {read_name, write_name, lock_name, multi_write_name}) {
-            EXPECT_EQ(act(hall.panel).status(), wire::STATUS_REFUSED);
-            hall.gateway.expect_log({"*Error.ServiceUnknown: *"});
+            EXPECT_EQ(act(fixture.panel).status(), wire::STATUS_REFUSED);
+            fixture.gateway.expect_log({"*Error.ServiceUnknown: *"});
         }
-        EXPECT_TRUE(hall.bystander.events_so_far(hall.gateway).empty());
-        hall.gateway.start_device();
-        hall.expect_recovery(row.method);
+        EXPECT_TRUE(fixture.bystander.events_so_far(fixture.gateway).empty());
+        fixture.gateway.start_device();
+        fixture.expect_recovery(row.method);
     }
 }
 
 TEST(LostBus, EndsTheServiceOrderlyWithSessionsOpen) {
-    Hall hall;
-    hall.gateway.bus().end();
-    hall.gateway.expect_log({"request to stop", "end zmq mainloop: -1", "destroy srv", "client_free_callback",
-                             "free cl_id", "client_free_callback", "free cl_id", "zsys_shutdown", "stopped access"});
-    EXPECT_EQ(hall.gateway.service().wait_exit(), Exit{});
-    EXPECT_EQ(hall.gateway.device().wait_exit(), Exit{.status = 69});
+    TwoClientsFixture fixture;
+    fixture.gateway.bus().end();
+    fixture.gateway.expect_log({"request to stop", "end zmq mainloop: -1", "destroy srv", "client_free_callback",
+                                "free cl_id", "client_free_callback", "free cl_id", "zsys_shutdown", "stopped access"});
+    EXPECT_EQ(fixture.gateway.service().wait_exit(), Exit{});
+    EXPECT_EQ(fixture.gateway.device().wait_exit(), Exit{.status = 69});
 }
 
 // The call is waited for, and what it gave still gets out.
 TEST(Stop, WaitsForTheCallThatIsUnderWay) {
-    Hall hall;
-    hall.gateway.set_fault("write=late:300");
-    auto answer = std::async(std::launch::async, write_name, std::ref(hall.panel));
-    hall.gateway.device().expect_log({"Write (0, '/Device/Config/Name', 'Hall')"});
-    hall.gateway.service().send_signal(SIGTERM);
+    TwoClientsFixture fixture;
+    fixture.gateway.set_fault("write=late:300");
+    auto answer = std::async(std::launch::async, write_name, std::ref(fixture.panel));
+    fixture.gateway.device().expect_log({"Write (0, '/Device/Config/Name', 'Hall')"});
+    fixture.gateway.service().send_signal(SIGTERM);
     EXPECT_EQ(answer.get().status(), wire::STATUS_OK);
-    hall.gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "stopped access"});
+    fixture.gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "stopped access"});
 }
 
 // The start asks for four keys, one after the other.

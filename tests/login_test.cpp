@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/logged_in_fixture.h"
 #include "harness/port.h"
-#include "harness/room.h"
 
 static constexpr const char *added = "[AUTH] added non discovered client";
 
@@ -81,16 +81,16 @@ static constexpr RenewalCase renewals[] = {
 };
 
 TEST(Login, RefusedLeavesARunningSessionAlone) {
-    Room room;
+    LoggedInFixture fixture;
     for (const Channel channel : {Channel::authentication, Channel::command})
         for (const RenewalCase &row : renewals) {
             SCOPED_TRACE(row.log);
             const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
-            EXPECT_EQ(room.panel.ask(channel, request).session().command_port(), row.port);
-            room.gateway.service().expect_no_log_before("free client*", row.log);
-            EXPECT_EQ(room.panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
+            EXPECT_EQ(fixture.panel.ask(channel, request).session().command_port(), row.port);
+            fixture.gateway.service().expect_no_log_before("free client*", row.log);
+            EXPECT_EQ(fixture.panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
         }
-    EXPECT_EQ(room.gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
+    EXPECT_EQ(fixture.gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
 }
 
 TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
@@ -174,7 +174,7 @@ TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
 }
 
 TEST(Authentication, OffersNoDataAccess) {
-    Room room;
+    LoggedInFixture fixture;
     wire::Request read, write, multi_write, authorize;
     read.mutable_read()->set_key(name_key);
     write.mutable_write()->set_key(name_key);
@@ -182,6 +182,6 @@ TEST(Authentication, OffersNoDataAccess) {
     authorize.mutable_authorize()->set_key(name_key);
     for (const wire::Request &request : {read, write, multi_write, authorize}) {
         SCOPED_TRACE(request.ShortDebugString());
-        EXPECT_EQ(room.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
+        EXPECT_EQ(fixture.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
     }
 }

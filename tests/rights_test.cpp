@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/room.h"
+#include "harness/logged_in_fixture.h"
 
 static constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial";  // position 77
 static constexpr const char *listed_branches[] = {"/", "/Device/Audio", "/Device/Audio/", "/Device/Audio/Presets",
@@ -32,49 +32,51 @@ static Texts listed_keys() {
 }
 
 TEST(Rights, KeepARestrictedUserFromTheListedKeysAndBranches) {
-    Room room(as_quillmont);
+    LoggedInFixture fixture(as_quillmont);
     for (int i = 0; const std::string &key : listed_keys()) {
-        EXPECT_EQ(room.panel.write(key, "7").status(), wire::STATUS_REFUSED) << key;
-        room.gateway.expect_log({"key in blaklist write [" + std::to_string(i++) + "]", "not autorized"});
+        EXPECT_EQ(fixture.panel.write(key, "7").status(), wire::STATUS_REFUSED) << key;
+        fixture.gateway.expect_log({"key in blaklist write [" + std::to_string(i++) + "]", "not autorized"});
     }
     for (int i = 0; const char *key : listed_branches) {
-        EXPECT_EQ(room.panel.read(key, branch).status(), wire::STATUS_REFUSED) << key;
-        room.gateway.expect_log({"key in blaklist read recursive [" + std::to_string(i++) + "]", "not autorized"});
+        EXPECT_EQ(fixture.panel.read(key, branch).status(), wire::STATUS_REFUSED) << key;
+        fixture.gateway.expect_log({"key in blaklist read recursive [" + std::to_string(i++) + "]", "not autorized"});
     }
-    EXPECT_EQ(room.panel.read("/", ~RemoteClient::single).status(), wire::STATUS_REFUSED);
-    room.expect_no_call();
+    EXPECT_EQ(fixture.panel.read("/", ~RemoteClient::single).status(), wire::STATUS_REFUSED);
+    fixture.expect_no_call();
 }
 
 TEST(Rights, KeepNothingFromRootButOnAnothersSocket) {
-    Room room;
-    for (const std::string &key : listed_keys()) EXPECT_EQ(room.panel.write(key, "7").status(), wire::STATUS_OK) << key;
-    for (const char *key : listed_branches) EXPECT_GT(room.panel.read(key, branch).value().entries_size(), 100) << key;
-    EXPECT_EQ(room.panel.multi_write(Pairs(1, {serial_key, "8"})).multi_write().results(0), "OK");
+    LoggedInFixture fixture;
+    for (const std::string &key : listed_keys())
+        EXPECT_EQ(fixture.panel.write(key, "7").status(), wire::STATUS_OK) << key;
+    for (const char *key : listed_branches)
+        EXPECT_GT(fixture.panel.read(key, branch).value().entries_size(), 100) << key;
+    EXPECT_EQ(fixture.panel.multi_write(Pairs(1, {serial_key, "8"})).multi_write().results(0), "OK");
     RemoteClient restricted("panel-2");
-    room.panel.connect_to(restricted.log_in(as_quillmont));
-    EXPECT_EQ(room.panel.write(serial_key, "7").status(), wire::STATUS_REFUSED);
+    fixture.panel.connect_to(restricted.log_in(as_quillmont));
+    EXPECT_EQ(fixture.panel.write(serial_key, "7").status(), wire::STATUS_REFUSED);
 }
 
 // The device answers -1 for a key that it does not have; what counts is that it was asked.
 TEST(Rights, LeaveWhatIsNotListedToEverybody) {
-    Room room(as_quillmont);
+    LoggedInFixture fixture(as_quillmont);
     for (const std::string key :
          {"/device/config/hardware/model/serial", "/Device/Config/Hardware/Model/Serial/",
           "/Device/Config/Hardware/Model", "/Device/Audio/Presets/Live/OutputProcess/Channels/Channel-8/IIR",
           "/Device/Audio/Presets/Live/PreOutputProcess/Channels/Channel-0/Feedloop", "/"}) {
-        room.panel.write(key, "7");
-        room.gateway.device().expect_log({"Write (0, '" + key + "', '7')"});
+        fixture.panel.write(key, "7");
+        fixture.gateway.device().expect_log({"Write (0, '" + key + "', '7')"});
     }
     for (const std::string key : {"//", "/Device", "/device/audio", "/Device/Audio/Presets//", serial_key}) {
-        room.panel.read(key, branch);
-        room.gateway.device().expect_log({"Read (uint32 0, '" + key + "')"});
+        fixture.panel.read(key, branch);
+        fixture.gateway.device().expect_log({"Read (uint32 0, '" + key + "')"});
     }
     for (const std::string key : listed_branches) {
-        room.panel.read(key);
-        room.gateway.device().expect_log({"Read (uint32 8192, '" + key + "')"});
+        fixture.panel.read(key);
+        fixture.gateway.device().expect_log({"Read (uint32 8192, '" + key + "')"});
     }
-    EXPECT_EQ(room.panel.write(serial_key, "1", 0x1000).write().result(), 0);
-    EXPECT_EQ(room.panel.write(serial_key, "1", 0xEFFF).write().result(), -1);  // every bit but the lock's
+    EXPECT_EQ(fixture.panel.write(serial_key, "1", 0x1000).write().result(), 0);
+    EXPECT_EQ(fixture.panel.write(serial_key, "1", 0xEFFF).write().result(), -1);  // every bit but the lock's
 }
 
 struct ForbiddenCase {
@@ -89,16 +91,16 @@ static const ForbiddenCase forbidden[] = {
 };
 
 TEST(Rights, WriteNothingWhenOneOfManyKeysIsListed) {
-    Room room(as_quillmont);
+    LoggedInFixture fixture(as_quillmont);
     for (const ForbiddenCase &row : forbidden) {
         SCOPED_TRACE(row.why);
-        const wire::Reply reply = room.panel.multi_write(row.pairs);
+        const wire::Reply reply = fixture.panel.multi_write(row.pairs);
         EXPECT_EQ(reply.status(), wire::STATUS_REFUSED);
         EXPECT_EQ(reply.multi_write().results_size(), 0);
-        room.gateway.expect_log({std::string("key in blaklist write ") + row.position, "key not autorized"});
+        fixture.gateway.expect_log({std::string("key in blaklist write ") + row.position, "key not autorized"});
     }
-    room.expect_no_call();
-    EXPECT_EQ(room.panel.multi_write(Pairs(2, {"", "A"})).status(), wire::STATUS_OK);
+    fixture.expect_no_call();
+    EXPECT_EQ(fixture.panel.multi_write(Pairs(2, {"", "A"})).status(), wire::STATUS_OK);
 }
 
 struct QuestionCase {
@@ -114,9 +116,10 @@ static constexpr QuestionCase questions[] = {
 };
 
 TEST(Rights, CanBeAskedFor) {
-    Room room(as_quillmont);
+    LoggedInFixture fixture(as_quillmont);
     for (const QuestionCase &row : questions) {
         SCOPED_TRACE(std::to_string(row.operation) + ' ' + row.key);
-        EXPECT_EQ(room.panel.authorize(row.operation, row.key, row.recursive).authorization().allowed(), row.allowed);
+        EXPECT_EQ(fixture.panel.authorize(row.operation, row.key, row.recursive).authorization().allowed(),
+                  row.allowed);
     }
 }
