@@ -132,6 +132,38 @@ TEST(Discovery, NamesTheSlotAndTheModelInIt) {
     }
 }
 
+struct ExtraCase {
+    const char *enable_4221, *has_lumaversa, *extra;
+};
+static constexpr ExtraCase extras[] = {
+    {"",   "",    "4221=ON"             },
+    {"1",  "on",  "4221=ON,LUMAVERSA=ON"},
+    {"ON", "yes", "4221=OFF"            },
+};
+
+TEST(Discovery, SaysInItsExtraWhatTheDeviceHas) {
+    for (const ExtraCase &row : extras) {
+        SCOPED_TRACE(row.extra);
+        Gateway gateway({
+            .environment = {{"ENABLE4221", row.enable_4221}, {"HAS_LUMAVERSA", row.has_lumaversa}}
+        });
+        EXPECT_EQ(content_of("extra"), row.extra);
+        EXPECT_THAT(Discovery().find("panel-1"), testing::EndsWith("|" + std::string(row.extra) + "!"));
+    }
+}
+
+TEST(Discovery, LeavesOutOrCutsWhatIsTooLong) {
+    constexpr size_t longest_model = 8190;
+    for (const size_t length : {longest_model, longest_model + 1}) {
+        SCOPED_TRACE(length);
+        const std::string model(length, 'm');
+        Gateway gateway({.environment = {{"hw_model", model}}});
+        EXPECT_EQ(content_of("full_model"), length == longest_model ? "D" + model : "D_ND");
+        RemoteClient panel("panel-1");
+        EXPECT_THAT(text_for(panel, Channel::authentication), testing::SizeIs(8191));
+    }
+}
+
 TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
     Gateway gateway;
     gateway.stop_service();
@@ -146,6 +178,15 @@ TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
                                 : "file " + path_of(name) + " already exist I not update it"});
     RemoteClient panel("panel-1");
     EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
+}
+
+TEST(Discovery, WritesNoFileThroughALink) {
+    Gateway gateway({.with_service = false});
+    std::filesystem::create_symlink("/tmp/elsewhere", path_of("serial"));
+    gateway.start_service();
+    gateway.service().rewind();
+    gateway.expect_log({"error writing on " + path_of("serial")});
+    EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
 }
 
 TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {

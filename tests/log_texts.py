@@ -12,6 +12,7 @@ import sys
 from collections import defaultdict
 from pathlib import Path
 
+PLACE = "%s:%s:%d - "  # in front of what LOG_FAILED says
 STRING = r'"(?:[^"\\\n]|\\.)*"'
 COMMENT_OR_QUOTED = re.compile(rf"//[^\n]*|/\*.*?\*/|{STRING}|'(?:[^'\\\n]|\\.)'", re.S)
 DIRECTIVE = re.compile(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", re.M)
@@ -30,7 +31,7 @@ def messages(code):
     for before, literals in TEXT.findall(without_comments(code)):
         text = "".join(literal[1:-1] for literal in re.findall(STRING, literals))
         if before == "LOG_FAILED":
-            yield f"%s:%s:%d - {text}\\n", True
+            yield f"{PLACE}{text}\\n", True
         elif not re.search("[A-Za-z]", CONVERSION.sub("", text.replace("\\n", ""))):
             continue  # says nothing itself, like "%s%d\n"
         elif before == "LOG" or text.endswith("\\n"):
@@ -87,6 +88,10 @@ def unknown_lines(root, found, lines):
                 yield f"{file}: {line}"
 
 
+def is_excused(message, page):
+    return f"`{message.removeprefix(PLACE)}`" in page
+
+
 def main():
     if sys.argv[1] == "--list":
         for file, texts in source_messages(Path(sys.argv[2])).items():
@@ -94,13 +99,13 @@ def main():
                 print(f"{file}: {text}")
         return 0
     root, recordings, page = (Path(argument) for argument in sys.argv[1:])
-    found, excused = source_messages(root), page.read_text()
+    found, page = source_messages(root), page.read_text()
     everything, lines = recorded(recordings)
     unseen = list(unseen_messages(found, everything, lines))
     known = [text.replace("\\n", "") for texts in found.values() for text in texts]
     print(f"{len(known) - len(unseen)} of {len(known)} messages were seen")
-    complaints = [f"not seen: {text}" for text in unseen if f"`{text}`" not in excused]
-    complaints += [f"seen, though excused: {text}" for text in known if text not in unseen and f"`{text}`" in excused]
+    complaints = [f"not seen: {text}" for text in unseen if not is_excused(text, page)]
+    complaints += [f"seen, though excused: {text}" for text in known if text not in unseen and is_excused(text, page)]
     complaints += [f"none of the messages: {line}" for line in unknown_lines(root, found, lines)]
     for complaint in complaints:
         print(complaint)

@@ -113,6 +113,8 @@ static constexpr QuestionCase questions[] = {
     {2, "/",        true,  false},
     {4, serial_key, false, false},
     {8, serial_key, true,  true },
+    {3, name_key,   false, false},
+    {8, "",         false, false},
 };
 
 TEST(Rights, CanBeAskedFor) {
