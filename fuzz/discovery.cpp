@@ -15,7 +15,7 @@
 
 static constexpr size_t longest_datagram = 8191;
 
-// In the place of the libraries': no bus, no pauses.
+// These replace the libraries' functions: no bus, no pauses.
 extern "C" char *kesto_dbus_data_read_kv(const char *) { return g_strdup("value"); }
 extern "C" void g_usleep(gulong) {}
 
@@ -28,11 +28,11 @@ static int udp_socket(const sockaddr_in *bound_to, const sockaddr_in *connected_
     return descriptor;
 }
 
-struct World {
+struct Fixture {
     AccessServer server = {};
     int asker;
 
-    World() {
+    Fixture() {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -45,16 +45,16 @@ struct World {
 };
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static World world;
-    if (size > longest_datagram + 1 || send(world.asker, data, size, 0) == -1) return 0;
-    zmq_pollitem_t item = {.socket = nullptr, .fd = world.server.udp_fd, .events = ZMQ_POLLIN, .revents = 0};
-    server_discovery(nullptr, &item, &world.server);
+    static Fixture fixture;
+    if (size > longest_datagram + 1 || send(fixture.asker, data, size, 0) == -1) return 0;
+    zmq_pollitem_t item = {.socket = nullptr, .fd = fixture.server.udp_fd, .events = ZMQ_POLLIN, .revents = 0};
+    server_discovery(nullptr, &item, &fixture.server);
 
     char reply[longest_datagram + 1];
-    const ssize_t length = recv(world.asker, reply, sizeof(reply), 0);
+    const ssize_t length = recv(fixture.asker, reply, sizeof(reply), 0);
     const bool answered = length > 0;
     if (answered && (memcmp(reply, "@?D", 3) != 0 || reply[length - 1] != '!')) abort();
-    if (answered != (g_hash_table_size(world.server.clients) == 1)) abort();
-    g_hash_table_foreach_remove(world.server.clients, client_free_callback, nullptr);
+    if (answered != (g_hash_table_size(fixture.server.clients) == 1)) abort();
+    g_hash_table_foreach_remove(fixture.server.clients, client_free_callback, nullptr);
     return 0;
 }

@@ -23,7 +23,7 @@
 
 namespace wire = kesto::access::v1;
 
-// In the place of the libraries': a bus whose data service always answers, and no pauses.
+// These replace the libraries' functions: a bus whose data service always answers, and no pauses.
 extern "C" GVariant *g_dbus_connection_call_sync(GDBusConnection *, const char *, const char *, const char *,
                                                  const char *method, GVariant *arguments, const GVariantType *,
                                                  GDBusCallFlags, int, GCancellable *, GError **) {
@@ -52,11 +52,11 @@ struct Channel {
     }
 };
 
-struct World {
+struct Fixture {
     AccessServer server = {};
     Channel auth{"inproc://auth"}, commands{"inproc://commands"};
 
-    World() {
+    Fixture() {
         proto_init(1, 0);
         server.loop = zloop_new();
         server.next_cmd_port = first_ports.command;
@@ -65,7 +65,7 @@ struct World {
         server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
         bus_connection = reinterpret_cast<GDBusConnection *>(this);
     }
-    ~World() {
+    ~Fixture() {
         g_hash_table_unref(server.clients);
         zloop_destroy(&server.loop);
     }
@@ -94,13 +94,13 @@ static void require_one_answer(zsock_t *dealer) {
     if (zmsg_recv(dealer) != nullptr) abort();
 }
 
-static void serve(World &world, bool on_commands, zmsg_t *request) {
-    Channel &channel = on_commands ? world.commands : world.auth;
+static void serve(Fixture &fixture, bool on_commands, zmsg_t *request) {
+    Channel &channel = on_commands ? fixture.commands : fixture.auth;
     zmsg_pushmem(request, "", 0);
     zmsg_send(&request, channel.dealer);
     zmq_pollitem_t item = {.socket = zsock_resolve(channel.rep), .fd = 0, .events = ZMQ_POLLIN, .revents = 0};
-    if (on_commands) client_read(world.server.loop, &item, client_with_commands(&world.server));
-    else server_auth(world.server.loop, &item, &world.server);
+    if (on_commands) client_read(fixture.server.loop, &item, client_with_commands(&fixture.server));
+    else server_auth(fixture.server.loop, &item, &fixture.server);
     require_one_answer(channel.dealer);
 }
 
@@ -111,7 +111,7 @@ static std::string_view take(std::string_view &input, size_t count) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static World world;
+    static Fixture fixture;
     std::string_view input(reinterpret_cast<const char *>(data), size);
     while (input.size() >= 2) {
         const auto head = static_cast<uint8_t>(take(input, 1)[0]);
@@ -121,8 +121,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             const std::string_view bytes = take(input, length.empty() ? 0 : static_cast<uint8_t>(length[0]));
             zmsg_addmem(request, bytes.data(), bytes.size());
         }
-        serve(world, (head & 1) != 0, request);
+        serve(fixture, (head & 1) != 0, request);
     }
-    g_hash_table_foreach_remove(world.server.clients, client_free_callback, nullptr);
+    g_hash_table_foreach_remove(fixture.server.clients, client_free_callback, nullptr);
     return 0;
 }
