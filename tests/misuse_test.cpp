@@ -9,8 +9,8 @@
 
 #include <kesto/log.h>
 
-#include "common/bus_event.h"
 #include "common/access_private.h"
+#include "common/bus_event.h"
 #include "harness/recording.h"
 #include "harness/texts.h"
 #include "main/lifecycle.h"

@@ -1,7 +1,7 @@
-/* A library in front of the others (LD_PRELOAD) that makes a call of the service fail on purpose.
+/* A library that is loaded before the others (LD_PRELOAD) and makes a call of the service fail.
  *
  * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail.
- * Only the program's own calls count, not those that libraries make of each other. */
+ * Only calls from the program itself count, not those from its libraries. */
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -36,23 +36,23 @@ static bool from_program(const void *caller) {
     return address >= program.first && address < program.end;
 }
 
-struct Wanted {
-    char call[64];
-    long which;
+struct FailingCall {
+    char name[64];
+    long number;
 };
 
-static Wanted read_wish() {
-    Wanted wanted = {"", 0};
-    const char *wish = getenv("KESTO_FAIL");
-    if (wish != nullptr) sscanf(wish, "%63[^:]:%ld", wanted.call, &wanted.which);
-    return wanted;
+static FailingCall read_setting() {
+    FailingCall failing = {"", 0};
+    const char *setting = getenv("KESTO_FAIL");
+    if (setting != nullptr) sscanf(setting, "%63[^:]:%ld", failing.name, &failing.number);
+    return failing;
 }
 
-static bool fails(const char *call, const void *caller) {
-    static const Wanted wanted = read_wish();
+static bool fails(const char *name, const void *caller) {
+    static const FailingCall failing = read_setting();
     static std::atomic<long> count = 0;
-    if (strcmp(call, wanted.call) != 0 || !from_program(caller)) return false;
-    return ++count == wanted.which;
+    if (strcmp(name, failing.name) != 0 || !from_program(caller)) return false;
+    return ++count == failing.number;
 }
 
 template <typename Function>
@@ -62,7 +62,7 @@ static Function *real(const char *name) {
 
 /* The arguments of a C function travel in registers whatever their types; none of these has a floating one. */
 using Word = uintptr_t;
-static constexpr Word minus_one = static_cast<Word>(-1), nothing = 0;
+static constexpr Word minus_one = static_cast<Word>(-1), null = 0;
 
 #define FAIL_WITH(name, value)                                                           \
     extern "C" Word failing_##name(Word, Word, Word, Word, Word, Word) __asm__(#name);   \
@@ -80,37 +80,37 @@ FAIL_WITH(bind, minus_one)
 FAIL_WITH(recvfrom, minus_one)
 FAIL_WITH(sendto, minus_one)
 FAIL_WITH(pthread_create, EAGAIN)
-FAIL_WITH(g_try_malloc0, nothing)
-FAIL_WITH(g_hash_table_new_full, nothing)
-FAIL_WITH(g_async_queue_new_full, nothing)
-FAIL_WITH(g_bus_get_sync, nothing)
-FAIL_WITH(g_dbus_method_invocation_get_user_data, nothing)
-FAIL_WITH(zsys_init, nothing)
-FAIL_WITH(zloop_new, nothing)
+FAIL_WITH(g_try_malloc0, null)
+FAIL_WITH(g_hash_table_new_full, null)
+FAIL_WITH(g_async_queue_new_full, null)
+FAIL_WITH(g_bus_get_sync, null)
+FAIL_WITH(g_dbus_method_invocation_get_user_data, null)
+FAIL_WITH(zsys_init, null)
+FAIL_WITH(zloop_new, null)
 FAIL_WITH(zloop_poller, minus_one)
 FAIL_WITH(zloop_timer, minus_one)
-FAIL_WITH(zsock_new_checked, nothing)
+FAIL_WITH(zsock_new_checked, null)
 FAIL_WITH(zsock_bind, minus_one)
-FAIL_WITH(zsock_resolve, nothing)
-FAIL_WITH(zactor_new, nothing)
-FAIL_WITH(zactor_sock, nothing)
-FAIL_WITH(zactor_resolve, nothing)
+FAIL_WITH(zsock_resolve, null)
+FAIL_WITH(zactor_new, null)
+FAIL_WITH(zactor_sock, null)
+FAIL_WITH(zactor_resolve, null)
 FAIL_WITH(zstr_sendx, minus_one)
 FAIL_WITH(zstr_send, minus_one)
-FAIL_WITH(zmsg_recv, nothing)
-FAIL_WITH(zmsg_popstr, nothing)
+FAIL_WITH(zmsg_recv, null)
+FAIL_WITH(zmsg_popstr, null)
 FAIL_WITH(zmq_msg_recv, minus_one)
 FAIL_WITH(zmq_msg_send, minus_one)
-FAIL_WITH(BIO_new_mem_buf, nothing)
-FAIL_WITH(BIO_read, nothing)
-FAIL_WITH(EVP_PKEY_get1_RSA, nothing)
+FAIL_WITH(BIO_new_mem_buf, null)
+FAIL_WITH(BIO_read, null)
+FAIL_WITH(EVP_PKEY_get1_RSA, null)
 FAIL_WITH(RSA_public_encrypt, minus_one)
-FAIL_WITH(proto_id, nothing)
-FAIL_WITH(proto_get_private, nothing)
-FAIL_WITH(proto_buffer, nothing)
+FAIL_WITH(proto_id, null)
+FAIL_WITH(proto_get_private, null)
+FAIL_WITH(proto_buffer, null)
 FAIL_WITH(proto_buffer_size, SIZE_MAX)
 FAIL_WITH(proto_encode_alarm_event, minus_one)
 FAIL_WITH(proto_encode_kv, minus_one)
 FAIL_WITH(proto_encode_RestoreSnapshot, minus_one)
 FAIL_WITH(proto_encode_SpeakerPresetLoaded, minus_one)
-FAIL_WITH(kesto_dbus_data_read_kv, nothing)
+FAIL_WITH(kesto_dbus_data_read_kv, null)
