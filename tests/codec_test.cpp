@@ -1,4 +1,4 @@
-// The codec through its C interface, with the messages of the wire contract as a client would send and read them.
+// The codec through its C interface, with messages of the wire contract as a client sends and reads them.
 #include <memory>
 #include <string>
 
@@ -26,7 +26,7 @@ struct Codec : testing::Test {
     wire::Message message;
     wire::Request &request = *message.mutable_request();
 
-    // What the callbacks give.
+    // What the callbacks return.
     GVariant *value = nullptr;
     uint32_t hide = 0;
 
@@ -69,7 +69,8 @@ TEST_F(Codec, RefusesWhatIsNotARequest) {
          {""s, a_reply, a_read + a_reply, cut_short, cut_short + '\xff', "no message"s, a_number})
         expect_decoded(bytes, -1);
 
-    // A client id, key, value, pair, password, discovery text and question; what comes last is a text of one byte.
+    // Requests that lack their last byte, which is a text: a client id, key, value, pair, password, discovery text,
+    // question.
     for (const char *text : {"\n\003\n\001", "\n\005Z\003\n\001", "\n\005b\003\022\001", "\n\007j\005\n\003\022\001",
                              "\n\005R\003\022\001", "\n\005R\003:\001", "\n\005r\003\022\001"})
         expect_decoded(text + "\0"s, -1);

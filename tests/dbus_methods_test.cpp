@@ -7,7 +7,7 @@
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
 
-// What a client's user would say of each message.
+// Each message as a line of text.
 static Texts shown(const std::vector<wire::Message> &messages) {
     Texts texts;
     for (const wire::Message &message : messages) {

@@ -1,4 +1,4 @@
-// What the device tells of itself: to a client that asks by UDP, to the programs beside it, and to logged-in clients.
+// What the service says of the device: to a client that asks by UDP, in files, and to logged-in clients.
 #include "harness/discovery.h"
 
 #include <algorithm>

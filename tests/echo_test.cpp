@@ -39,7 +39,7 @@ TEST(Echo, IsTheVeryAnswerOfTheWriter) {
             gateway.service().expect_no_log_before("broadcast to * client",
                                                    discard ? "broadcast to 2 client" : "broadcast to 3 client");
         }
-        gateway.control("LoadSpeakerPreset", "()");  // has no writer that could be passed over
+        gateway.control("LoadSpeakerPreset", "()");  // an event has no writer to leave out
         EXPECT_TRUE(fixture.panel.next_event().event().has_speaker_preset_loaded());
     }
 }

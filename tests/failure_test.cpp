@@ -1,6 +1,5 @@
-/* One call of the service fails on purpose: what the log then says, what the client gets, and that the service either
- * ends in its normal way or goes on serving everybody else. "CALL:N" is the Nth call that the service makes of a
- * function. */
+/* One call of the service fails: what the log then says, what the client gets, and that the service either ends in its
+ * normal way or goes on serving everybody else. "bind:1" is the first call that the service makes of bind. */
 #include <cstddef>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -50,7 +49,7 @@ struct FailureCase {
 struct FatalCase {
     const char *call;
     Texts log;       // why
-    Texts teardown;  // between "destroy srv" and "zsys_shutdown": what existed by then, and nothing else
+    Texts teardown;  // the messages between "destroy srv" and "zsys_shutdown": of what existed by then
 };
 
 static const std::string in_start = "*kesto_access_net_start:* - ";
@@ -162,7 +161,7 @@ static const FailureCase refused_logins[] = {
     {"zloop_poller:4",      {"MONITOR", "error registering poller"}                                               },
 };
 
-// How often a monitor resolves sockets within the program's sight depends on how CZMQ was compiled.
+// With a monitor, how many of these calls count as the program's depends on how CZMQ was compiled.
 static const FailureCase refused_login_without_monitor = {"zsock_resolve:2", {"error in zsock_resolve [*]"}};
 
 static void expect_refused_login(const FailureCase &row, bool monitor) {
@@ -299,7 +298,7 @@ TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {
     EXPECT_EQ(panel.read(name_key).value().text(), name_value);
 }
 
-// An emulator may pass on the state alone.
+// An emulator may tell no more of a connection than its state.
 static bool system_counts_bytes_of_connections() {
     const int connection = socket(AF_INET, SOCK_STREAM, 0);
     tcp_info info = {};

@@ -1,5 +1,5 @@
-// What a client sees when the device's services fail, hang, die or are not there, and that nobody else's session
-// suffers.
+// Faults of the device's services, which answer with errors, late or never, or die: what a client sees of them, and
+// that no other session suffers.
 #include <chrono>
 #include <csignal>
 #include <future>
@@ -79,7 +79,7 @@ static const CallCase calls[] = {
     {"multi-write", "MultiWrite ([(1, '/Device/Config/Name', 'Hall')],)", multi_write_name},
 };
 
-// One thread serves everybody, so that others wait, and then get all that is theirs.
+// One thread serves all clients: the others wait, and then get all events and answers that are theirs.
 TEST(LateAnswer, LetsTheOthersWaitAndLosesNothing) {
     TwoClientsFixture fixture;
     for (const CallCase &row : calls) {
@@ -138,7 +138,7 @@ TEST(LostBus, EndsTheServiceOrderlyWithSessionsOpen) {
     EXPECT_EQ(fixture.gateway.device().wait_exit(), Exit{.status = 69});
 }
 
-// The call is waited for, and what it gave still gets out.
+// The service waits for the call, and its client still gets the answer.
 TEST(Stop, WaitsForTheCallThatIsUnderWay) {
     TwoClientsFixture fixture;
     fixture.gateway.set_fault("write=late:300");

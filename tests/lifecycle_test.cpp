@@ -55,7 +55,7 @@ TEST(Start, TracesTheLoopWhateverTheSettingSays) {
     }
 }
 
-// The last words in an orderly end. Those of the main thread stand between those of the network thread.
+// The last messages of an orderly end, some of the network thread and some of the main thread.
 static void expect_orderly_end(Gateway &gateway) {
     gateway.expect_log({"destroy srv", "stop timer", "Stop auth destroy socket", "Stop s_loop poller and destroy",
                         "zsys_shutdown", "zmq thread down", "net thread joined...", "stopped access"});
@@ -83,12 +83,13 @@ TEST(Stop, ComesOrderlyByASignal) {
         for (const int signal : row.signals) gateway.service().send_signal(signal);
         gateway.expect_log({"end zmq mainloop: 0"});
         expect_orderly_end(gateway);
-        EXPECT_EQ(gateway.service().text(STDOUT_FILENO), "");  // nobody asked for the loop's trace
+        EXPECT_EQ(gateway.service().text(STDOUT_FILENO), "");  // the loop's tracing was not asked for
     }
 }
 
-// The stop travels through the queue. From its first word to the end no signal may kill: CZMQ, told to leave the
-// signals alone, makes that whole time what is otherwise the moment behind its giving the handlers back.
+// This stop comes through the queue, and from its first message to the end no signal may kill the process. Usually a
+// signal could do so only in the moment after CZMQ has taken its handlers back; with ZSYS_SIGHANDLER=false it installs
+// none, and the whole time is such a moment.
 TEST(Stop, ComesFromThePlatformAndIsNotSpoiltBySignals) {
     Gateway gateway({.with_device = false, .environment = {{"ZSYS_SIGHANDLER", "false"}}});
     gateway.bus().end();

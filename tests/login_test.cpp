@@ -12,7 +12,7 @@ static constexpr const char *added = "[AUTH] added non discovered client";
 struct CredentialsCase {
     const char *id;
     OptionalText user_name, password;
-    Ports ports;  // none: refused, and none are spent
+    Ports ports;  // Ports{}: refused, which takes none
 };
 static const CredentialsCase credentials[] = {
     {"second user",              "quillmont",  "tandrivel",  {62001, 63001}},
@@ -97,7 +97,7 @@ TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     const std::string own = "@?DKX8-3000\0341.12.1.32\034QM240817\034?\034\034\034QM240817\0344221=ON!";
     Texts others = {"", own.substr(0, own.size() - 1), own + "!"};
     for (const size_t place : {size_t{0}, own.find('K'), own.find('\034'), own.size() - 1})
-        others.emplace_back(own).at(place) ^= 0x20;  // of a letter that is its case
+        others.emplace_back(own).at(place) ^= 0x20;  // changes the case of a letter
     Gateway gateway;
     RemoteClient panel("panel-1");
     for (const std::string &text : others) {
@@ -107,7 +107,7 @@ TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
                             "not possible to login with incorrect discovery message: '" + text + "' - '" + own + "'",
                             "free client"});
     }
-    EXPECT_EQ(panel.log_in({.discovery = own}), (Ports{62001, 63001}));  // the refused ones spent none
+    EXPECT_EQ(panel.log_in({.discovery = own}), (Ports{62001, 63001}));  // the refused ones have taken none
 }
 
 struct LogoutCase {

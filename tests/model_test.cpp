@@ -2,8 +2,8 @@
 // seen of them must be the same: the answer, what every connected client hears, what the device is told, and how many
 // clients are served. The model knows the rules and nothing of the code.
 //
-// KESTO_MODEL_SEED repeats another run, "random" makes a new one, KESTO_MODEL_STEPS makes it longer. Steps that fail
-// are cut down to few and printed.
+// Every run takes the same steps, unless KESTO_MODEL_SEED gives another seed; "random" draws one. The seed is printed.
+// KESTO_MODEL_STEPS sets the length of a run. Steps that fail are cut down to few and printed.
 #include <algorithm>
 #include <iostream>
 #include <random>
@@ -19,7 +19,7 @@ static constexpr size_t usual_seed = 20261124;
 static constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
 static constexpr std::chrono::minutes cutting_time{4};
 
-// The observer stays connected and writes after each step: what stands before its echo belongs to the step.
+// The observer stays connected and writes after each step: what is heard before its echo belongs to the step.
 static const Texts client_ids = {"panel-1", "@localhost", "panel-2", "stranger", "observer", "passer-by"};
 static constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, passer_by = 5, client_count = 6;
 // A seat is one connection of a client to its session; each client has two.
@@ -30,7 +30,7 @@ static const Texts keys = {name_key, "/Device/Config/Hardware/Model/Serial", "/D
 static constexpr size_t listed_key = 1, secret_key = 2, unknown_key = 3, key_count = 4;
 static constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
 
-// What a login shows: a user name + 3 * a password + 9 * a discovery text. Neither name nor password: a log-out.
+// The number of a login is that of its user + 3 * its password + 9 * its discovery text. Without both: a log-out.
 // Those that are accepted stand more often in `logins`.
 static const OptionalText users[] = {"root", "quillmont", std::nullopt};
 static const OptionalText passwords[] = {"vormi", "tandrivel", std::nullopt};
@@ -117,7 +117,7 @@ static std::string text_of(const Step &step) {
 
 struct Record {
     OptionalText user;
-    Ports ports;  // none: no session, and nothing below
+    Ports ports;  // Ports{}: no session
     size_t flags = 0;
 
     bool has(Flag flag) const { return (flags & flag) != 0; }

@@ -1,5 +1,5 @@
-// The recorded datagrams and frames in proto/vectors, held against the real service. With VECTORS_RECORD=1 in the
-// environment the files are written anew: requests from their meanings, answers and events from the service.
+// The recorded datagrams and frames in proto/vectors, compared with what the real service says. With VECTORS_RECORD=1
+// in the environment the files are written anew: requests from their meanings, answers and events from the service.
 #include <algorithm>
 #include <fstream>
 #include <iomanip>
@@ -83,7 +83,7 @@ static Json reply_packet(std::string text, const std::string &known) {
     return packet;
 }
 
-// One device's story: plays the steps in their order and puts what comes back in the place of what was recorded.
+// Plays the recorded steps of one gateway in their order and replaces the recorded answers and events by the real ones.
 struct Player {
     Gateway gateway;
     Contract contract{};

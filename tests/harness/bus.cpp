@@ -25,7 +25,7 @@ Answer Bus::call(const BusObject &object, const char *method, GVariant *argument
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         connection_.get(), object.name, object.path, object.interface, method, arguments, nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(patience().count()), nullptr, &error);
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, static_cast<int>(event_timeout().count()), nullptr, &error);
     if (reply != nullptr) {
         g_autofree char *text = g_variant_print(reply, FALSE);
         return {text, "", ""};

@@ -33,10 +33,10 @@ class Bus {
 
     const std::string &address() const { return address_; }
 
-    /* Takes a floating `arguments` over; nothing stands for (). No answer within the patience is an error as well. */
+    /* Takes over a floating `arguments`; NULL stands for (). No answer within event_timeout() is an error as well. */
     Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr);
 
-    void end();  // as when the bus daemon is killed
+    void end();  // kills the bus daemon
 
   private:
     Process daemon_;

@@ -15,7 +15,7 @@ static constexpr char separator = '\x1c';
 
 static int open_socket() {
     const int descriptor = connected_socket(SOCK_DGRAM, discovery_port);
-    const timeval at_most = {.tv_sec = patience() / std::chrono::seconds(1), .tv_usec = 0};
+    const timeval at_most = {.tv_sec = event_timeout() / std::chrono::seconds(1), .tv_usec = 0};
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &at_most, sizeof at_most) != 0)
         throw Abandoned("no UDP socket for the test");
     return descriptor;

@@ -11,7 +11,8 @@
 
 #include "harness/wait.h"
 
-/* "@?family FS serial FS public key FS id!". Replies are given with "|" for each FS. */
+/* The datagram "@?family|serial|PUBLIC KEY|ID!" with the separator 0x1C for each "|". In the replies that the functions
+ * below give, "|" stands for each separator. */
 std::string discovery_request(std::string_view id, std::string_view public_key = "");
 
 class Discovery {
@@ -22,11 +23,13 @@ class Discovery {
     Discovery &operator=(const Discovery &) = delete;
 
     void send(std::string_view datagram);
-    std::string receive(Where where = Where::current());  // the next one; must come
+    std::string receive(Where where = Where::current());  // the next reply, which must come
+
+    /* Sends a request and gives its reply, which must come. */
     std::string find(std::string_view id, std::string_view public_key = "", Where where = Where::current());
 
-    /* Sends, and gives the reply or says that there is none: a well-formed request behind it, of the id "fence", tells
-     * when the service has passed it. For a service that answers well-formed requests. */
+    /* Sends, and gives the reply, or std::nullopt when there is none: then a well-formed request of the id "fence",
+     * which was sent after it, has been answered. For a service that answers well-formed requests. */
     std::optional<std::string> ask(std::string_view datagram, Where where = Where::current());
 
   private:
@@ -40,7 +43,7 @@ class KeyPair {
     explicit KeyPair(const std::string &pem_file);  // its private key
 
     std::string public_pem() const;
-    std::string unwrap(const std::string &wrapped_key) const;  // a reply's sixth field; "" when it cannot be unwrapped
+    std::string unwrap(const std::string &wrapped_key) const;  // the sixth field of a reply; gives "" on failure
 
   private:
     std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key_;

@@ -21,21 +21,21 @@ struct GatewayOptions {
     bool with_device = true;
     bool with_service = true;
     Texts arguments = {};          // of the service
-    Environment environment = {};  // beside KESTO_DEBUG=1 and the bus; nothing else reaches the service
-    bool wait_until_up = true;     // by its log; false for a service that says nothing or does not come up
+    Environment environment = {};  // of the service, beside KESTO_DEBUG=1 and the bus's address
+    bool wait_until_up = true;     // false for a service that logs nothing or does not come up
 };
 
 struct Device : Process {
     using Process::Process;
 
-    /* A call to the audio service, by its method and the client id in it; for other calls: expect_log of the trace,
+    /* A call to the audio service with that client id. The data service's calls are expected with expect_log:
      * "Write (0, '/Device/Config/Name', 'Hall')". */
     void expect_call(const std::string &method, const std::string &client_id, Where where = Where::current()) {
         expect_log({method + " ('" + client_id + "',)"}, where);
     }
 };
 
-/* The files in which the service describes the device; none stays from one gateway to the next. */
+/* The files in which the service describes the device. A gateway removes them at its start and at its end. */
 Texts discovery_files();
 
 class Gateway {
@@ -47,28 +47,27 @@ class Gateway {
     Process &service() { return *service_; }
     Device &device() { return *device_; }
 
-    /* As the options of the gateway say; each for one that does not run. */
+    /* As the gateway's options say. The program must not be running. */
     void start_service();
     void start_device();
 
-    /* SIGTERM, and the end that belongs to it. */
+    /* SIGTERM; the service must end with status 0, without complaints. */
     void stop_service();
 
-    /* Of the service. */
+    /* The service's log, and its D-Bus methods. */
     void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current()) {
         service_->expect_log(messages, where);
     }
     Answer call(const char *method, GVariant *arguments = nullptr);
 
-    /* Of the device's control interface: control("LoadSnapshot", "(uint32 4,)"); must succeed. */
+    /* Calls a method of the device's control interface, which must succeed: control("LoadSnapshot", "(uint32 4,)"). */
     void control(const char *method, const char *arguments, Where where = Where::current());
 
     /* How the data service misbehaves from now on: "write=error", and "write=none" to end it. */
     void set_fault(const std::string &fault, Where where = Where::current());
 
-    /* What the service has told the audio service since the device's cursor, "ClientAuthenticated ('panel-1',)". A
-     * discovery request of the id "fence" tells when that is all: forget those that the test sent itself by calling
-     * this once more after them. */
+    /* All calls of the audio service from the device's cursor until now, as "ClientAuthenticated ('panel-1',)". Finds
+     * their end with a discovery request of the id "fence": the cursor must be past the test's own requests. */
     Texts audio_calls(Where where = Where::current());
 
   private:

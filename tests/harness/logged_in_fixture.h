@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string_view>
-#include <utility>
 
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
@@ -28,8 +27,4 @@ using Act = wire::Reply (*)(RemoteClient &);
 inline wire::Reply read_name(RemoteClient &client) { return client.read(name_key); }
 inline wire::Reply write_name(RemoteClient &client) { return client.write(name_key, "Hall"); }
 inline wire::Reply lock_name(RemoteClient &client) { return client.write(name_key, "1", 0x1000); }
-inline wire::Reply multi_write_name(RemoteClient &client) {
-    return client.multi_write({
-        {name_key, "Hall"}
-    });
-}
+inline wire::Reply multi_write_name(RemoteClient &client) { return client.multi_write(Pairs(1, {name_key, "Hall"})); }

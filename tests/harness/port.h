@@ -1,4 +1,4 @@
-/* port.h - TCP and UDP ports as somebody else on the machine sees them. */
+/* port.h - TCP and UDP ports as another program on the machine sees them. */
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 #include "harness/wait.h"
 
-/* A port that somebody else has, and does not share. `type` is SOCK_STREAM or SOCK_DGRAM. */
+/* A port that another program has and does not share. `type` is SOCK_STREAM or SOCK_DGRAM. */
 class TakenPort {
   public:
     TakenPort(int type, uint16_t port);
@@ -18,11 +18,11 @@ class TakenPort {
     int socket_;
 };
 
-/* A socket that is connected to the port, for the caller to close; -1 when there is none. */
+/* A socket that is connected to the port, for the caller to close; -1 when it cannot be connected. */
 int connected_socket(int type, int port, const std::string &address = "127.0.0.1");
 
-/* Whether somebody listens, seen by a TCP connection that never says a word. */
+/* Whether a program listens: opens a TCP connection and closes it without sending anything. */
 bool is_open(int port, const std::string &address = "127.0.0.1");
 
-/* Until nobody listens any more: a closed socket's port goes a little later. */
+/* Waits until no program listens: the port becomes free a little after its socket was closed. */
 void wait_until_closed(int port, Where where = Where::current());

@@ -1,5 +1,5 @@
-/* A thread for each stream reads it until it closes; then the exit is noted. A program whose exit is known has
- * therefore said everything. */
+/* A thread for each stream reads it until it closes; only then the exit is recorded. So when a program's exit is known
+ * all its output has been read. */
 #include "harness/process.h"
 
 #include <cstdlib>
@@ -107,7 +107,7 @@ size_t Process::wait_for(std::string_view message, const Where &where) {
         return next < lines_.size();
     };
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, patience(), [&] { return found() || exit_; });
+    changed_.wait_for(lock, event_timeout(), [&] { return found() || exit_; });
     if (next < lines_.size()) return next;
     abandon(name_ + (exit_ ? " ended without the line \"" : " did not print in time: \"") + std::string(message) + '"',
             where);
@@ -141,7 +141,7 @@ std::string Process::text(int stream) {
 
 std::optional<Exit> Process::exit_in_time() {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, patience(), [this] { return exit_.has_value(); });
+    changed_.wait_for(lock, event_timeout(), [this] { return exit_.has_value(); });
     return exit_;
 }
 

@@ -1,9 +1,9 @@
-/* process.h - a program under test: started, recorded from its first line, ended by its process id.
+/* process.h - a program under test. What it prints is recorded from its first line.
  *
  * Log texts are compared with a line's message, which is what follows the prefix "[program|pid] {file:line} "; a line
  * without the prefix is its own message. In an expected text "*" stands for any characters. The recording is read from
- * a cursor that moves behind each line that was expected. Lines of the two streams stand in the order in which they
- * were read, which need not be the one in which they were printed. For the test's own thread only. */
+ * a cursor, which moves past each line that was expected. The lines of standard output and standard error stand in the
+ * order in which they were read, which may differ from that of printing. For the test's own thread only. */
 #pragma once
 
 #include <condition_variable>
@@ -33,9 +33,9 @@ std::ostream &operator<<(std::ostream &out, const Exit &exit);
 
 class Process {
   public:
-    /* `environment` is all that it gets beside the search path and the sanitizers' settings. */
+    /* The program's environment is `environment`, the search path and the settings of sanitizers and coverage. */
     Process(Texts command, Environment environment);
-    ~Process();  // kills what still runs; prints the recording when the test has failed
+    ~Process();  // kills the program if it still runs; prints the recording when the test has failed
 
     /* Waits for these messages in this order; others may stand between them. */
     void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
@@ -49,19 +49,18 @@ class Process {
     /* The cursor back to the first line. */
     void rewind() { cursor_ = 0; }
 
-    /* Everything so far on STDOUT_FILENO or STDERR_FILENO. After wait_exit that is everything there will be. */
+    /* All that was printed on STDOUT_FILENO or STDERR_FILENO until now; after wait_exit, all that it printed. */
     std::string text(int stream);
 
-    /* The process id stays ours as long as this lives, so that no signal ever reaches somebody else. */
+    /* The process id stays reserved as long as this object lives, so that a signal cannot reach another process. */
     pid_t pid() const { return pid_; }
     void send_signal(int number) { kill(pid_, number); }
     Exit wait_exit(Where where = Where::current());
 
-    /* SIGTERM, then status 0; nothing more when the test has seen the exit (wait_exit). Records a failure, never
-     * throws. */
+    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit. Records a failure, never throws. */
     void expect_orderly_end();
 
-    /* That GLib, CZMQ, the sanitizers and assert had nothing to report. */
+    /* Fails when a line is a complaint of GLib, CZMQ, a sanitizer or assert. */
     void expect_no_complaints();
 
   private:

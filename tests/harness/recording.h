@@ -1,11 +1,11 @@
-/* recording.h - what a program under test has said, kept for the test that looks for messages nobody has seen. */
+/* recording.h - keeps what a program under test has logged, for log_texts.py, which finds messages that no test saw. */
 #pragma once
 
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
 
-/* In a file of its own in the folder ACCESS_RECORDINGS, where that is set. */
+/* Writes `text` to a new file in the folder $ACCESS_RECORDINGS; without that variable it does nothing. */
 inline void keep_recording(const std::string &text) {
     const char *folder = getenv("ACCESS_RECORDINGS");
     if (folder == nullptr) return;

@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 
-static constexpr int32_t alarm_code = 40;                     // the only one that is published
-static constexpr int32_t fence_channel_first = 1'000'000;     // no device has that many
-static constexpr std::chrono::milliseconds resend_after{50};  // a first event that was published too early is lost
+static constexpr int32_t alarm_code = 40;                  // the only one that is published
+static constexpr int32_t fence_channel_first = 1'000'000;  // no device has that many
+
+// An event that is published before the subscription stands is lost; then it is published again after this time.
+static constexpr std::chrono::milliseconds resend_after{50};
 
 std::ostream &operator<<(std::ostream &out, const Ports &ports) {
     return out << "commands " << ports.command << ", events " << ports.event;
@@ -40,7 +42,7 @@ RemoteClient::Socket RemoteClient::connect(int type, int port) const {
     return socket;
 }
 
-static std::optional<std::string> receive_frame(void *socket, std::chrono::milliseconds at_most = patience()) {
+static std::optional<std::string> receive_frame(void *socket, std::chrono::milliseconds at_most = event_timeout()) {
     const int receive_ms = static_cast<int>(at_most.count());
     zmq_setsockopt(socket, ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
     zmq_msg_t frame;
@@ -167,7 +169,7 @@ std::optional<wire::Message> RemoteClient::hear(std::chrono::milliseconds at_mos
 }
 
 wire::Message RemoteClient::must_hear(const Where &where) {
-    const auto message = hear(patience());
+    const auto message = hear(event_timeout());
     if (!message) abandon(id_ + " hears no event", where);
     return *message;
 }

@@ -1,5 +1,5 @@
-/* remote_client.h - a remote client as the wire contract has it: a request socket to the authentication port and, once
- * logged in, one to its command port and a subscription to its event port. A reply that does not come ends the test. */
+/* remote_client.h - a remote client as the wire contract describes it: a request socket to the authentication port and,
+ * once logged in, one to its command port and a subscription to its event port. A missing reply ends the test. */
 #pragma once
 
 #include <iosfwd>
@@ -40,12 +40,12 @@ class RemoteClient {
   public:
     explicit RemoteClient(std::string id, std::string address = "127.0.0.1");
 
-    /* The ports of the answer; none when it was refused. */
+    /* The ports of the answer; Ports{} when the login was refused. */
     Ports log_in(const LoginOptions &options = {}, Where where = Where::current());
-    void connect_to(Ports ports);  // nothing when it is connected to these
+    void connect_to(Ports ports);  // does nothing when it is connected to them
     wire::Reply log_out(Channel channel = Channel::authentication, Where where = Where::current());
 
-    /* On the command socket. `single` reads that key alone. */
+    /* On the command socket. The flag `single` reads the key alone, without those below it. */
     static constexpr uint32_t single = 0x2000;
     wire::Reply read(const std::string &key, uint32_t flags = single, Where where = Where::current());
     wire::Reply write(const std::string &key, const OptionalText &value, uint32_t type = 0,
@@ -55,20 +55,20 @@ class RemoteClient {
 
     std::string discovery_text(Channel channel, Where where = Where::current());
 
-    /* Any request. Fills in the id, unless there is one, and a sequence number, and checks that both are echoed. */
+    /* Any request. Sets a sequence number, and the id unless the request has one; checks that both are echoed. */
     wire::Reply ask(Channel channel, wire::Request request, Where where = Where::current());
 
-    /* Bytes as they are, one frame each; the one frame of the answer. */
+    /* Any bytes, one frame each. exchange gives the one frame of the answer. */
     std::string exchange(Channel channel, const Texts &frames, Where where = Where::current());
     void send(Channel channel, const Texts &frames, Where where = Where::current());
 
-    /* Closes both connections, as a client that goes without a word. */
+    /* Closes both connections, as a client that vanishes without logging out. */
     void hang_up();
 
-    /* Waits until the event socket hears the service: an event that was published before may never come. Uses alarms of
-     * channels that no device has; the functions below never show one. */
+    /* Waits until events reach the client; one that was published earlier may have been lost. For this it publishes
+     * alarms of channels that no device has. The functions below leave these out. */
     void subscribe(Gateway &gateway, Where where = Where::current());
-    wire::Message next_event(Where where = Where::current());  // must come; an event, or another client's reply
+    wire::Message next_event(Where where = Where::current());  // an event, or another client's reply; must come
 
     /* All events that were published until now. */
     std::vector<wire::Message> events_so_far(Gateway &gateway, Where where = Where::current());

@@ -1,5 +1,5 @@
-/* wait.h - how the scenario tests wait: always for an event, never for a time. A wait that finds no event ends the test
- * with a failure that names what was waited for and the line that waited. */
+/* wait.h - how the scenario tests wait: for an event, never for a time. When the event does not come, the test ends
+ * with a failure that names the event and the line that waited for it. */
 #pragma once
 
 #include <chrono>
@@ -17,12 +17,12 @@ struct Where {
     }
 };
 
-/* How long an event may take before it counts as never: far longer than it takes on a busy machine. */
-std::chrono::milliseconds patience();
+/* After this time an event is taken never to come. Far longer than it takes on a busy machine. */
+std::chrono::milliseconds event_timeout();
 
-inline Clock::time_point deadline() { return Clock::now() + patience(); }
+inline Clock::time_point deadline() { return Clock::now() + event_timeout(); }
 
-/* Thrown after the failure has been recorded, so that nothing is waited for in vain after it. */
+/* Ends the test; thrown after its failure has been recorded. */
 struct Abandoned : std::runtime_error {
     using runtime_error::runtime_error;
 };
