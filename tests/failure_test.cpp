@@ -23,7 +23,7 @@ static GatewayOptions failing(const char *call, bool wait_until_up = true) {
     Environment environment = {};
     environment["LD_PRELOAD"] = INTERPOSER_LIBRARY;
     environment["KESTO_FAIL"] = call;
-    // The address sanitizer wants to be the first library itself, and is told that it is not.
+    // The address sanitizer refuses to run behind another library unless it is told not to check.
     environment["ASAN_OPTIONS"] =
         std::string(asan_options != nullptr ? asan_options : "") + ":verify_asan_link_order=0";
     return {.environment = environment, .wait_until_up = wait_until_up};

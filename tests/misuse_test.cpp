@@ -27,7 +27,7 @@
 
 static Texts recorded;
 
-// Keeps the line's message; of "file:function:line - what" only what stands behind the dash.
+// Keeps the line's message; of "file:function:line - what" only what follows the dash.
 [[gnu::format(printf, 1, 2)]] static void record(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);

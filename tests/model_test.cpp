@@ -30,8 +30,8 @@ static const Texts keys = {name_key, "/Device/Config/Hardware/Model/Serial", "/D
 static constexpr size_t listed_key = 1, secret_key = 2, unknown_key = 3, key_count = 4;
 static constexpr uint32_t lock = 0x1000, write_types[] = {0, 1, lock};
 
-// The number of a login is that of its user + 3 * its password + 9 * its discovery text. Without both: a log-out.
-// Those that are accepted stand more often in `logins`.
+// The number of a login is that of its user + 3 * its password + 9 * its discovery text. Neither user nor password: a
+// log-out. Those that are accepted stand more often in `logins`.
 static const OptionalText users[] = {"root", "quillmont", std::nullopt};
 static const OptionalText passwords[] = {"vormi", "tandrivel", std::nullopt};
 static constexpr size_t root = 0, quillmont = 4, log_out = 8, with_text = 9, with_wrong_text = 18;

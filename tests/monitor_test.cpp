@@ -48,7 +48,7 @@ TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
     EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62002, 63002}));
 }
 
-// Whoever opens a TCP connection to the command port counts, a client or not; but only where it is watched.
+// On a monitored session's command port any TCP connection counts as the client's; on another one, none does.
 TEST(Monitor, TakesAPortScannerForTheClient) {
     Gateway gateway;
     RemoteClient plain("panel-1"), watched("panel-2");

@@ -12,7 +12,7 @@ static constexpr const char *listed_branches[] = {"/", "/Device/Audio", "/Device
                                                   "/Device/Audio/Presets/"};
 static constexpr uint32_t branch = 0;  // flags of a read
 
-// The keys that are not everybody's to write, in their order.
+// The keys that only root may write, in the order of the service's list.
 static Texts listed_keys() {
     Texts keys;
     for (const std::string key :

@@ -62,7 +62,7 @@ struct Contract {
     }
 };
 
-// No two wrapped keys are alike: the recorded one takes the place of another that holds the same secret.
+// A key is wrapped differently each time: the recorded one stays when both hold the same secret.
 static Json reply_packet(std::string text, const std::string &known) {
     Json fields;
     std::istringstream in(text.substr(3, text.size() - 4));  // between "@?D" and "!"
