@@ -22,8 +22,8 @@ static constexpr std::chrono::minutes cutting_time{4};
 // The observer stays connected and writes after each step: what is heard before its echo belongs to the step.
 static const Texts client_ids = {"panel-1", "@localhost", "panel-2", "stranger", "observer", "passer-by"};
 static constexpr size_t actor_count = 4, local = 1, stranger = 3, observer = 4, passer_by = 5, client_count = 6;
-// A seat is one connection of a client to its session; each client has two.
-static constexpr size_t seat_count = 2 * client_count, actor_seat_count = 2 * actor_count;
+// Each client id is that of two remote clients, who share its session: the remotes 2n and 2n + 1 are client n.
+static constexpr size_t remote_count = 2 * client_count, actor_remote_count = 2 * actor_count;
 
 static const Texts keys = {name_key, "/Device/Config/Hardware/Model/Serial", "/Device/Config/Networking/Snmp/Secret",
                            "/Device/Nowhere"};
@@ -57,11 +57,11 @@ static constexpr size_t what_end = std::size(logins), how_end = flag_sets * std:
 
 struct Step {
     Kind kind = {};
-    size_t seat = 0, what = 0, how = 0;  // what: a row of `logins`, `keys` or `events`; how: flags or a row of types
-    bool on_command = false;             // a login
-    unsigned number = 0;                 // makes values differ; given when it is taken
+    size_t remote = 0, what = 0, how = 0;  // what: a row of `logins`, `keys` or `events`; how: flags or a row of types
+    bool on_command = false;               // a login
+    unsigned number = 0;                   // makes values differ; given when it is taken
 
-    size_t client() const { return seat / 2; }
+    size_t client() const { return remote / 2; }
     const std::string &id() const { return client_ids[client()]; }
     size_t login() const { return logins[what]; }
     size_t key(size_t next = 0) const { return (what + next) % key_count; }
@@ -103,7 +103,7 @@ static std::string text_of_login(const Step &step) {
 
 static std::string text_of(const Step &step) {
     const std::string who =
-        text(kind_names[static_cast<size_t>(step.kind)], ": ", step.id(), ", seat ", step.seat % 2, " ");
+        text(kind_names[static_cast<size_t>(step.kind)], ": ", step.id(), ", remote ", step.remote % 2, " ");
     const std::string pair = text(keys[step.key()], " type ", step.type());
     switch (step.kind) {
         case Kind::event: return text(step.event()[0], " ", step.event()[1]);
@@ -125,11 +125,11 @@ struct Record {
 
 struct Model {
     Record records[client_count];
-    bool seated[seat_count] = {};
+    bool connected[remote_count] = {};
     Ports next_ports = {62001, 63001};
     uint32_t changes = 0;
     std::string values[key_count] = {name_value, "QM240817", "community"};  // of the device
-    Texts calls, heard[seat_count];                                         // since the last comparison
+    Texts calls, heard[remote_count];                                       // since the last comparison
 
     void tell_audio(size_t client, const char *method) {
         calls.push_back(text(method, " ('", client_ids[records[client].has(no_lock) ? local : client], "',)"));
@@ -137,21 +137,21 @@ struct Model {
     void free_record(size_t client) {
         tell_audio(client, "ClientDeauthenticated");
         records[client] = {};
-        seated[2 * client] = seated[2 * client + 1] = false;
+        connected[2 * client] = connected[2 * client + 1] = false;
     }
     void publish(const std::string &message, size_t source = client_count) {
-        for (size_t seat = 0; seat < seat_count; seat++)
-            if (seated[seat] && (seat / 2 != source || !records[source].has(discard_my_feedback)))
-                heard[seat].push_back(message);
+        for (size_t remote = 0; remote < remote_count; remote++)
+            if (connected[remote] && (remote / 2 != source || !records[source].has(discard_my_feedback)))
+                heard[remote].push_back(message);
     }
 };
 
 static bool makes_sense(const Model &model, const Step &step) {
-    const bool has_session = model.records[step.client()].ports.command != 0, seated = model.seated[step.seat];
+    const bool has_session = model.records[step.client()].ports.command != 0, connected = model.connected[step.remote];
     if (step.kind == Kind::discover) return step.client() != stranger;
-    if (step.kind == Kind::connect) return has_session && !seated;
-    if (step.kind == Kind::log_in) return seated || !step.on_command;
-    return seated || step.kind == Kind::event || step.kind == Kind::spend_ports;
+    if (step.kind == Kind::connect) return has_session && !connected;
+    if (step.kind == Kind::log_in) return connected || !step.on_command;
+    return connected || step.kind == Kind::event || step.kind == Kind::spend_ports;
 }
 
 static bool open_session(Model &model, const Step &step) {
@@ -205,8 +205,8 @@ static bool model_write(Model &model, const Step &step, std::string &result) {
 }
 
 static void connect_or_drop(Model &model, const Step &step) {
-    const bool connects = model.seated[step.seat] = step.kind == Kind::connect;
-    if (!model.records[step.client()].has(monitor) || model.seated[step.seat ^ 1]) return;
+    const bool connects = model.connected[step.remote] = step.kind == Kind::connect;
+    if (!model.records[step.client()].has(monitor) || model.connected[step.remote ^ 1]) return;
     if (connects) model.tell_audio(step.client(), "ClientAuthenticated");
     else model.free_record(step.client());
 }
@@ -229,11 +229,12 @@ static std::string apply_to_model(Model &model, const Step &step) {
     return result;
 }
 
+// What one walk needs: the model, and the service that it is compared with.
 struct Trial {
     Model model;
     Gateway gateway;
     Discovery discovery;
-    std::vector<RemoteClient> remotes = {};  // by seat
+    std::vector<RemoteClient> remotes = {};
     std::string discovery_text = {};
     unsigned number = 0;  // of the last write
 };
@@ -252,7 +253,7 @@ static wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const s
 }
 
 static std::string apply_to_service(Trial &trial, const Step &step, const Record &before) {
-    RemoteClient &remote = trial.remotes[step.seat];
+    RemoteClient &remote = trial.remotes[step.remote];
     const std::string &key = keys[step.key()], &next_key = keys[step.key(1)], value = step.value();
     const bool connects = step.kind == Kind::connect;
     switch (step.kind) {
@@ -285,12 +286,12 @@ static void perform(Trial &trial, const Step &step) {
     const std::string answer = apply_to_model(trial.model, step);
     compare("the answer", {answer}, {apply_to_service(trial, step, before)});
     if (before.ports == after.ports || before.ports == Ports{}) return;
-    for (size_t seat = 2 * step.client(); seat / 2 == step.client(); seat++) trial.remotes[seat].hang_up();
+    for (size_t remote = 2 * step.client(); remote / 2 == step.client(); remote++) trial.remotes[remote].hang_up();
     if (step.client() == local) wait_until_closed(before.ports.command);  // the next session needs it again
 }
 
 static void compare_all(Trial &trial) {
-    perform(trial, {.kind = Kind::write, .seat = 2 * observer, .number = ++trial.number});
+    perform(trial, {.kind = Kind::write, .remote = 2 * observer, .number = ++trial.number});
     Model &model = trial.model;
     Texts lines = trial.gateway.device().log_until(model.calls.back());
     lines.push_back(model.calls.back());
@@ -301,18 +302,18 @@ static void compare_all(Trial &trial) {
     std::erase_if(lines, [](const std::string &line) { return line.find("Message broadcast") == line.npos; });
     const auto sessions = std::ranges::count_if(model.records, [](const Record &r) { return r.ports.command != 0; });
     compare("clients served", {std::to_string(sessions)}, {std::to_string(lines.size())});
-    for (size_t seat = 0; seat < seat_count; seat++) {
+    for (size_t remote = 0; remote < remote_count; remote++) {
         Texts heard;
-        for (wire::Message last; model.seated[seat] && last.reply().client_id() != client_ids[observer];)
-            heard.push_back(text_of(last = trial.remotes[seat].next_event()));
-        compare(client_ids[seat / 2] + " hears", std::exchange(model.heard[seat], {}), heard);
+        for (wire::Message last; model.connected[remote] && last.reply().client_id() != client_ids[observer];)
+            heard.push_back(text_of(last = trial.remotes[remote].next_event()));
+        compare(client_ids[remote / 2] + " hears", std::exchange(model.heard[remote], {}), heard);
     }
 }
 
 static void begin(Trial &trial) {
-    for (size_t seat = 0; seat < seat_count; seat++) trial.remotes.emplace_back(client_ids[seat / 2]);
-    perform(trial, {.kind = Kind::log_in, .seat = 2 * observer});
-    perform(trial, {.kind = Kind::connect, .seat = 2 * observer});
+    for (size_t remote = 0; remote < remote_count; remote++) trial.remotes.emplace_back(client_ids[remote / 2]);
+    perform(trial, {.kind = Kind::log_in, .remote = 2 * observer});
+    perform(trial, {.kind = Kind::connect, .remote = 2 * observer});
     trial.discovery_text = trial.remotes[2 * observer].discovery_text(Channel::command);
     trial.gateway.device().expect_log({std::exchange(trial.model.calls, {}).back()});
     compare_all(trial);
@@ -323,7 +324,7 @@ static void take(Trial &trial, Step step) {
     step.number = ++trial.number;
     if (step.kind != Kind::spend_ports) perform(trial, step);
     for (size_t i = 0; step.kind == Kind::spend_ports && i < 2 * ports_spent; i++)
-        perform(trial, {.kind = Kind::log_in, .seat = 2 * passer_by, .what = i % 2});
+        perform(trial, {.kind = Kind::log_in, .remote = 2 * passer_by, .what = i % 2});
     compare_all(trial);
 }
 
@@ -367,13 +368,14 @@ static std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
     std::discrete_distribution<int> kind(weights);
     std::vector<Step> steps(count);
     for (Step &step : steps)
-        step = {static_cast<Kind>(kind(random)), below(actor_seat_count), below(what_end), below(how_end),
+        step = {static_cast<Kind>(kind(random)), below(actor_remote_count), below(what_end), below(how_end),
                 below(3) == 0};
     return steps;
 }
 
 static size_t number_from(const char *variable, size_t otherwise) {
-    return getenv(variable) != nullptr ? strtoul(getenv(variable), nullptr, 10) : otherwise;
+    const char *setting = getenv(variable);
+    return setting != nullptr ? strtoul(setting, nullptr, 10) : otherwise;
 }
 
 static unsigned seed_of_this_run() {
@@ -394,6 +396,6 @@ TEST(Model, AgreesWithTheServiceOnRandomSteps) {
         std::cout << "step " << steps.size() << ": " << difference << "\ncutting down ..." << std::endl;
         cut_down(steps);
         for (const Step &step : steps) std::cout << text_of(step) << '\n';
-        FAIL() << "after these steps: " << walk(steps);
+        FAIL() << "after these steps (KESTO_MODEL_SEED=" << seed << "): " << walk(steps);
     }
 }
