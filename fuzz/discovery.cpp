@@ -21,9 +21,9 @@ extern "C" void g_usleep(gulong) {}
 
 static int udp_socket(const sockaddr_in *bound_to, const sockaddr_in *connected_to) {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    if (bound_to != nullptr) bind(descriptor, reinterpret_cast<const sockaddr *>(bound_to), sizeof(*bound_to));
+    if (bound_to != nullptr) (void)bind(descriptor, reinterpret_cast<const sockaddr *>(bound_to), sizeof(*bound_to));
     if (connected_to != nullptr) {
-        connect(descriptor, reinterpret_cast<const sockaddr *>(connected_to), sizeof(*connected_to));
+        (void)connect(descriptor, reinterpret_cast<const sockaddr *>(connected_to), sizeof(*connected_to));
     }
     return descriptor;
 }

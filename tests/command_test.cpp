@@ -73,7 +73,7 @@ TEST(Command, CountsTheChangesOfEverybody) {
 
 // Its other connection keeps the session, which a monitored client would otherwise lose.
 TEST(Command, ClosesTheConnectionOfAFrameAboveTheLimit) {
-    constexpr size_t max_frame_bytes = 10 * 1024 * 1024;
+    constexpr size_t max_frame_bytes = size_t{10} * 1024 * 1024;
     Gateway gateway;
     RemoteClient panel("panel-1"), second("panel-1");
     const Ports ports = panel.log_in({.monitor = true});

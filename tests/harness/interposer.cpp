@@ -44,7 +44,9 @@ struct FailingCall {
 static FailingCall read_setting() {
     FailingCall failing = {"", 0};
     const char *setting = getenv("KESTO_FAIL");
-    if (setting != nullptr) sscanf(setting, "%63[^:]:%ld", failing.name, &failing.number);
+    if (setting == nullptr || sscanf(setting, "%63[^:]:", failing.name) != 1) return failing;
+    const char *number = strchr(setting, ':');
+    if (number != nullptr) failing.number = strtol(number + 1, nullptr, 10);
     return failing;
 }
 

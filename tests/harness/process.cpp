@@ -46,6 +46,7 @@ std::ostream &operator<<(std::ostream &out, const Exit &exit) {
 Process::Process(Texts command, Environment environment)
     : name_(command.front().substr(command.front().rfind('/') + 1)) {
     std::vector<char *> words;
+    words.reserve(command.size() + 1);
     for (std::string &word : command) words.push_back(word.data());
     words.push_back(nullptr);
     g_auto(GStrv) variables = nullptr;

@@ -186,7 +186,7 @@ void RemoteClient::subscribe(Gateway &gateway, Where where) {
 
 wire::Message RemoteClient::next_event(Where where) {
     for (;;) {
-        const wire::Message message = must_hear(where);
+        wire::Message message = must_hear(where);
         if (fence_in(message) == 0) return message;
     }
 }
