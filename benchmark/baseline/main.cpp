@@ -16,7 +16,7 @@ static int open_discovery_socket() {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(discovery_port);
-    bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
+    (void)bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
     return descriptor;
 }
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
 #include <string_view>
 #include <sys/resource.h>
 #include <sysexits.h>
@@ -22,8 +23,8 @@ int main(int argc, char **argv) try {
     const std::string_view mode = argc > 1 ? argv[1] : "";
     raise_descriptor_limit();
     if ((mode == "measure" || mode == "events") && argc == 4) {
-        const pid_t process = std::atoi(argv[2]);
-        const int effort = std::max(1, std::atoi(argv[3]));
+        const pid_t process = std::stoi(argv[2]);
+        const int effort = std::max(1, std::stoi(argv[3]));
         const Figures figures = mode == "measure" ? measure(process, effort) : measure_events(process, effort);
         puts(nlohmann::json(figures).dump().c_str());
     } else if (mode == "count" && argc == 2) {

@@ -134,7 +134,7 @@ int main(int argc, char **argv) try {
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     mosquitto_lib_init();
-    puts(measure(std::atoi(argv[1])).dump().c_str());
+    puts(measure(std::stoi(argv[1])).dump().c_str());
     return EXIT_SUCCESS;
 } catch (const std::exception &error) {
     fprintf(stderr, "bench-peer: %s\n", error.what());
