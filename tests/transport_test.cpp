@@ -1,0 +1,113 @@
+/* What the service counts of its connections: a ZeroMQ peer's bytes, and a connection from its accept to its close. */
+#include <chrono>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "harness/texts.h"
+#include "net/transport/connection_table.h"
+#include "net/transport/endpoint.h"
+#include "net/transport/zmtp.h"
+
+static constexpr ZmtpRules rules = {.longest_frame = 100, .has_envelope = true, .message_overhead = 1000};
+static constexpr size_t request_overhead = 2 * zmtp_frame_overhead + rules.message_overhead;
+
+static const std::string signature = "\xff" + std::string(8, '\0') + "\x7f";
+static const std::string greeting_1 = signature + std::string("\0\5", 2), greeting_2 = signature + "\1\3";
+static const std::string greeting_3 = signature + std::string("\3\0NULL", 6) + std::string(48, '\0');
+static const std::string identity_old("\1\0", 2), identity(2, '\0');  // an empty one
+static const std::string delimiter("\1\0", 2), hello("\0\5hello", 7);
+static const std::string ready = "\4\6\5READY", ping = std::string("\4\7\4PING\0\0", 9);
+
+// A last frame with that much content, in the short form.
+static std::string frame_of(size_t size) { return '\0' + (static_cast<char>(size) + std::string(size, 'x')); }
+
+static const std::string endless_frame("\2\0\0\0\1\0\0\0\0", 9), empty_old("\0\0", 2);
+static const std::string request = delimiter + hello, request_old("\1\1\6\0hello", 9);
+static const std::string longest = delimiter + frame_of(100), too_long = delimiter + frame_of(101);
+
+struct PeerCase {
+    const char *what;
+    uint8_t version;
+    Texts pieces;  // of what it sends
+    bool acceptable;
+    size_t messages, content, commands;
+};
+
+static const PeerCase peers[] = {
+    {"version 1",                    1, {greeting_1},                    true,  0, 0,   0},
+    {"version 2",                    2, {greeting_2},                    true,  0, 0,   0},
+    {"version 3",                    3, {greeting_3},                    true,  0, 0,   0},
+    {"version 1 without a greeting", 1, {identity_old},                  true,  0, 0,   0},
+    {"REQ of version 1",             1, {identity_old, request_old},     true,  1, 5,   0},
+    {"REQ of version 2",             2, {greeting_2, identity, request}, true,  1, 5,   0},
+    {"REQ of version 3",             3, {greeting_3, ready, request},    true,  1, 5,   6},
+    {"two messages",                 3, {greeting_3, request, request},  true,  2, 10,  0},
+    {"no envelope",                  3, {greeting_3, hello},             false, 0, 0,   0},
+    {"second has no envelope",       3, {greeting_3, request, hello},    false, 1, 5,   0},
+    {"no envelope in version 2",     2, {greeting_2, identity, hello},   false, 0, 0,   0},
+    {"as long as allowed",           3, {greeting_3, longest},           true,  1, 100, 0},
+    {"too long by one",              3, {greeting_3, too_long},          false, 0, 0,   0},
+    {"too long by far",              3, {greeting_3, endless_frame},     false, 0, 0,   0},
+    {"version 1 without flags",      1, {identity_old, empty_old},       false, 0, 0,   0},
+    {"PING",                         3, {greeting_3, ping, ping},        true,  0, 0,   0},
+    {"PING and another command",     3, {greeting_3, ping, ready},       true,  0, 0,   6},
+};
+
+static void expect_found(const PeerCase &row, const ZmtpReader &reader, const ZmtpFound &found) {
+    EXPECT_EQ(reader.version, row.version);
+    EXPECT_EQ(found.acceptable, row.acceptable);
+    EXPECT_EQ(found.messages, row.messages);
+    EXPECT_EQ(found.bytes, row.messages * request_overhead + row.content);
+    EXPECT_EQ(found.other_bytes, row.commands);
+}
+
+TEST(Zmtp, CountsTheSameInWhateverPiecesTheBytesCome) {
+    for (const PeerCase &row : peers) {
+        SCOPED_TRACE(row.what);
+        std::string sent;
+        for (const std::string &piece : row.pieces) sent += piece;
+        const std::span bytes(reinterpret_cast<const uint8_t *>(sent.data()), sent.size());
+        ZmtpReader whole = {}, piecewise = {};
+        expect_found(row, whole, zmtp_read(whole, rules, bytes));
+        ZmtpFound sum = {};
+        for (size_t i = 0; i < bytes.size(); i++) {
+            const ZmtpFound found = zmtp_read(piecewise, rules, bytes.subspan(i, 1));
+            sum.messages += found.messages;
+            sum.bytes += found.bytes;
+            sum.other_bytes += found.other_bytes;
+            sum.acceptable = found.acceptable;
+        }
+        expect_found(row, piecewise, sum);
+    }
+}
+
+// Whether it comes to that; the time is what counts as never.
+static bool becomes(size_t count, int port) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(40);
+    while (connection_table_count(port) != count) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
+    constexpr int port = 60000;
+    connection_table_init(1024);
+    zsock_t *service = zsock_new(ZMQ_REP);
+    ASSERT_EQ(endpoint_bind(service, "127.0.0.1", port, PortKind::login), port);
+    EXPECT_EQ(connection_table_count(port), 0u);
+    zsock_t *client = zsock_new_req(">tcp://127.0.0.1:60000");
+    EXPECT_TRUE(becomes(1, port));
+    zstr_send(client, "question");
+    zmq_pollitem_t item = {.socket = zsock_resolve(service), .fd = 0, .events = ZMQ_POLLIN, .revents = 0};
+    zmq_poll(&item, 1, -1);
+    EXPECT_EQ(connection_table_held(), waiting_bytes(strlen("question")));
+    zsock_destroy(&client);
+    EXPECT_TRUE(becomes(0, port));
+    EXPECT_EQ(connection_table_held(), 0u);
+    endpoint_destroy(&service, 0);
+}
