@@ -215,6 +215,9 @@ static const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >=
                          bad_frame = "[DISCOVERY] discarded... ";
 static const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
 static const std::string longest_id(8191 - discovery_request("").size(), 'i'), nul_in_it("nul\0panel", 9);
+static const std::string of_a_device =
+    "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
+static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
 static const RequestCase requests[] = {
     {"nothing in it",         "",                                 false, bad_length + "(0)"        },
     {"too short",             "@!",                               false, bad_length + "(2)"        },
@@ -223,6 +226,7 @@ static const RequestCase requests[] = {
     {"wrong last byte",       "@?panel",                          false, bad_frame + "(7 @ ? l)"   },
     {"an end behind it",      "@?panel!\n",                       false, bad_frame + "(9 @ ? *"    },
     {"cut before its mark",   too_long,                           false, bad_frame + "(8191 @ ? x)"},
+    {"a device's own reply",  of_a_device,                        false, of_a_device_log           },
     {"the shortest",          "@?!",                              true,  id_added                  },
     {"the longest",           discovery_request(longest_id),      true,  id_added + longest_id     },
     {"a separator in the id", discovery_request("pa\x1cnel\x1c"), true,  id_added + "pa\x1cnel\x1c"},
@@ -239,7 +243,28 @@ TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(discovery.ask(row.datagram).has_value(), row.answered);
         gateway.expect_log({row.log});
+        if (!row.answered) gateway.service().expect_no_log_before(id_added + "*", "[DISCOVERY] received id=[fence]");
     }
+}
+
+static constexpr int visitors_most = 1024;  // clients that are remembered without a session
+
+static std::string visitor(int number) { return "visitor-" + std::to_string(number); }
+
+TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
+    Gateway gateway;
+    Discovery discovery;
+    for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i));
+    discovery.find(visitor(0));
+    gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
+    discovery.find(visitor(visitors_most));
+    gateway.expect_log({id_added + visitor(visitors_most)});
+    discovery.find(visitor(visitors_most));
+    gateway.expect_log({"[DISCOVERY] client: visitor-1024 already discovered*"});
+    discovery.find(visitor(1));  // the second oldest is still there
+    gateway.expect_log({"[DISCOVERY] client: visitor-1 already discovered*"});
+    discovery.find(visitor(0));
+    gateway.expect_log({id_added + visitor(0)});
 }
 
 static constexpr const char *elliptic_key =

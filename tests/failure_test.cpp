@@ -264,6 +264,21 @@ TEST(AWriteWhoseAnswerIsLost, IsEchoedAllTheSame) {
     gateway.expect_log({"write ok with retval=0", "[writer] Broadcasting to all clients.", "broadcast to 1 client"});
 }
 
+TEST(AWriteWhoseAnswerCannotBeEncoded, DoesNotLetTheNextAnswerBeEchoed) {
+    for (const char *call : {"proto_buffer:3", "proto_buffer_size:3"}) {  // after the answers to two logins
+        SCOPED_TRACE(call);
+        Gateway gateway(failing(call));
+        RemoteClient writer("writer"), listener("listener");
+        writer.log_in();
+        listener.log_in();
+        EXPECT_EQ(writer.exchange(Channel::command, {"\n\035b\033\n\023/Device/Config/Name\022\004Hall"}), "");
+        gateway.expect_log({"set broadcast to other client", "problem in proto_encode", "[CLIENT] error encoding"});
+        EXPECT_EQ(writer.read("/Device/Config/Name").value().text(), "Hall");
+        writer.log_out();
+        gateway.service().expect_no_log_before("* Broadcasting to all clients.", "free client");
+    }
+}
+
 TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
     for (const bool refused : {true, false}) {
         SCOPED_TRACE(refused);

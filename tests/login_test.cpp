@@ -153,11 +153,23 @@ struct BadRequestCase {
     const char *log;
 };
 static const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";
+static constexpr size_t longest_id = 8185;
+
+static std::string login_of(size_t id_length) {
+    wire::Message message;
+    message.mutable_request()->set_client_id(std::string(id_length, 'i'));
+    message.mutable_request()->mutable_login()->set_user_name("root");
+    message.mutable_request()->mutable_login()->set_password("vormi");
+    return message.SerializeAsString();
+}
+
+static const std::string too_long_id = login_of(longest_id + 1);
 static const BadRequestCase bad_requests[] = {
     {"no message",   {"\xff\xff\xff"}, "*:server_auth:* - error data not parsable"},
     {"empty",        {""},             "*:server_auth:* - error data not parsable"},
     {"two frames",   {no_id, ""},      "*:server_auth:* - error data not parsable"},
     {"no client id", {no_id},          "*:server_auth:* - invalid client id"      },
+    {"id too long",  {too_long_id},    "*:server_auth:* - invalid client id"      },
 };
 
 TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
@@ -171,6 +183,11 @@ TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
         gateway.service().expect_no_log_before("free cl_id", "[AUTH] >");
         gateway.expect_log({added, "free client", "client free cmd port = -1, event port -1 (type: 1)", "free cl_id"});
     }
+}
+
+TEST(Authentication, TakesTheLongestId) {
+    Gateway gateway;
+    EXPECT_EQ(RemoteClient(std::string(longest_id, 'i')).log_in(), (Ports{62001, 63001}));
 }
 
 TEST(Authentication, OffersNoDataAccess) {

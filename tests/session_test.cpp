@@ -23,6 +23,17 @@ TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
     EXPECT_EQ(RemoteClient("panel-2").log_in(), (Ports{62003, 63003}));
 }
 
+TEST(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
+    Gateway gateway;
+    RemoteClient local("@localhost");
+    for (int i = 0; i < 50; i++) {
+        ASSERT_EQ(local.log_in(), (Ports{62000, 63000})) << i;
+        EXPECT_EQ(local.read("/Device/Config/Name").status(), wire::STATUS_OK);
+        EXPECT_EQ(local.log_out().status(), wire::STATUS_OK);
+        local.hang_up();
+    }
+}
+
 struct TakenCase {
     const char *log;
     Texts released;
