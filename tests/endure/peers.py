@@ -10,7 +10,7 @@ import zmq
 from cases import case
 from strangers import MIB, attacked, settle
 from testbed import remote
-from testbed.remote import A_KEY, EXACT, RawPeer, Remote, connect, enter, request, wire, zmtp_request
+from testbed.remote import A_KEY, EXACT, RawPeer, Remote, connect, enter, request, wire, zmtp_frame, zmtp_request
 from testbed.gateway import AUTH_PORT, check
 
 NAME = "/Device/Config/Name"
@@ -162,15 +162,21 @@ def returns(bed):
 
 @case("peers-deaf-listener", "an event connection that does not read, and 25 writes of 9 MiB", alone=True)
 def deaf_listener(bed):
-    with attacked(bed):
+    with attacked(bed) as calls_s:
         listener = enter("listener")
         deaf = RawPeer(listener.ports[1], b"SUB", receive_bytes=4096)
-        deaf.offer(b"\x00\x01\x01")
-        writer, value, done = enter("writer", **RESTRICTED), "v" * (9 * MIB), 0
+        deaf.offer(zmtp_frame(b"\x01"))
+        writer = enter("writer", **RESTRICTED)
         for _ in range(25):
-            done += writer.write(NAME, value).status == wire.STATUS_OK
-        bed.note("writes", done)
+            calls_s.append(large_write_s(writer))
         check(listener.is_served(), "the session of the listener does not work")
+
+
+def large_write_s(writer):
+    """How long a write of 9 MiB takes, from the request to its answer."""
+    begin = time.monotonic()
+    check(writer.write(NAME, "v" * (9 * MIB)).status == wire.STATUS_OK, "a write of 9 MiB was refused")
+    return time.monotonic() - begin
 
 
 def offer_all(bed, peer, frame, count):
@@ -200,8 +206,9 @@ def untaken_reads(bed):
 
 @case("peers-untaken-writes", "60 answers to writes of 9 MiB that nobody takes", alone=True)
 def untaken_writes(bed):
-    with attacked(bed):
+    with attacked(bed) as calls_s:
         writer = enter("writer")
+        calls_s.append(large_write_s(writer))
         frame = zmtp_request(request("writer", write=wire.Write(key=NAME, value="v" * (9 * MIB))))
         offer_all(bed, RawPeer(writer.ports[0], receive_bytes=4096), frame, 60)
 
