@@ -3,7 +3,7 @@
 
 static constexpr int command_port_last = 62998, command_port_again = 62002;
 static constexpr int event_port_last = 63998, event_port_again = 63002;
-static constexpr int message_bytes_max = 10485760, waiting_requests_max = 2;
+static constexpr int message_bytes_max = 10485760;
 static constexpr SocketTimes command_times = {150, 1500}, event_times = {0, 600};
 static constexpr int closing_linger_ms = 50;
 
