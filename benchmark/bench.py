@@ -65,20 +65,22 @@ def print_comparisons(compared):
     for group, lines in compared.items():
         print(f"\n{group}")
         print_table(rows.HEADINGS, [rows.cells(line) for line in lines])
-    late = [line for lines in compared.values() for line in lines if line.ratio > rows.LATE]
-    print(f"\n{len(late)} of {sum(map(len, compared.values()))} rows are over {rows.LATE}")
+    over = [line for lines in compared.values() for line in lines if line.ratio > rows.EXPLAINED_ABOVE]
+    print(f"\n{len(over)} of {sum(map(len, compared.values()))} rows are over {rows.EXPLAINED_ABOVE}")
 
 
 def options():
     parser = argparse.ArgumentParser(prog="./bench", description="Measures the service and a baseline, a program that does "
-                                     "the same work on the same libraries and nothing else, and prints the ratio of the two.")
+                                     "the same work on the same libraries and nothing else; prints the ratio of the two.")
     parser.add_argument("--rounds", type=int, default=11, metavar="N", help="ratios per row; 11 unless told otherwise")
-    parser.add_argument("--smoke", action="store_true", help="one hasty round: that everything runs, not what it costs")
-    parser.add_argument("--peer", action="store_true", help="send the same events through an MQTT broker, beside the service")
+    parser.add_argument("--smoke", action="store_true", help="one short round, which shows only that everything runs")
+    parser.add_argument("--peer", action="store_true",
+                        help="compare the service with an MQTT broker that passes the same events on")
     parser.add_argument("--counts", action="store_true", help="count instructions, allocations and system calls instead")
     parser.add_argument("--check", action="store_true", help="with --counts: fail when the service costs more beside the "
                         "baseline than benchmark/bounds.py allows")
-    parser.add_argument("--report", action="store_true", help="write docs/performance.md and its pictures from what was measured last")
+    parser.add_argument("--report", action="store_true",
+                        help="write docs/performance.md and its pictures from what was measured last")
     parser.add_argument("--programs", default=ROOT / "build/release/bin", help=argparse.SUPPRESS)
     parser.add_argument("--figures", default=ROOT / "build/bench.json", type=pathlib.Path, help=argparse.SUPPRESS)
     return parser.parse_args()

@@ -12,7 +12,7 @@ import subprocess
 
 import bounds
 import rows
-from testbed.gateway import Failure, TestBed
+from testbed.gateway import Failure, TestBed, check
 
 # An event that reaches more clients costs this much more for each of them.
 FEW_CLIENTS, MORE_CLIENTS = 1, 21
@@ -22,11 +22,12 @@ WORK = {"read": "read, one bus call", "write": "write, one bus call",
         "login": "login and log-out, two bus calls",
         "event-1": "event, reported and sent to 1 client", "event-client": "event, each further client"}
 
-# The functions of each program that a library calls when a request arrives, and for an event the one that takes the
-# report and the one that sends it at the next tick.
-REQUEST_HANDLERS = {"baseline": ("on_command", "on_login", "on_discovery"),
-                    "service": ("client_read", "server_auth", "server_discovery")}
-EVENT_HANDLERS = {"baseline": ("on_method", "on_tick"), "service": ("dbus_mtod_general_dispatch", "server_mq_timer")}
+# The functions that a library calls in each program: when a request arrives; for an event, when it is reported and at the
+# tick that sends it.
+HANDLERS = {"baseline": {"command": ("on_command",), "discovery": ("on_discovery",), "login": ("on_login",),
+                         "event": ("on_method", "on_tick")},
+            "service": {"command": ("client_read",), "discovery": ("server_discovery",), "login": ("server_auth",),
+                        "event": ("dbus_mtod_general_dispatch", "server_mq_timer")}}
 # What hands something to a library's thread and may wake it or wait for it; both programs call it equally often.
 HANDED_ON = ("g_dbus_connection_call_sync", "g_dbus_connection_call", "g_dbus_method_invocation_return_value", "zmq_send",
              "zmq_msg_send")
@@ -72,9 +73,13 @@ class Instructions:
         dump, = self.bed.folder.glob("callgrind.*")
         total, inclusive = _profile(dump)
         dump.unlink()
-        handlers = EVENT_HANDLERS if work.startswith("event") else REQUEST_HANDLERS
-        own = sum(inclusive[name] for name in handlers[self.side]) - sum(inclusive[name] for name in HANDED_ON)
-        return {INSTRUCTIONS: total, HANDLER_INSTRUCTIONS: own}
+        return {INSTRUCTIONS: total, HANDLER_INSTRUCTIONS: self._of_handlers(work, inclusive)}
+
+    def _of_handlers(self, work, inclusive):
+        handlers = HANDLERS[self.side].get(work.split("-")[0], HANDLERS[self.side]["command"])
+        for name in handlers:
+            check(inclusive[name] > 0, f"{work}: the {self.side} has not called {name}; HANDLERS must name what it calls")
+        return sum(inclusive[name] for name in handlers) - sum(inclusive[name] for name in HANDED_ON)
 
 
 class Allocations:

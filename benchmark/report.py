@@ -28,7 +28,8 @@ PICTURES = (
       ("authorize", [(n, f"authorize.{n}.cpu") for n in rows.CLIENTS]))),
     ("events", "Processor time per delivered event", "µs", LOGARITHMIC, "clients that hear it",
      (("event", [(n, f"event.{n}.cpu") for n in rows.EVENT_CLIENTS]),)),
-    ("sessions", "Time of one read", "µs", FROM_ZERO, "sessions open", (("read", [(n, f"sessions.{n}.time") for n in rows.SESSIONS]),)),
+    ("sessions", "Time of one read", "µs", FROM_ZERO, "sessions open",
+     (("read", [(n, f"sessions.{n}.time") for n in rows.SESSIONS]),)),
 )
 
 
@@ -81,21 +82,21 @@ def _tables(compared):
 
 def _summary(compared):
     lines = [line for group in compared.values() for line in group]
-    within = sum(line.ratio <= rows.LATE for line in lines)
+    within = sum(line.ratio <= rows.EXPLAINED_ABOVE for line in lines)
     spread = sorted(abs(control - 1) for line in lines for control in line.controls)
-    return (f"{within} of {len(lines)} rows are at or below {rows.LATE}. Nine of ten comparisons of the baseline with "
-            f"itself differ by less than {spread[int(0.9 * len(spread))]:.0%}: that much is noise.")
+    return (f"{within} of {len(lines)} rows are at or below {rows.EXPLAINED_ABOVE}. Nine of ten comparisons of the baseline "
+            f"with itself differ by less than {spread[int(0.9 * len(spread))]:.0%}: that much is noise.")
 
 
-def _late(compared):
-    return [line for lines in compared.values() for line in lines if line.ratio > rows.LATE]
+def _lines_over(compared):
+    return [line for lines in compared.values() for line in lines if line.ratio > rows.EXPLAINED_ABOVE]
 
 
 def _over(compared):
-    late = _late(compared)
-    if not late:
+    over = _lines_over(compared)
+    if not over:
         return "None."
-    return "\n".join(f"- {line.row.name}, {line.row.what}: {line.ratio:.3f}" for line in late)
+    return "\n".join(f"- {line.row.name}, {line.row.what}: {line.ratio:.3f}" for line in over)
 
 
 def _replace(page, mark, text):
@@ -107,7 +108,7 @@ def _replace(page, mark, text):
 
 def _unexplained(page, compared):
     by_people = re.sub(r"<!-- \w+ -->\n.*?<!-- end -->", "", page, flags=re.DOTALL)
-    return sorted({line.row.name for line in _late(compared) if f"**{line.row.name}**" not in by_people})
+    return sorted({line.row.name for line in _lines_over(compared) if f"**{line.row.name}**" not in by_people})
 
 
 def write(root, kept):
