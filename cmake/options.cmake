@@ -2,7 +2,7 @@
 add_library(access_options INTERFACE)
 
 target_compile_options(access_options INTERFACE
-  -Wall -Wextra -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align
+  -Wall -Wextra -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wcast-align -Wmissing-declarations
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>
   -fno-omit-frame-pointer)
 
