@@ -1,6 +1,8 @@
 /* What the service counts of its connections: a ZeroMQ peer's bytes, and a connection from its accept to its close. */
 #include <chrono>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -84,6 +86,8 @@ TEST(Zmtp, CountsTheSameInWhateverPiecesTheBytesCome) {
     }
 }
 
+[[maybe_unused]] static const bool table_ready = (connection_table_init(1024), true);
+
 // Whether it comes to that; the time is what counts as never.
 static bool becomes(size_t count, int port) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(40);
@@ -96,7 +100,6 @@ static bool becomes(size_t count, int port) {
 
 TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
     constexpr int port = 60000;
-    connection_table_init(1024);
     zsock_t *service = zsock_new(ZMQ_REP);
     ASSERT_EQ(endpoint_bind(service, "127.0.0.1", port, PortKind::login), port);
     EXPECT_EQ(connection_table_count(port), 0u);
@@ -110,4 +113,26 @@ TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
     EXPECT_TRUE(becomes(0, port));
     EXPECT_EQ(connection_table_held(), 0u);
     endpoint_destroy(&service, 0);
+}
+
+TEST(ConnectionTable, KnowsWhenAPeerHasGoneBeforeItsConnectionIsClosed) {
+    sockaddr_in address = {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    auto *const generic = reinterpret_cast<sockaddr *>(&address);
+    socklen_t size = sizeof(address);
+    const int listener = socket(AF_INET, SOCK_STREAM, 0), peer = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(listener, generic, size), 0);
+    ASSERT_EQ(getsockname(listener, generic, &size), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    const int port = ntohs(address.sin_port);
+    connection_table_open_port(port, PortKind::command);
+    EXPECT_FALSE(connection_table_has_live(port));
+    ASSERT_EQ(connect(peer, generic, size), 0);
+    const int accepted = accept(listener, nullptr, nullptr);
+    EXPECT_TRUE(connection_table_has_live(port));
+    close(peer);
+    EXPECT_FALSE(connection_table_has_live(port));
+    EXPECT_EQ(connection_table_count(port), 1U);
+    close(accepted);
+    close(listener);
+    connection_table_close_port(port);
 }

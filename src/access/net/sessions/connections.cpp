@@ -12,7 +12,7 @@
 #include "net/transport/connection_table.h"
 
 // From the close of a connection to the monitor's report; the loop stands meanwhile.
-static constexpr long event_wait_ms = 10;
+static constexpr long event_wait_ms = 50;
 
 static void log_off(Client *client) {
     LOG("no other command connection opened, so auto-logoff (%s)\n", client->cl_id);
@@ -84,16 +84,19 @@ int client_monitor_event(zloop_t *loop, zmq_pollitem_t *item, void *argument) {
     return 0;
 }
 
+static bool is_monitored(const Client *client) {
+    return client != nullptr && client->cl_monitor_item.socket != nullptr;
+}
+
 static bool is_ending(const Client *client) {
-    return client != nullptr && client->cl_monitor_item.socket != nullptr && client->cl_connections > 0 &&
-           connection_table_count(client->cl_cmd_port) == 0;
+    return client->cl_connections > 0 && !connection_table_has_live(client->cl_cmd_port);
 }
 
 void settle_connections(AccessServer *server, const char *id) {
     Client *client = client_lookup(server, id);
-    while (is_ending(client)) {
+    while (is_monitored(client)) {
         zmq_pollitem_t event = client->cl_monitor_item;
-        if (zmq_poll(&event, 1, event_wait_ms) <= 0) return;
+        if (zmq_poll(&event, 1, is_ending(client) ? event_wait_ms : 0) <= 0) return;
         client_monitor_event(server->loop, &client->cl_monitor_item, client);
         client = client_lookup(server, id);
     }

@@ -16,7 +16,7 @@
 static constexpr int commands_closing_linger_ms = 50;  // the answer to a log-out must still get out
 static constexpr int events_closing_linger_ms = 0;
 
-static constexpr int closing_port_tries = 20;
+static constexpr int closing_port_tries = 100;
 static constexpr gulong closing_port_pause_us = 500;
 
 static constexpr SocketOption command_options[] = {

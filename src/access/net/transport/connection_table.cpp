@@ -362,6 +362,19 @@ size_t connection_table_count(int port) {
     return ports[port].connections;
 }
 
+static bool is_live(int descriptor) {
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    return getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && info.tcpi_state == tcp_established;
+}
+
+bool connection_table_has_live(int number) {
+    const Locked locked(lock);
+    int descriptor = ports[number].first;
+    while (descriptor != no_descriptor && !is_live(descriptor)) descriptor = connections[descriptor].next;
+    return descriptor != no_descriptor;
+}
+
 size_t connection_table_count_all() {
     const Locked locked(lock);
     return all;

@@ -81,6 +81,10 @@ void connection_table_turn();
 size_t connection_table_count(int port);
 size_t connection_table_count_all();
 
+/* Whether a connection to the port is open at both ends: one that its peer has closed is not, even before libzmq has
+ * noticed. */
+bool connection_table_has_live(int port);
+
 /* Connections that sessions have not made yet and are to find room for: two for each session. */
 size_t connection_table_count_missing();
 
