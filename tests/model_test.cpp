@@ -102,7 +102,7 @@ static std::string text_of_login(const Step &step) {
 }
 
 static std::string text_of(const Step &step) {
-    const std::string who =
+    std::string who =
         text(kind_names[static_cast<size_t>(step.kind)], ": ", step.id(), ", remote ", step.remote % 2, " ");
     const std::string pair = text(keys[step.key()], " type ", step.type());
     switch (step.kind) {
@@ -245,10 +245,10 @@ static wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const s
                                            .password = passwords[step.login() / 3 % 3],
                                            .discovery = discovery_texts[step.login() / with_text]});
     wire::Login &login = *request.mutable_login();  // any number but 0 sets a flag
-    login.set_monitor(step.how & monitor);
-    login.set_discard_my_feedback(step.how & discard_my_feedback);
-    login.set_hide_secure_info(step.how & hide_secure_info);
-    login.set_no_lock(step.how & no_lock);
+    login.set_monitor(static_cast<int32_t>(step.how & monitor));
+    login.set_discard_my_feedback(static_cast<int32_t>(step.how & discard_my_feedback));
+    login.set_hide_secure_info(static_cast<int32_t>(step.how & hide_secure_info));
+    login.set_no_lock(static_cast<int32_t>(step.how & no_lock));
     return remote.ask(step.on_command ? Channel::command : Channel::authentication, request);
 }
 

@@ -27,6 +27,7 @@ static const std::string ready = "\4\6\5READY", ping = std::string("\4\7\4PING\0
 static std::string frame_of(size_t size) { return '\0' + (static_cast<char>(size) + std::string(size, 'x')); }
 
 static const std::string endless_frame("\2\0\0\0\1\0\0\0\0", 9), empty_old("\0\0", 2);
+static const std::string long_command("\6\0\0\0\0\0\0\x20\1", 9);  // by one
 static const std::string request = delimiter + hello, request_old("\1\1\6\0hello", 9);
 static const std::string longest = delimiter + frame_of(100), too_long = delimiter + frame_of(101);
 
@@ -54,6 +55,7 @@ static const PeerCase peers[] = {
     {"too long by one",              3, {greeting_3, too_long},          false, 0, 0,   0},
     {"too long by far",              3, {greeting_3, endless_frame},     false, 0, 0,   0},
     {"version 1 without flags",      1, {identity_old, empty_old},       false, 0, 0,   0},
+    {"command too long",             3, {greeting_3, long_command},      false, 0, 0,   0},
     {"PING",                         3, {greeting_3, ping, ping},        true,  0, 0,   0},
     {"PING and another command",     3, {greeting_3, ping, ready},       true,  0, 0,   6},
 };
@@ -115,24 +117,59 @@ TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
     endpoint_destroy(&service, 0);
 }
 
+/* A connection to a port that the table knows. */
+struct AcceptedConnection {
+    int listener = socket(AF_INET, SOCK_STREAM, 0), peer = socket(AF_INET, SOCK_STREAM, 0), accepted = -1, port = 0;
+
+    explicit AcceptedConnection(PortKind kind) {
+        sockaddr_in address = {
+            .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+        auto *const generic = reinterpret_cast<sockaddr *>(&address);
+        socklen_t size = sizeof(address);
+        EXPECT_EQ(bind(listener, generic, size), 0);
+        EXPECT_EQ(getsockname(listener, generic, &size), 0);
+        EXPECT_EQ(listen(listener, 1), 0);
+        port = ntohs(address.sin_port);
+        connection_table_open_port(port, kind);
+        EXPECT_FALSE(connection_table_has_live(port));
+        EXPECT_EQ(connect(peer, generic, size), 0);
+        accepted = accept(listener, nullptr, nullptr);
+    }
+    ~AcceptedConnection() {
+        for (const int descriptor : {listener, peer, accepted}) close(descriptor);
+        connection_table_close_port(port);
+    }
+    bool takes(const std::string &bytes) const {
+        return connection_table_received(accepted, bytes.data(), bytes.size());
+    }
+};
+
 TEST(ConnectionTable, KnowsWhenAPeerHasGoneBeforeItsConnectionIsClosed) {
-    sockaddr_in address = {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-    auto *const generic = reinterpret_cast<sockaddr *>(&address);
-    socklen_t size = sizeof(address);
-    const int listener = socket(AF_INET, SOCK_STREAM, 0), peer = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(listener, generic, size), 0);
-    ASSERT_EQ(getsockname(listener, generic, &size), 0);
-    ASSERT_EQ(listen(listener, 1), 0);
-    const int port = ntohs(address.sin_port);
-    connection_table_open_port(port, PortKind::command);
-    EXPECT_FALSE(connection_table_has_live(port));
-    ASSERT_EQ(connect(peer, generic, size), 0);
-    const int accepted = accept(listener, nullptr, nullptr);
-    EXPECT_TRUE(connection_table_has_live(port));
-    close(peer);
-    EXPECT_FALSE(connection_table_has_live(port));
-    EXPECT_EQ(connection_table_count(port), 1U);
-    close(accepted);
-    close(listener);
-    connection_table_close_port(port);
+    const AcceptedConnection connection(PortKind::command);
+    EXPECT_TRUE(connection_table_has_live(connection.port));
+    shutdown(connection.peer, SHUT_RDWR);
+    EXPECT_FALSE(connection_table_has_live(connection.port));
+    EXPECT_EQ(connection_table_count(connection.port), 1U);
+}
+
+TEST(ConnectionTable, BoundsSubscriptionsHoweverTheyAreMade) {
+    constexpr size_t topic_bytes = 200;
+    const std::string topic(topic_bytes, 't');
+    const std::string as_message = std::string("\0\xc9\1", 3) + topic, as_command = "\4\xd2\11SUBSCRIBE" + topic;
+    for (const std::string &subscription : {as_message, as_command}) {
+        const AcceptedConnection connection(PortKind::event);
+        EXPECT_TRUE(connection.takes(greeting_3));
+        size_t taken = 0;
+        while (taken < subscriptions_per_connection && connection.takes(subscription)) taken += topic_bytes;
+        EXPECT_GT(taken, subscriptions_per_connection / 2);
+        EXPECT_LT(taken, subscriptions_per_connection);
+    }
+}
+
+TEST(ConnectionTable, GivesTheNextGuestThePlaceOfOneThatHasGone) {
+    constexpr int descriptor = 500, port = 60001;
+    for (size_t i = 0; i <= guests_most; i++) {
+        ASSERT_TRUE(connection_table_add(descriptor, port, INADDR_ANY)) << i;
+        connection_table_remove(descriptor);
+    }
 }

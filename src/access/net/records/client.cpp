@@ -47,7 +47,7 @@ void client_insert(AccessServer *server, Client *client) {
     g_queue_push_tail_link(&server->visitors, &client->as_visitor);
     server->visitors_bytes += client->visitor_bytes;
     while (server->visitors.length > visitors_most || server->visitors_bytes > visitors_bytes_most) {
-        forget(server, static_cast<Client *>(server->visitors.head->data));
+        forget(server, static_cast<Client *>(g_queue_peek_head(&server->visitors)));
     }
 }
 

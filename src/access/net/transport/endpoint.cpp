@@ -23,5 +23,5 @@ void endpoint_destroy(zsock_t **socket, int linger_ms) {
     const char *port = bound != nullptr ? strrchr(bound, ':') : nullptr;
     zsock_set_linger(*socket, linger_ms);
     zsock_destroy(socket);
-    if (port != nullptr) connection_table_close_port(atoi(port + 1));
+    if (port != nullptr) connection_table_close_port(static_cast<int>(strtol(port + 1, nullptr, 10)));
 }
