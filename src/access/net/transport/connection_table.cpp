@@ -63,9 +63,14 @@ struct Port {
 
 static std::mutex lock;
 static Port ports[ports_count];
-static Connection *connections = nullptr;      // by descriptor; never released, as descriptors are closed until the end
-static std::atomic<uint64_t> *sent = nullptr;  // likewise
+static Connection *connections = nullptr;  // by descriptor; never released, as descriptors are closed until the end
 static size_t capacity = 0;
+
+// By descriptor, and without the lock: most of what is closed, sent and received is no connection's, and a close must
+// come back even in a thread that has crashed under the lock.
+static std::atomic<bool> counted[most_descriptors];
+static std::atomic<uint64_t> sent[most_descriptors];
+
 static int highest = no_descriptor;
 static size_t all = 0, guests = 0, session_ports = 0, own_ports = 0;  // own_ports: session ports with a connection
 static size_t held = 0, subscribed = 0;
@@ -80,7 +85,10 @@ void connection_table_init(size_t descriptors) {
     const Locked locked(lock);
     capacity = std::min(descriptors, most_descriptors);
     connections = g_new0(Connection, capacity);
-    sent = new std::atomic<uint64_t>[capacity];
+}
+
+static bool is_counted(int descriptor) {
+    return descriptor >= 0 && static_cast<size_t>(descriptor) < most_descriptors && counted[descriptor];
 }
 
 static Connection *find(int descriptor) {
@@ -141,6 +149,7 @@ void connection_table_close_port(int number) {
         --all;
         count_nothing(connection);
         connection.port = 0;
+        counted[descriptor] = false;
     }
     port = {};
 }
@@ -179,6 +188,7 @@ bool connection_table_add(int descriptor, int number, in_addr_t address) {
     if (!own) ++guests;
     else if (port.own_connections++ == 0) ++own_ports;
     highest = std::max(highest, descriptor);
+    counted[descriptor] = true;
     return true;
 }
 
@@ -189,6 +199,7 @@ static void unlink_from(Port &port, int descriptor) {
 }
 
 void connection_table_remove(int descriptor) {
+    if (!is_counted(descriptor)) return;
     const Locked locked(lock);
     Connection *connection = find(descriptor);
     if (connection == nullptr) return;
@@ -200,6 +211,7 @@ void connection_table_remove(int descriptor) {
     if (!connection->own) --guests;
     else if (--port.own_connections == 0) --own_ports;
     connection->port = 0;
+    counted[descriptor] = false;
 }
 
 // Guests go before a session's own connections, and of either the one with the most.
@@ -238,6 +250,7 @@ static bool holds_too_much(const Connection &connection) {
 }
 
 bool connection_table_received(int descriptor, const void *bytes, size_t count) {
+    if (!is_counted(descriptor)) return true;
     const Locked locked(lock);
     Connection *connection = find(descriptor);
     if (connection == nullptr) return true;
@@ -264,9 +277,7 @@ bool connection_table_received(int descriptor, const void *bytes, size_t count) 
 }
 
 void connection_table_sent(int descriptor, size_t count) {
-    if (descriptor >= 0 && static_cast<size_t>(descriptor) < capacity) {
-        sent[descriptor].fetch_add(count, std::memory_order_relaxed);
-    }
+    if (is_counted(descriptor)) sent[descriptor].fetch_add(count, std::memory_order_relaxed);
 }
 
 void connection_table_taken(int descriptor, size_t bytes) {
