@@ -11,6 +11,7 @@
 #include "harness/texts.h"
 #include "net/transport/connection_table.h"
 #include "net/transport/endpoint.h"
+#include "net/transport/replaced_calls.h"
 #include "net/transport/zmtp.h"
 
 static constexpr ZmtpRules rules = {.longest_frame = 100, .has_envelope = true, .message_overhead = 1000};
@@ -88,7 +89,7 @@ TEST(Zmtp, CountsTheSameInWhateverPiecesTheBytesCome) {
     }
 }
 
-[[maybe_unused]] static const bool table_ready = (connection_table_init(1024), true);
+[[maybe_unused]] static const bool table_ready = (replaced_calls_init(1024), true);
 
 // Whether it comes to that; the time is what counts as never.
 static bool becomes(size_t count, int port) {
