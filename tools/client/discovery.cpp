@@ -18,7 +18,7 @@
 static constexpr guint16 discovery_port = 8004;
 static constexpr char separator = '\x1c';
 static constexpr std::string_view request_head = "@?", reply_head = "@?D", port_head = "ZMQ:";
-static constexpr size_t reply_limit_bytes = 8192;
+static constexpr size_t reply_limit_bytes = 8192, longest_reply_bytes = reply_limit_bytes - 1;
 static constexpr gint64 repeat_ms = 500;  // a datagram may get lost
 static constexpr const char *loopback_broadcast = "127.255.255.255", *limited_broadcast = "255.255.255.255";
 
@@ -94,8 +94,17 @@ static std::optional<int> parse_port(const std::string &text) {
     return port;
 }
 
+/* A reply that was too long has lost its end somewhere in the project information, and with it the last field. */
+static std::string with_end(std::string reply) {
+    constexpr size_t last_separators = discovery_field_count - 1;
+    const auto separators = static_cast<size_t>(std::count(reply.begin(), reply.end(), separator));
+    const bool is_whole = separators >= last_separators && reply.ends_with('!');
+    if (reply.size() < longest_reply_bytes || is_whole || separators < last_separators - 1) return reply;
+    return reply + separator + '!';
+}
+
 static std::optional<Device> device_from_reply(const std::string &reply) {
-    std::vector<std::string> fields = split_discovery_text(reply);
+    std::vector<std::string> fields = split_discovery_text(with_end(reply));
     join_project_info(fields);
     if (fields.size() != discovery_field_count) return std::nullopt;
     for (const int field : {field_auth_port, field_second_port}) {
