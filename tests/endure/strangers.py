@@ -65,9 +65,9 @@ def churn(bed):
                 pass
         watched.commands.recv()
         check(watched.is_served(), "the session does not work")
-        watched.commands.close()
-        watched.log_in(monitor=1)
-        check(watched.open().is_served(), "a new connection to its port does not work")
+        further = Remote(watched.id, watched.auth)
+        further.ports = watched.ports
+        check(further.is_served(), "a new connection to its port does not work")
 
 
 def endless(bed, port, count):
