@@ -9,6 +9,9 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 copy=$root/build/examples  # as a client's author has taken it away: the contract and the examples
 visit_limit_s=60
 
+# Project information as clients may write it: not ASCII, with separators, and so long that the discovery reply is cut.
+projects=('Große Halle' $'Harbour\x1cha!l\x1c' "$(printf 'é%.0s' {1..4100})")
+
 # What an example must have printed, in this order.
 expected=(
     'discovered KX8-3000, serial QM240817, at 127.0.0.1:60000; shared key 7D2E5A91C04BF368'
@@ -73,8 +76,13 @@ visit_all() {
     start_bus
     start device serving "$bin/kesto-device" --alarm-every 0.2 --change-every 0.3
     KESTO_DEBUG=1 start service zsys_catch_interrupts "$bin/kesto-access"
-    visit python /usr/bin/python3 "$copy/examples/python/client.py" || result=$failure
-    visit node node "$copy/examples/node/client.js" || result=$failure
+    for project in "${projects[@]}"; do
+        gdbus call --session -d com.quillmont.kesto.Data -o /com/quillmont/kesto/Device \
+            -m com.quillmont.kesto.Device.Control.Change /Device/Config/PROJECT_INFO "$project" string >/dev/null ||
+            complain $failure "the device does not take a project information"
+        visit python /usr/bin/python3 "$copy/examples/python/client.py" || result=$failure
+        visit node node "$copy/examples/node/client.js" || result=$failure
+    done
     return $result
 }
 

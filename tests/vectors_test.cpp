@@ -18,9 +18,10 @@ namespace pb = google::protobuf;
 using Json = nlohmann::ordered_json;  // the files keep their order
 
 static const std::string folder = VECTORS_FOLDER;
-static const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial",          "loginPort", "secondPort",
-                                   "wrappedKey", "slotMark",        "oemManufacturer",    "oemModel",  "amplifierName",
-                                   "serial",     "easySwapId",      "projectInformation", "extra"};
+static constexpr char separator = '\x1c';
+static const Texts reply_fields = {"model",      "firmwareVersion", "oemSerial", "loginPort",
+                                   "secondPort", "wrappedKey",      "slotMark",  "oemManufacturer",
+                                   "oemModel",   "amplifierName",   "serial",    "easySwapId"};
 
 static std::string hex_of(const std::string &bytes) {
     std::ostringstream hex;
@@ -62,22 +63,37 @@ struct Contract {
     }
 };
 
-// A key is wrapped differently each time: the recorded one stays when both hold the same secret.
-static Json reply_packet(std::string text, const std::string &known) {
+// Fields 1 to 12 count from the front. A client wrote the 13th, which may hold separators, and a reply may be cut in
+// it.
+static Json fields_of(const std::string &reply) {
     Json fields;
-    std::istringstream in(text.substr(3, text.size() - 4));  // between "@?D" and "!"
-    for (std::string field; const std::string &name : reply_fields)
-        fields[name] = std::getline(in, field, '|') ? field : "";
+    std::istringstream in(reply.substr(std::size("@?D") - 1));
+    for (size_t i = 0; i < 12; i++) {
+        std::string field;
+        std::getline(in, field, separator);
+        fields[reply_fields[i]] = field;
+    }
+    if (!reply.ends_with('!')) return fields;
+    const std::string rest(std::istreambuf_iterator<char>(in), {});
+    const size_t last = rest.rfind(separator);
+    fields["projectInformation"] = rest.substr(0, last);
+    fields["extra"] = rest.substr(last + 1, rest.size() - last - 2);
+    return fields;
+}
+
+// A key is wrapped differently each time: the recorded one stays when both hold the same secret.
+static Json reply_packet(std::string reply, const std::string &known) {
+    std::replace(reply.begin(), reply.end(), '|', separator);
+    Json fields = fields_of(reply);
     const KeyPair key(folder + "test_key.pem");
     const std::string fresh = fields["wrappedKey"], secret = key.unwrap(fresh);
     if (fresh != known && secret == key.unwrap(known)) {
-        text.replace(text.find(fresh), fresh.size(), known);
+        reply.replace(reply.find(fresh), fresh.size(), known);
         fields["wrappedKey"] = known;
     }
-    std::replace(text.begin(), text.end(), '|', '\x1c');
     Json packet = {
-        {"datagram", hex_of(text)},
-        {"fields",   fields      }
+        {"datagram", hex_of(reply)},
+        {"fields",   fields       }
     };
     if (!fresh.empty()) packet["sharedKey"] = secret;
     return packet;

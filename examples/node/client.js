@@ -17,8 +17,7 @@ const DISCOVERY_PORT = 8004;
 const DISCOVERY_TIMEOUT_MS = 5000;
 const LOGIN_PORT_ON_LOOPBACK = 60000; // a device that listens on 127.0.0.1 only publishes port 0
 const SEPARATOR = "\x1c";
-const FIELDS = 14;
-const [LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT] = [3, 5, 10, 12]; // of them
+const [LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT] = [3, 5, 10, 12]; // of the 14 fields, counted from 0
 
 const SERIAL_KEY = "/Device/Config/Hardware/Model/Serial";
 const PROJECT_KEY = "/Device/Config/PROJECT_INFO";
@@ -52,10 +51,12 @@ async function discover(address, clientId) {
     const [datagram, sender] = await once(udp, "message", { signal: timeout }).catch(() => {
       throw new Error(`no device answers at ${address}`);
     });
-    const fields = datagram.toString().replace(/^@\?D/, "").replace(/!$/, "").split(SEPARATOR);
-    if (fields.length < FIELDS) throw new Error(`a reply of ${fields.length} fields`);
-    // A client wrote the project information, and maybe separators with it.
-    fields.splice(PROJECT, fields.length - FIELDS + 1, fields.slice(PROJECT, -1).join(SEPARATOR));
+    const reply = datagram.toString();
+    const fields = reply.replace(/^@\?D/, "").split(SEPARATOR);
+    if (fields.length <= PROJECT) throw new Error(`a reply of ${fields.length} fields`);
+    // A client wrote the project information, and maybe separators with it; the reply is cut when it is too long.
+    const end = fields.splice(PROJECT);
+    fields.push(...(reply.endsWith("!") ? [end.slice(0, -1).join(SEPARATOR), end.at(-1).slice(0, -1)] : ["", ""]));
     const sharedKey = unwrap(privateKey, Buffer.from(fields[WRAPPED_KEY], "hex"));
     return { device: sender.address, fields, sharedKey };
   } finally {

@@ -20,8 +20,7 @@ from access_pb2 import STATUS_OK, Message, Request, Status
 DISCOVERY_PORT = 8004
 LOGIN_PORT_ON_LOOPBACK = 60000  # a device that listens on 127.0.0.1 only publishes port 0
 SEPARATOR = b"\x1c"
-FIELDS = 14
-LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT = 3, 5, 10, 12  # of them
+LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT = 3, 5, 10, 12  # of the 14 fields, counted from 0
 
 SERIAL_KEY = "/Device/Config/Hardware/Model/Serial"
 PROJECT_KEY = "/Device/Config/PROJECT_INFO"
@@ -47,10 +46,12 @@ def discover(address, client_id, timeout_s=5):
             datagram, (device, _) = udp.recvfrom(8192)
         except TimeoutError:
             raise DeviceError(f"no device answers at {address}") from None
-    reply = datagram.removeprefix(b"@?D").removesuffix(b"!").split(SEPARATOR)
-    if len(reply) < FIELDS:
+    reply = datagram.removeprefix(b"@?D").split(SEPARATOR)
+    if len(reply) <= PROJECT:
         raise DeviceError(f"a reply of {len(reply)} fields")
-    reply[PROJECT:-1] = [SEPARATOR.join(reply[PROJECT:-1])]  # a client wrote it, and maybe separators with it
+    # A client wrote the project information, and maybe separators with it; the reply is cut when it is too long.
+    whole = datagram.endswith(b"!")
+    reply[PROJECT:] = [SEPARATOR.join(reply[PROJECT:-1]), reply[-1].removesuffix(b"!")] if whole else [b"", b""]
     shared_key = pair.decrypt(bytes.fromhex(reply[WRAPPED_KEY].decode()), padding.PKCS1v15())
     return device, [field.decode(errors="replace") for field in reply], shared_key.decode()
 
