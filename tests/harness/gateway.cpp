@@ -44,12 +44,14 @@ void Gateway::start_service() {
     Texts command = options_.arguments;
     command.insert(command.begin(), KESTO_ACCESS_PROGRAM);
     service_.emplace(std::move(command), environment);
+    expect_events_of(service_->pid());
     if (options_.wait_until_up) service_->expect_log({"zsys_catch_interrupts"});
 }
 
 void Gateway::stop_service() {
     service_->expect_orderly_end();
     service_->expect_no_complaints();
+    expect_events_of(0);
     service_.reset();
 }
 
