@@ -14,9 +14,9 @@
 
 #include "harness/recording.h"
 
-static constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
-                                                      "UBSAN_OPTIONS", "TSAN_OPTIONS",      "LLVM_PROFILE_FILE",
-                                                      "GCOV_PREFIX",   "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
+static constexpr const char *inherited_variables[] = {
+    "PATH",    "ASAN_OPTIONS",      "LSAN_OPTIONS", "UBSAN_OPTIONS",     "TSAN_OPTIONS",
+    "G_SLICE", "LLVM_PROFILE_FILE", "GCOV_PREFIX",  "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
 
 static constexpr std::chrono::seconds after_failure{5};
 static constexpr size_t shown_lines = 40, shown_bytes = 200;  // of a recording, and of each of its lines
