@@ -55,11 +55,13 @@ void Gateway::stop_service() {
     service_.reset();
 }
 
-Answer Gateway::call(const char *method, GVariant *arguments) { return bus_.call(access_object, method, arguments); }
+Answer Gateway::call(const char *method, GVariant *arguments, Where where) {
+    return bus_.call(access_object, method, arguments, where);
+}
 
 void Gateway::control(const char *method, const char *arguments, Where where) {
     const Answer answer =
-        bus_.call(device_control, method, g_variant_parse(nullptr, arguments, nullptr, nullptr, nullptr));
+        bus_.call(device_control, method, g_variant_parse(nullptr, arguments, nullptr, nullptr, nullptr), where);
     if (answer != empty_reply) abandon(std::string(method) + ": " + answer.error + ": " + answer.message, where);
 }
 

@@ -48,7 +48,7 @@ class Gateway {
     void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current()) {
         service_->expect_log(messages, where);
     }
-    Answer call(const char *method, GVariant *arguments = nullptr);
+    Answer call(const char *method, GVariant *arguments = nullptr, Where where = Where::current());
 
     /* Calls a method of the device's control interface, which must succeed: control("LoadSnapshot", "(uint32 4,)"). */
     void control(const char *method, const char *arguments, Where where = Where::current());

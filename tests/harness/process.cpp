@@ -18,7 +18,7 @@ static constexpr const char *inherited_variables[] = {
     "PATH",    "ASAN_OPTIONS",      "LSAN_OPTIONS", "UBSAN_OPTIONS",     "TSAN_OPTIONS",
     "G_SLICE", "LLVM_PROFILE_FILE", "GCOV_PREFIX",  "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
 
-static constexpr std::chrono::seconds after_failure{5};
+static constexpr std::chrono::milliseconds after_failure{5000};
 static constexpr size_t shown_lines = 40, shown_bytes = 200;  // of a recording, and of each of its lines
 
 static constexpr const char *complaints[] = {
@@ -173,14 +173,18 @@ std::string Process::text(int stream) {
     return text;
 }
 
-std::optional<Exit> Process::exit_in_time(std::chrono::milliseconds at_most) {
+std::optional<Exit> Process::exit_in_time() {
+    // Where one hangs, and where the test is abandoned, as much has been waited for already.
+    static bool one_hangs = false;
+    const bool briefly = one_hangs || std::uncaught_exceptions() > 0;
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, at_most, [this] { return exit_.has_value(); });
+    changed_.wait_for(lock, briefly ? after_failure : event_timeout(), [this] { return exit_.has_value(); });
+    one_hangs = one_hangs || !exit_;
     return exit_;
 }
 
 Exit Process::wait_exit(Where where) {
-    const auto exit = exit_in_time(event_timeout());
+    const auto exit = exit_in_time();
     if (!exit) abandon(name_ + " did not end in time", where);
     exit_seen_ = true;
     return *exit;
@@ -189,8 +193,9 @@ Exit Process::wait_exit(Where where) {
 void Process::expect_orderly_end() {
     if (exit_seen_) return;
     send_signal(SIGTERM);
-    if (std::uncaught_exceptions() > 0) exit_in_time(after_failure);  // it may hang, which has been waited for already
-    else EXPECT_EQ(exit_in_time(event_timeout()), Exit{}) << name_;
+    const auto exit = exit_in_time();
+    if (std::uncaught_exceptions() > 0) return;
+    EXPECT_EQ(exit, Exit{}) << name_;
 }
 
 void Process::expect_no_complaints() {

@@ -75,7 +75,7 @@ class Process {
 
     void record(int output, int errors);
     void read_lines(int descriptor, int stream);
-    std::optional<Exit> exit_in_time(std::chrono::milliseconds at_most);
+    std::optional<Exit> exit_in_time();
     size_t wait_for(std::string_view message, const Where &where);  // the line's index
 
     std::string name_;

@@ -20,7 +20,7 @@ static std::string shown(const std::string &bytes) { return testing::PrintToStri
 
 static int32_t publish_fence(Gateway &gateway, const Where &where) {
     static int32_t channel = fence_channel_first;
-    const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel));
+    const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel), where);
     if (answer != empty_reply) abandon("the fence was not published: " + answer.message, where);
     return channel;
 }
