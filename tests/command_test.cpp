@@ -46,29 +46,9 @@ TEST(Command, ServesAndEchoesWhateverIdARequestCarries) {
         SCOPED_TRACE(id.substr(0, 20));
         wire::Message answer;
         ASSERT_TRUE(answer.ParseFromString(fixture.panel.exchange(Channel::command, {read_request(id)})));
-        EXPECT_EQ(answer.reply().client_id(), id);
+        EXPECT_TRUE(answer.reply().client_id() == id);
         EXPECT_EQ(answer.reply().value().text(), name_value);
     }
-}
-
-TEST(Command, GivesTheDiscoveryTextWithoutTheDevice) {
-    LoggedInFixture fixture;
-    EXPECT_EQ(fixture.panel.discovery_text(Channel::command),
-              "@?DKX8-3000\x1c"
-              "1.12.1.32\x1cQM240817\x1c?\x1c\x1c\x1cQM240817\x1c"
-              "4221=ON!");
-    fixture.expect_no_call();
-}
-
-TEST(Command, CountsTheChangesOfEverybody) {
-    LoggedInFixture fixture;
-    RemoteClient other("panel-2");
-    other.log_in();
-    EXPECT_EQ(fixture.panel.write(name_key, "Hall").change_count(), 1U);  // its own change included
-    EXPECT_EQ(other.multi_write(Pairs(2, {name_key, "Foyer"})).change_count(), 2U);
-    EXPECT_EQ(fixture.panel.read(name_key).change_count(), 2U);
-    EXPECT_EQ(fixture.panel.write("", "no key").change_count(), 2U);
-    EXPECT_EQ(fixture.panel.multi_write({}).change_count(), 2U);
 }
 
 // Its other connection keeps the session, which a monitored client would otherwise lose.
@@ -121,7 +101,7 @@ TEST(DataAccess, WritesWhatIsThenRead) {
     LoggedInFixture fixture;
     for (const std::string &value : {std::string(), std::string("Bühne 舞台 %s%n"), std::string(2'000'000, 'v')}) {
         EXPECT_EQ(fixture.panel.write(name_key, value).status(), wire::STATUS_OK);
-        EXPECT_EQ(fixture.panel.read(name_key).value().text(), value);
+        EXPECT_TRUE(fixture.panel.read(name_key).value().text() == value) << value.substr(0, 20);
     }
 }
 

@@ -172,7 +172,7 @@ static void expect_refused_login(const FailureCase &row, bool monitor) {
     expect_texts(gateway, row.log);
     gateway.expect_log(
         {"[AUTH] > zmq_msg_send", "free client", "remove cl_id from list of known client", "free cl_id"});
-    gateway.device().expect_call("ClientDeauthenticated", "panel-1");
+    gateway.device().expect_log({"ClientDeauthenticated ('panel-1',)"});
     EXPECT_EQ(panel.log_in({.monitor = monitor}), (Ports{62002, 63002}));
 }
 
@@ -197,7 +197,7 @@ TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
         RemoteClient panel("panel-1");
         EXPECT_EQ(panel.log_in({.monitor = true, .connect = false}), (Ports{62001, 63001}));
         expect_texts(gateway, row.log);
-        gateway.device().expect_call("ClientAuthenticated", "panel-1");  // at once: no connection was made
+        gateway.device().expect_log({"ClientAuthenticated ('panel-1',)"});  // at once: no connection was made
         expect_service_for_others();
     }
 }

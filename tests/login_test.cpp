@@ -1,4 +1,5 @@
 // Who gets in on the authentication socket, who does not, and how a client leaves.
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -37,25 +38,6 @@ TEST(Login, TakesTheTwoUsersAndNobodyElse) {
         const std::string call = row.ports == Ports{} ? "ClientDeauthenticated" : "ClientAuthenticated";
         EXPECT_EQ(gateway.audio_calls(), Texts{call + " ('" + row.id + "',)"});
     }
-}
-
-TEST(Login, SaysInTheLogWhatItDecided) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
-    EXPECT_EQ(panel.log_in({.user_name = "root", .password = "no"}), Ports{});
-    gateway.expect_log({"[AUTH] >", "[AUTH] > received * bytes", added, "[AUTH] > client: 0x*,id=panel-1",
-                        "server_auth_callback: root no 0 0 0 0 NULL",
-                        "[panel-1](0) authenticating username=[root], password=[no], monitor=[0] "
-                        "discard_my_feedback=[0], hide_secure_info=[0], no_lock=[0], ...",
-                        "user root, password no not authenticated",
-                        "Unable to authenticate with username=root and password=no", "[AUTH] > zmq_msg_send",
-                        "free client", "client free cmd port = -1, event port -1 (type: 1)", "free cl_username",
-                        "remove cl_id from list of known client", "free cl_id"});
-    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62001, 63001}));  // the record went with its user name
-    gateway.expect_log({added, "user quillmont, password tandrivel OK", "request login WITHOUT discovery message",
-                        "clientAuthenticated no_lock:0 id:panel-1",
-                        "[panel-1] authenticating username=[quillmont], password=[tandrivel] done",
-                        "[AUTH] > zmq_msg_send"});
 }
 
 TEST(Login, RenewalKeepsPortsAndFlags) {
@@ -114,14 +96,13 @@ TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
 struct LogoutCase {
     bool monitor, no_lock;
     Channel channel;
-    const char *mark, *told_id;
+    const char *told_id;
 };
-static constexpr const char *after_command = "free client because is marker as destroyble";
 static constexpr LogoutCase logouts[] = {
-    {false, false, Channel::authentication, "free client", "panel-1"   },
-    {false, true,  Channel::command,        after_command, "@localhost"},
-    {true,  false, Channel::command,        after_command, "panel-1"   },
-    {true,  true,  Channel::authentication, "free client", "@localhost"},
+    {false, false, Channel::authentication, "panel-1"   },
+    {false, true,  Channel::command,        "@localhost"},
+    {true,  false, Channel::command,        "panel-1"   },
+    {true,  true,  Channel::authentication, "@localhost"},
 };
 
 TEST(Logout, AnswersThenReleasesAndFreesTheId) {
@@ -133,14 +114,10 @@ TEST(Logout, AnswersThenReleasesAndFreesTheId) {
         EXPECT_EQ(panel.log_in({.monitor = row.monitor, .no_lock = row.no_lock}), ports);
         gateway.expect_log({added, row.monitor ? "first same connection: (panel-1) 1" : "[AUTH] > zmq_msg_send"});
         EXPECT_EQ(panel.log_out(row.channel).status(), wire::STATUS_OK);
-        gateway.expect_log(
-            {row.monitor ? "[panel-1] deauthenticating... (1)" : "[panel-1] deauthenticating... (0)", row.mark});
-        Texts expected = {"client free cmd port = " + std::to_string(ports.command) + ", event port " +
-                          std::to_string(ports.event) + " (type: 1)"};
-        if (row.monitor) expected.insert(expected.end(), {"free cl_monitor poller", "free cl_monitor"});
-        expected.insert(expected.end(), {"free cl_cmds poller", "free cl_cmds", "free cl_events", "free cl_username",
-                                         "remove cl_id from list of known client"});
-        EXPECT_EQ(gateway.service().log_until("free cl_id"), expected);
+        gateway.expect_log({"[panel-1] deauthenticating... (*)"});
+        const Texts log = gateway.service().log_until("free cl_id");
+        const auto watched = std::ranges::find(log, "free cl_cmds");  // by the monitor, which must end before
+        EXPECT_EQ(std::count(log.begin(), watched, "free cl_monitor"), row.monitor);
         wait_until_closed(ports.command++);
         wait_until_closed(ports.event++);
         const std::string told = std::string(" ('") + row.told_id + "',)";
@@ -201,7 +178,7 @@ TEST(Authentication, OffersNoDataAccess) {
     multi_write.mutable_multi_write()->add_pairs()->set_key(name_key);
     authorize.mutable_authorize()->set_key(name_key);
     for (const wire::Request &request : {read, write, multi_write, authorize}) {
-        SCOPED_TRACE(request.ShortDebugString());
+        SCOPED_TRACE(request.operation_case());
         EXPECT_EQ(fixture.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
     }
 }

@@ -5,6 +5,7 @@ import os
 import socket
 import statistics
 from contextlib import contextmanager
+from functools import partial
 
 from cases import case
 from testbed import remote
@@ -20,7 +21,6 @@ ADDRESS_SPACE = 4 << 30  # above what it has: an end to a service that takes all
 WAIT_S = 2  # beyond the call under way, on a busy machine
 ANSWER_MS = 20000  # that is given to an answer before it counts as lost
 SLOW_KEY, SLOW_S = "/Device/Config/Name", 4
-NO_OPERATION = {}
 
 
 @contextmanager
@@ -97,23 +97,17 @@ def unfinished(bed):
         bed.note("taken whole", sum(peer.offer(message) for peer in peers), "messages")
 
 
-@case("strangers-subscription", "a subscription of 60 MB", alone=True)
-def one_subscription(bed):
+def subscribe(bed, size, count):
     with attacked(bed):
         peer = RawPeer(enter("victim").ports[1], b"SUB")
-        peer.offer(zmtp_frame(b"\x01" + bytes(60_000_000)))
-        bed.call("SpeakerPresetLoadedDispatch")
-        bed.note("taken", peer.sent / MIB, "MiB")
-
-
-@case("strangers-topics", "4,000 subscriptions of 1 KB", alone=True)
-def topics(bed):
-    with attacked(bed):
-        peer = RawPeer(enter("victim").ports[1], b"SUB")
-        peer.offer(*(zmtp_frame(b"\x01" + os.urandom(1000)) for _ in range(4000)))
+        peer.offer(*(zmtp_frame(b"\x01" + os.urandom(size)) for _ in range(count)))
         for _ in range(10):
             bed.call("SpeakerPresetLoadedDispatch")
         bed.note("taken", peer.sent / MIB, "MiB")
+
+
+case("strangers-subscription", "a subscription of 60 MB", alone=True)(partial(subscribe, size=60_000_000, count=1))
+case("strangers-topics", "4,000 subscriptions of 1 KB", alone=True)(partial(subscribe, size=1000, count=4000))
 
 
 @case("strangers-event-frames", "256 MiB of frames to an event port while no event is published", alone=True)
@@ -126,20 +120,19 @@ def event_frames(bed):
 
 
 def long_ids(bed, size, count):
-    peer, answered = connect(zmq.DEALER, AUTH_PORT), 0
-    for number in range(count):
-        client_id = f"{number:08}" + "i" * (size - 100)
-        operation = {"change_count": wire.ChangeCount()} if number % 2 else NO_OPERATION
-        peer.send_multipart([b"", request(client_id, **operation)], copy=False)
-        answered += len(peer.recv_multipart()[-1]) > 0
-    bed.note("with content", answered, f"of {count}")
+    with attacked(bed):
+        peer, answered = connect(zmq.DEALER, AUTH_PORT), 0
+        for number in range(count):
+            client_id = f"{number:08}" + "i" * (size - 100)
+            operation = {"change_count": wire.ChangeCount()} if number % 2 else {}
+            peer.send_multipart([b"", request(client_id, **operation)], copy=False)
+            answered += len(peer.recv_multipart()[-1]) > 0
+        bed.note("with content", answered, f"of {count}")
 
 
 for mib, how_many in ((1, 200), (10, 60)):
-    def of_size(bed, size=mib * MIB, count=how_many):
-        with attacked(bed):
-            long_ids(bed, size, count)
-    case(f"strangers-ids-{mib}", f"{how_many} ids of {mib} MiB without a login are not kept", alone=True)(of_size)
+    case(f"strangers-ids-{mib}", f"{how_many} ids of {mib} MiB without a login are not kept", alone=True)(
+        partial(long_ids, size=mib * MIB, count=how_many))
 
 
 @case("strangers-datagrams", "20,000 datagrams with ids of 8 KB", alone=True)

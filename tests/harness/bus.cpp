@@ -21,7 +21,7 @@ Bus::Bus() : daemon_({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--
     connection_.reset(connection);
 }
 
-Answer Bus::call(const BusObject &object, const char *method, GVariant *arguments) {
+Answer Bus::call(const BusObject &object, const char *method, GVariant *arguments, Where where) {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         connection_.get(), object.name, object.path, object.interface, method, arguments, nullptr,
@@ -30,6 +30,8 @@ Answer Bus::call(const BusObject &object, const char *method, GVariant *argument
         g_autofree char *text = g_variant_print(reply, FALSE);
         return {text, "", ""};
     }
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+        abandon(std::string(method) + " of " + object.name + " got no answer", where);
     g_autofree char *name = g_dbus_error_get_remote_error(error);
     g_dbus_error_strip_remote_error(error);
     return {"", name != nullptr ? name : g_quark_to_string(error->domain), error->message};

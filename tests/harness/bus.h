@@ -33,8 +33,9 @@ class Bus {
 
     const std::string &address() const { return address_; }
 
-    /* Takes over a floating `arguments`; NULL stands for (). No answer within event_timeout() is an error as well. */
-    Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr);
+    /* Takes over a floating `arguments`; NULL stands for (). An answer, be it an error, must come. */
+    Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr,
+                Where where = Where::current());
 
     void end();  // kills the bus daemon
 

@@ -34,6 +34,7 @@ class Discovery {
 
   private:
     int socket_;
+    std::string last_sent_;
 };
 
 /* An RSA key of 2048 bits. */

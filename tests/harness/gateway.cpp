@@ -44,20 +44,24 @@ void Gateway::start_service() {
     Texts command = options_.arguments;
     command.insert(command.begin(), KESTO_ACCESS_PROGRAM);
     service_.emplace(std::move(command), environment);
+    expect_events_of(service_->pid());
     if (options_.wait_until_up) service_->expect_log({"zsys_catch_interrupts"});
 }
 
 void Gateway::stop_service() {
     service_->expect_orderly_end();
     service_->expect_no_complaints();
+    expect_events_of(0);
     service_.reset();
 }
 
-Answer Gateway::call(const char *method, GVariant *arguments) { return bus_.call(access_object, method, arguments); }
+Answer Gateway::call(const char *method, GVariant *arguments, Where where) {
+    return bus_.call(access_object, method, arguments, where);
+}
 
 void Gateway::control(const char *method, const char *arguments, Where where) {
     const Answer answer =
-        bus_.call(device_control, method, g_variant_parse(nullptr, arguments, nullptr, nullptr, nullptr));
+        bus_.call(device_control, method, g_variant_parse(nullptr, arguments, nullptr, nullptr, nullptr), where);
     if (answer != empty_reply) abandon(std::string(method) + ": " + answer.error + ": " + answer.message, where);
 }
 

@@ -1,8 +1,8 @@
 /* gateway.h - one whole gateway for one test: a bus, the simulated device and the access service, the real programs.
  *
  * At its end the service gets SIGTERM, unless the test has seen its exit (service().wait_exit()), and must end with
- * status 0; it must not have complained either (Process::expect_no_complaints). The recordings are printed when the
- * test has failed. The service's ports and files are fixed, so that a test has one gateway at a time. */
+ * status 0; it must not have complained either (Process::expect_no_complaints). The service's ports and files are
+ * fixed, so that a test has one gateway at a time. */
 #pragma once
 
 #include <initializer_list>
@@ -25,16 +25,6 @@ struct GatewayOptions {
     bool wait_until_up = true;     // false for a service that logs nothing or does not come up
 };
 
-struct Device : Process {
-    using Process::Process;
-
-    /* A call to the audio service with that client id. The data service's calls are expected with expect_log:
-     * "Write (0, '/Device/Config/Name', 'Hall')". */
-    void expect_call(const std::string &method, const std::string &client_id, Where where = Where::current()) {
-        expect_log({method + " ('" + client_id + "',)"}, where);
-    }
-};
-
 /* The files in which the service describes the device. A gateway removes them at its start and at its end. */
 Texts discovery_files();
 
@@ -45,7 +35,7 @@ class Gateway {
 
     Bus &bus() { return bus_; }
     Process &service() { return *service_; }
-    Device &device() { return *device_; }
+    Process &device() { return *device_; }  // traces each call: "Write (0, '/Device/Config/Name', 'Hall')"
 
     /* As the gateway's options say. The program must not be running. */
     void start_service();
@@ -58,7 +48,7 @@ class Gateway {
     void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current()) {
         service_->expect_log(messages, where);
     }
-    Answer call(const char *method, GVariant *arguments = nullptr);
+    Answer call(const char *method, GVariant *arguments = nullptr, Where where = Where::current());
 
     /* Calls a method of the device's control interface, which must succeed: control("LoadSnapshot", "(uint32 4,)"). */
     void control(const char *method, const char *arguments, Where where = Where::current());
@@ -73,6 +63,5 @@ class Gateway {
   private:
     GatewayOptions options_;
     Bus bus_;
-    std::optional<Device> device_;
-    std::optional<Process> service_;
+    std::optional<Process> device_, service_;
 };

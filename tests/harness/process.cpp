@@ -2,8 +2,10 @@
  * all its output has been read. */
 #include "harness/process.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,9 +14,12 @@
 
 #include "harness/recording.h"
 
-static constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
-                                                      "UBSAN_OPTIONS", "TSAN_OPTIONS",      "LLVM_PROFILE_FILE",
-                                                      "GCOV_PREFIX",   "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
+static constexpr const char *inherited_variables[] = {
+    "PATH",    "ASAN_OPTIONS",      "LSAN_OPTIONS", "UBSAN_OPTIONS",     "TSAN_OPTIONS",
+    "G_SLICE", "LLVM_PROFILE_FILE", "GCOV_PREFIX",  "GCOV_PREFIX_STRIP", "LD_LIBRARY_PATH"};
+
+static constexpr std::chrono::milliseconds after_failure{5000};
+static constexpr size_t shown_lines = 40, shown_bytes = 200;  // of a recording, and of each of its lines
 
 static constexpr const char *complaints[] = {
     "CRITICAL **", "WARNING **", "Sanitizer",     "runtime error:",
@@ -37,6 +42,18 @@ static bool matches(std::string_view text, std::string_view pattern) {
         if (matches(text.substr(at), rest)) return true;
     return false;
 }
+
+static std::vector<Process *> living;  // of ours
+
+// Behind each failure: what the programs have printed last.
+struct NewsPrinter : testing::EmptyTestEventListener {
+    void OnTestPartResult(const testing::TestPartResult &result) override {
+        if (result.failed())
+            for (Process *process : living) std::cout << process->news() << std::flush;
+    }
+};
+[[maybe_unused]] static const bool news_are_printed =
+    (testing::UnitTest::GetInstance()->listeners().Append(new NewsPrinter), true);
 
 std::ostream &operator<<(std::ostream &out, const Exit &exit) {
     if (exit.signal != 0) return out << "killed by signal " << exit.signal;
@@ -63,17 +80,31 @@ Process::Process(Texts command, Environment environment)
                                   &errors, &error))
         throw Abandoned(error->message);
     reader_ = std::thread(&Process::record, this, output, errors);
+    if (name_.starts_with("kesto-")) living.push_back(this);
 }
 
 Process::~Process() {
     send_signal(SIGKILL);
     reader_.join();
     waitpid(pid_, nullptr, 0);
-    keep_recording(text(STDERR_FILENO));
-    if (!testing::Test::HasFailure() && std::uncaught_exceptions() == 0) return;
-    std::cout << "---- " << name_ << ", " << *exit_ << "\n";
-    for (const Line &line : lines_) std::cout << line.text << '\n';
-    std::cout << "----\n" << std::flush;
+    const std::string file = keep_recording(text(STDERR_FILENO));
+    const bool ours = std::erase(living, this) == 1;
+    if (!ours || (!testing::Test::HasFailure() && std::uncaught_exceptions() == 0)) return;
+    std::cout << news() << "---- " << name_ << ", " << *exit_ << (file.empty() ? "" : "; all of its log: " + file)
+              << std::endl;
+}
+
+std::string Process::news() {
+    const std::lock_guard lock(mutex_);
+    std::string news;
+    const size_t first = std::max(told_, lines_.size() - std::min(lines_.size(), shown_lines));
+    if (told_ < lines_.size())
+        news = "---- " + name_ + ", line " + std::to_string(first + 1) + " to " + std::to_string(lines_.size()) + "\n";
+    for (told_ = first; told_ < lines_.size(); told_++) {
+        const std::string &line = lines_[told_].text;
+        news += line.substr(0, shown_bytes) + (line.size() > shown_bytes ? " ...\n" : "\n");
+    }
+    return news;
 }
 
 void Process::record(int output, int errors) {
@@ -108,10 +139,12 @@ size_t Process::wait_for(std::string_view message, const Where &where) {
         return next < lines_.size();
     };
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, event_timeout(), [&] { return found() || exit_; });
+    comes([&](auto at_most) { return changed_.wait_for(lock, at_most, [&] { return found() || exit_; }); });
     if (next < lines_.size()) return next;
-    abandon(name_ + (exit_ ? " ended without the line \"" : " did not print in time: \"") + std::string(message) + '"',
-            where);
+    const std::string since = cursor_ > 0 ? " after \"" + lines_[cursor_ - 1].text.substr(0, shown_bytes) + '"' : "";
+    const char *const what = exit_ ? " ended without the line \"" : " did not print in time: \"";
+    lock.unlock();  // for the news
+    abandon(name_ + what + std::string(message.substr(0, shown_bytes)) + '"' + since, where);
 }
 
 void Process::expect_log(std::initializer_list<std::string_view> messages, Where where) {
@@ -141,8 +174,12 @@ std::string Process::text(int stream) {
 }
 
 std::optional<Exit> Process::exit_in_time() {
+    // Where one hangs, and where the test is abandoned, as much has been waited for already.
+    static bool one_hangs = false;
+    const bool briefly = one_hangs || std::uncaught_exceptions() > 0;
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, event_timeout(), [this] { return exit_.has_value(); });
+    changed_.wait_for(lock, briefly ? after_failure : event_timeout(), [this] { return exit_.has_value(); });
+    one_hangs = one_hangs || !exit_;
     return exit_;
 }
 
@@ -156,12 +193,20 @@ Exit Process::wait_exit(Where where) {
 void Process::expect_orderly_end() {
     if (exit_seen_) return;
     send_signal(SIGTERM);
-    EXPECT_EQ(exit_in_time(), Exit{}) << name_;
+    const auto exit = exit_in_time();
+    if (std::uncaught_exceptions() > 0) return;
+    EXPECT_EQ(exit, Exit{}) << name_;
 }
 
 void Process::expect_no_complaints() {
-    const std::lock_guard lock(mutex_);
-    for (const Line &line : lines_)
+    std::istringstream lines(text(STDOUT_FILENO) + text(STDERR_FILENO));
+    std::string found;
+    size_t left = 0;  // of the lines that may belong to a complaint
+    for (std::string line; std::getline(lines, line);) {
         for (const char *complaint : complaints)
-            if (line.text.find(complaint) != line.text.npos) ADD_FAILURE() << name_ << " complained: " << line.text;
+            if (left == 0 && line.find(complaint) != line.npos) left = shown_lines;
+        if (left > 0) found += line + '\n';
+        left -= left > 0;
+    }
+    if (!found.empty()) ADD_FAILURE() << name_ << " complained:\n" << found;
 }

@@ -35,7 +35,7 @@ class Process {
   public:
     /* The program's environment is `environment`, the search path and the settings of sanitizers and coverage. */
     Process(Texts command, Environment environment);
-    ~Process();  // kills the program if it still runs; prints the recording when the test has failed
+    ~Process();  // kills the program if it still runs
 
     /* Waits for these messages in this order; others may stand between them. */
     void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
@@ -52,12 +52,16 @@ class Process {
     /* All that was printed on STDOUT_FILENO or STDERR_FILENO until now; after wait_exit, all that it printed. */
     std::string text(int stream);
 
+    /* The last lines that it has not given before. They are printed behind each failure. */
+    std::string news();
+
     /* The process id stays reserved as long as this object lives, so that a signal cannot reach another process. */
     pid_t pid() const { return pid_; }
     void send_signal(int number) { kill(pid_, number); }
     Exit wait_exit(Where where = Where::current());
 
-    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit. Records a failure, never throws. */
+    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit or been abandoned. Records a failure,
+     * never throws. */
     void expect_orderly_end();
 
     /* Fails when a line is a complaint of GLib, CZMQ, a sanitizer or assert. */
@@ -81,6 +85,7 @@ class Process {
     std::vector<Line> lines_;   // guarded by mutex_
     std::optional<Exit> exit_;  // guarded by mutex_; set after the last line
     size_t cursor_ = 0;
+    size_t told_ = 0;  // guarded by mutex_; the end of the last news
     bool exit_seen_ = false;
     std::thread reader_;
 };

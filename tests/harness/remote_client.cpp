@@ -15,9 +15,12 @@ std::ostream &operator<<(std::ostream &out, const Ports &ports) {
     return out << "commands " << ports.command << ", events " << ports.event;
 }
 
+// A message in short.
+static std::string shown(const std::string &bytes) { return testing::PrintToString(bytes.substr(0, 100)); }
+
 static int32_t publish_fence(Gateway &gateway, const Where &where) {
     static int32_t channel = fence_channel_first;
-    const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel));
+    const Answer answer = gateway.call("Dispatch", g_variant_new("(idi)", alarm_code, 0.0, ++channel), where);
     if (answer != empty_reply) abandon("the fence was not published: " + answer.message, where);
     return channel;
 }
@@ -43,13 +46,15 @@ RemoteClient::Socket RemoteClient::connect(int type, int port) const {
 }
 
 static std::optional<std::string> receive_frame(void *socket, std::chrono::milliseconds at_most = event_timeout()) {
-    const int receive_ms = static_cast<int>(at_most.count());
-    zmq_setsockopt(socket, ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
     zmq_msg_t frame;
     zmq_msg_init(&frame);
+    const auto receive = [&](std::chrono::milliseconds wait) {
+        const int receive_ms = static_cast<int>(wait.count());
+        zmq_setsockopt(socket, ZMQ_RCVTIMEO, &receive_ms, sizeof receive_ms);
+        return zmq_msg_recv(&frame, socket, 0) >= 0;
+    };
     std::optional<std::string> bytes;
-    if (zmq_msg_recv(&frame, socket, 0) >= 0)
-        bytes.emplace(static_cast<char *>(zmq_msg_data(&frame)), zmq_msg_size(&frame));
+    if (comes(receive, at_most)) bytes.emplace(static_cast<char *>(zmq_msg_data(&frame)), zmq_msg_size(&frame));
     EXPECT_FALSE(bytes && zmq_msg_more(&frame) != 0) << "a message of several frames";
     zmq_msg_close(&frame);
     return bytes;
@@ -66,7 +71,10 @@ void RemoteClient::send(Channel channel, const Texts &frames, Where where) {
 std::string RemoteClient::exchange(Channel channel, const Texts &frames, Where where) {
     send(channel, frames, where);
     const auto answer = receive_frame(socket_of(channel));
-    if (!answer) abandon(id_ + " got no reply", where);
+    if (!answer) {
+        const char *const socket = channel == Channel::command ? "command" : "authentication";
+        abandon(id_.substr(0, 50) + " got no reply on the " + socket + " socket to " + shown(frames[0]), where);
+    }
     return *answer;
 }
 
@@ -77,7 +85,7 @@ wire::Reply RemoteClient::ask(Channel channel, wire::Request request, Where wher
     *sent.mutable_request() = request;
     const std::string bytes = exchange(channel, {sent.SerializeAsString()}, where);
     if (!received.ParseFromString(bytes) || !received.has_reply())
-        abandon(id_ + " got something that is no reply", where);
+        abandon(id_ + " asked " + shown(sent.SerializeAsString()) + " and got no reply but " + shown(bytes), where);
     EXPECT_EQ(received.reply().client_id(), request.client_id());
     EXPECT_EQ(received.reply().sequence(), request.sequence());
     return received.reply();
@@ -170,14 +178,14 @@ std::optional<wire::Message> RemoteClient::hear(std::chrono::milliseconds at_mos
 
 wire::Message RemoteClient::must_hear(const Where &where) {
     const auto message = hear(event_timeout());
-    if (!message) abandon(id_ + " hears no event", where);
+    if (!message) abandon(id_ + " hears no event on port " + std::to_string(ports_.event), where);
     return *message;
 }
 
 void RemoteClient::subscribe(Gateway &gateway, Where where) {
     int32_t sent = 0, seen = 0;
     for (const auto end = deadline(); seen == 0;) {
-        if (Clock::now() > end) abandon(id_ + " hears no event", where);
+        if (Clock::now() > end) abandon(id_ + " hears nothing on port " + std::to_string(ports_.event), where);
         sent = publish_fence(gateway, where);
         if (const auto message = hear(resend_after)) seen = fence_in(*message);
     }

@@ -97,7 +97,8 @@ class Copy:
 
     def run(self, *command, limit_s=None):
         """The status with which it ends; None when it does not end in time."""
-        settings = {"GTEST_FAIL_FAST": "1", "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1",
+        settings = {"GTEST_FAIL_FAST": "1", "G_SLICE": "always-malloc",
+                    "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1",
                     "TSAN_OPTIONS": f"suppressions={self.root}/tests/tsan.supp:halt_on_error=1:second_deadlock_stack=1"}
         with self.log_path.open("ab", buffering=0) as log:
             log.write(f"\n$ {shlex.join(command)}\n".encode())
