@@ -41,8 +41,7 @@ def wait_until(condition, what, patience_s=PATIENCE_S, pause_s=0.005):
 
 
 def tcp_sockets(state):
-    """This network's TCP sockets in a state: (port, the peer's port, bytes that the peer has not acknowledged) each. Nobody has
-    to connect to them for it."""
+    """This network's TCP sockets in a state: (port, the peer's port, bytes that the peer has not acknowledged) each."""
     lines = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
     return [(int(local.split(":")[1], 16), int(far.split(":")[1], 16), int(queues.split(":")[0], 16))
             for _, local, far, in_state, queues, *_ in lines if in_state == state]

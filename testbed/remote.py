@@ -219,8 +219,8 @@ class Pace:
 
     with Pace() as pace: ... ; latencies_s = pace.end()
 
-    At the moment of each request it calls `ping`, something that the machine does without the service; pings_s then tells
-    how long that took, and behind_s how much later the answer came."""
+    With each request it calls `ping`, which does without the service; pings_s then tells how long that took, and behind_s
+    how much later the answer came."""
 
     def __init__(self, client_id="well-behaved", period_s=0.01, ping=lambda: None):
         ready, self.results = multiprocessing.Event(), multiprocessing.SimpleQueue()

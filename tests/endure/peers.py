@@ -20,7 +20,6 @@ FLOOD_S = 10
 PING = (SERVICE[0], "/", "org.freedesktop.DBus.Peer")  # answered by the library, in its turn
 RESTRICTED = {"user": "quillmont", "password": "tandrivel"}
 LOGIN = {"user_name": "quillmont", "password": "tandrivel"}
-LONGEST_S = 300
 
 
 def beside(target, *arguments):
@@ -80,7 +79,6 @@ def begin_reports(bed, seconds):
 
 @case("peers-reports", "a stop does not wait for programs of the device that report events without a pause", alone=True)
 def reports(bed):
-    """No call to the device is under way, so that it waits for nothing else."""
     begin_reports(bed, 2 * FLOOD_S)
     time.sleep(FLOOD_S)
     bed.check_stop(LONGEST_STOP_S)
@@ -225,7 +223,7 @@ def leave_untaken(bed, port, frame, count, *last, word):
     """Sends requests until the device has been told that the last one was carried out, or the connection is over."""
     peer = RawPeer(port, receive_bytes=4096)
     peer.offer(*itertools.repeat(frame, count), *map(zmtp_request, last))
-    wait_until(lambda: word in bed.role_log("device") or not peer.is_open(), f"the end of {peer.sent} bytes", LONGEST_S)
+    wait_until(lambda: word in bed.role_log("device") or not peer.is_open(), f"the end of {peer.sent} bytes", 300)
     return peer
 
 

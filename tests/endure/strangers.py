@@ -53,7 +53,6 @@ def attacked(bed, call_s=0):
 
 
 def read_directly(bed):
-    """Reads a key of the device as the service does, without it."""
     bed.call("Read", "(us)", EXACT, A_KEY, target=DATA)
 
 
