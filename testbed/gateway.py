@@ -18,6 +18,7 @@ TICKS_PER_S = os.sysconf("SC_CLK_TCK")
 NOBODY = 65534  # root's threads are not counted; this user's are, over the whole machine
 ESTABLISHED, LISTENING = "01", "0A"  # states in /proc/net/tcp
 SERVICE = ("com.quillmont.kesto.Access", "/com/quillmont/kesto/Access", "com.quillmont.kesto.Access.Service")
+DATA = ("com.quillmont.kesto.Data", "/com/quillmont/kesto/Data", "com.quillmont.kesto.Data.Service")
 CONTROL = ("com.quillmont.kesto.Data", "/com/quillmont/kesto/Device", "com.quillmont.kesto.Device.Control")
 
 
@@ -40,15 +41,14 @@ def wait_until(condition, what, patience_s=PATIENCE_S, pause_s=0.005):
 
 
 def tcp_sockets(state):
-    """This network's TCP sockets in a state: (port, bytes that the peer has not acknowledged) each. Nobody has to connect to
-    them for it."""
+    """This network's TCP sockets in a state: (port, the peer's port, bytes that the peer has not acknowledged) each."""
     lines = [line.split() for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
-    return [(int(local.split(":")[1], 16), int(queues.split(":")[0], 16))
-            for _, local, _, in_state, queues, *_ in lines if in_state == state]
+    return [(int(local.split(":")[1], 16), int(far.split(":")[1], 16), int(queues.split(":")[0], 16))
+            for _, local, far, in_state, queues, *_ in lines if in_state == state]
 
 
 def is_listening(port):
-    return any(port == other for other, _ in tcp_sockets(LISTENING))
+    return any(port == other for other, _, _ in tcp_sockets(LISTENING))
 
 
 def _text(path):

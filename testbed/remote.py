@@ -12,7 +12,7 @@ from pathlib import Path
 
 import zmq
 
-from testbed.gateway import AUTH_PORT, Failure, check
+from testbed.gateway import AUTH_PORT, ESTABLISHED, Failure, check, tcp_sockets
 
 HOST, DISCOVERY_PORT = "127.0.0.1", 8004
 ANSWER_MS = 60000
@@ -205,6 +205,11 @@ class RawPeer:
             received += piece
         return True
 
+    def is_open(self):
+        """Whether the service still has its end of the connection, whatever of it has come here."""
+        own_port = self.socket.getsockname()[1]
+        return any(far == own_port for _, far, _ in tcp_sockets(ESTABLISHED))
+
     def close(self):
         self.socket.close()
 
@@ -212,40 +217,49 @@ class RawPeer:
 class Pace:
     """A well-behaved client in a process of its own, which reads a key every `period_s` while the caller does its worst.
 
-    with Pace() as pace: ... ; latencies_s = pace.end()"""
+    with Pace() as pace: ... ; latencies_s = pace.end()
 
-    def __init__(self, client_id="well-behaved", period_s=0.01):
+    With each request it calls `ping`, which does without the service; pings_s then tells how long that took, and behind_s
+    how much later the answer came."""
+
+    def __init__(self, client_id="well-behaved", period_s=0.01, ping=lambda: None):
         ready, self.results = multiprocessing.Event(), multiprocessing.SimpleQueue()
-        self.over, self.id = multiprocessing.Event(), client_id
+        self.over, self.id, self.ping = multiprocessing.Event(), client_id, ping
         self.process = multiprocessing.Process(target=self._run, args=(period_s, ready), daemon=True)
         self.process.start()
         check(ready.wait(ANSWER_MS / 1000), f"{client_id} could not log in")
 
     def _run(self, period_s, ready):
         client = enter(self.id)
-        ports, latencies_s, wrong = client.ports, [], 0
+        ports, times_s, wrong = client.ports, [], 0
+        self.ping()
         ready.set()
         while not self.over.is_set():
             begin = time.monotonic()
             try:
-                wrong += not client.is_served()
+                client.commands.send(request(self.id, read=wire.Read(key=A_KEY, flags=EXACT)))
+                self.ping()
+                pinged = time.monotonic()
+                wrong += wire.Message.FromString(client.commands.recv()).reply.value.text != A_VALUE
             except zmq.ZMQError:
                 wrong += 1
                 break
-            latencies_s.append(time.monotonic() - begin)
+            end = time.monotonic()
+            times_s.append((end - begin, pinged - begin, end - pinged))
             self.over.wait(period_s)
         try:
             wrong += client.log_in() != ports  # the session is still the one of the beginning
             client.log_out()
         except (zmq.ZMQError, Failure):
             wrong += 1
-        self.results.put((latencies_s, wrong))
+        self.results.put((times_s, wrong))
 
     def end(self):
         """How long each answer took. A Failure when one was wrong or missing, or the session is another."""
         self.over.set()
-        latencies_s, wrong = self.results.get()
+        times_s, wrong = self.results.get()
         check(wrong == 0, f"{self.id} had {wrong} wrong or missing answers")
+        latencies_s, self.pings_s, self.behind_s = zip(*times_s)
         return latencies_s
 
     def __enter__(self):

@@ -16,10 +16,11 @@ class Case(TestBed):
         self.notes[what] = [round(value, 3) if isinstance(value, float) else value, unit]
         return value
 
-    def check_stop(self):
+    def check_stop(self, longest_s=60):
         status, seconds = self.stop()
         self.note("stop", 1000 * seconds, "ms")
         check(status == 0, f"it ended with {self.last_words()}")
+        check(seconds < longest_s, f"the stop took {seconds:.1f} s")
 
 
 def case(name, shows, alone=False, bed=Case, **settings):

@@ -62,6 +62,8 @@ def leave(connections, clients=()):
         connection.close()
     for client in clients:
         client.log_out()
+    if clients:
+        clients[0].auth.close()  # which they shared
 
 
 def descriptors(bed):

@@ -262,7 +262,7 @@ def clock(bed):
 
 def unacknowledged(state, port):
     """Of this side's sockets at a port in a state: the bytes that the peer has not acknowledged."""
-    return [count for local, count in tcp_sockets(state) if local == port]
+    return [count for local, _, count in tcp_sockets(state) if local == port]
 
 
 def enter_network(pid):

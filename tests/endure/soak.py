@@ -36,7 +36,7 @@ def count(what):
 
 def sessions_open():
     """Each listens on two ports."""
-    return sum(port in SESSION_PORTS for port, _ in tcp_sockets(LISTENING)) // 2
+    return sum(port in SESSION_PORTS for port, _, _ in tcp_sockets(LISTENING)) // 2
 
 
 def visit(number, auth, rng):

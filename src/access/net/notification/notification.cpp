@@ -13,6 +13,7 @@
 
 static constexpr int32_t broadcast_alarm_code = 40;
 static constexpr int not_encoded = -1;
+static constexpr gint64 delivery_us = 33000;  // of one tick: as long as the next one is away
 
 using OwnedEvent = std::unique_ptr<BusEvent, ByPointer<bus_event_free>>;
 
@@ -83,8 +84,11 @@ int server_mq_timer(zloop_t *, int, void *argument) {
         LOG("priv->mq == NULL\n");
         return 0;
     }
-    // What is queued meanwhile waits for the next tick, or a busy device would keep the loop from all else.
-    for (int left = g_async_queue_length(priv->mq); left > 0; --left) {
+    // What is queued meanwhile, or finds no time, waits for the next tick, or a busy device would keep the loop from
+    // all else.
+    int left = g_async_queue_length(priv->mq);
+    if (left == 0) return 0;
+    for (const gint64 end = g_get_monotonic_time() + delivery_us; left > 0 && g_get_monotonic_time() < end; --left) {
         const OwnedEvent event{bus_event_try_pop(priv->mq)};
         if (!event) break;
         if (event->kind == BUS_EVENT_STOP) {

@@ -41,6 +41,7 @@ struct Client {
     int32_t cl_cmd_port;          /* no_port when there is no session */
     int32_t cl_event_port;        /* no_port when there is no session */
     uint32_t cl_connections;      /* open on cl_cmds, as counted by the monitor */
+    uint32_t cl_accepted;         /* of which it has told, open or not */
     uint32_t discard_my_feedback; /* 1: not told of its own writes; 0 or 1 like the next two, fixed in a session */
     uint32_t hide_secure_info;
     uint32_t no_lock;

@@ -25,6 +25,7 @@ static void log_off(Client *client) {
 static void connection_accepted(Client *client) {
     LOG("%s socket\n", monitor_accepted);
     client->cl_connections += 1;
+    client->cl_accepted += 1;
     if (client->cl_connections == 1) {
         LOG("first same connection: (%s) %u\n", client->cl_id, client->cl_connections);
         audio_client_authenticated(client);
@@ -88,8 +89,11 @@ static bool is_monitored(const Client *client) {
     return client != nullptr && client->cl_monitor_item.socket != nullptr;
 }
 
+// It had a connection and has none any more; the monitor may not even have told that there was one.
 static bool is_ending(const Client *client) {
-    return client->cl_connections > 0 && !connection_table_has_live(client->cl_cmd_port);
+    const int port = client->cl_cmd_port;
+    const bool had_one = client->cl_connections > 0 || connection_table_count_accepted(port) > client->cl_accepted;
+    return had_one && !connection_table_has_live(port);
 }
 
 void settle_connections(AccessServer *server, const char *id) {

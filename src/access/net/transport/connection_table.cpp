@@ -54,6 +54,7 @@ struct Port {
     in_addr_t owner;
     int first;  // connection
     size_t connections, own_connections;
+    uint32_t accepted;  // since it was opened
     // Bytes, up to now, and before the last turn in which there were any.
     uint64_t published, published_before;
     uint32_t published_turn;
@@ -183,6 +184,7 @@ bool connection_table_add(int descriptor, int number, in_addr_t address) {
         .port = number, .next = port.first, .address = address, .own = own, .published_seen = port.published};
     port.first = descriptor;
     ++port.connections;
+    ++port.accepted;
     ++port.accepted_in_turn[own];
     ++all;
     if (!own) ++guests;
@@ -384,6 +386,11 @@ bool connection_table_has_live(int number) {
     int descriptor = ports[number].first;
     while (descriptor != no_descriptor && !is_live(descriptor)) descriptor = connections[descriptor].next;
     return descriptor != no_descriptor;
+}
+
+uint32_t connection_table_count_accepted(int port) {
+    const Locked locked(lock);
+    return ports[port].accepted;
 }
 
 size_t connection_table_count_all() {

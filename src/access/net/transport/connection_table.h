@@ -81,6 +81,9 @@ void connection_table_turn();
 size_t connection_table_count(int port);
 size_t connection_table_count_all();
 
+/* Connections that the port has had since it was opened. */
+uint32_t connection_table_count_accepted(int port);
+
 /* Whether a connection to the port is open at both ends: one that its peer has closed is not, even before libzmq has
  * noticed. */
 bool connection_table_has_live(int port);
