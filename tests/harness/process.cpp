@@ -19,6 +19,7 @@ static constexpr const char *inherited_variables[] = {"PATH",          "ASAN_OPT
 static constexpr const char *complaints[] = {
     "CRITICAL **", "WARNING **", "Sanitizer",     "runtime error:",
     "Assertion",   "dangling",   "[libprotobuf ", "terminate called after",
+    "pass phrase", " routines:",
 };
 
 static std::string_view message_of(std::string_view line) {
