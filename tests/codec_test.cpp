@@ -1,4 +1,5 @@
 // The codec through its C interface, with messages of the wire contract as a client sends and reads them.
+#include <malloc.h>
 #include <memory>
 #include <string>
 
@@ -69,9 +70,10 @@ TEST_F(Codec, RefusesWhatIsNotARequest) {
          {""s, a_reply, a_read + a_reply, cut_short, cut_short + '\xff', "no message"s, a_number})
         expect_decoded(bytes, -1);
 
-    // Requests that lack their last byte, which is a text: a client id, key, value, pair, password, discovery text,
-    // question.
-    for (const char *text : {"\n\003\n\001", "\n\005Z\003\n\001", "\n\005b\003\022\001", "\n\007j\005\n\003\022\001",
+    // Requests that lack their last byte, which is a text: a client id, the key of a read, the key and the value of a
+    // write and of a pair, a user name, password and discovery text, a question.
+    for (const char *text : {"\n\003\n\001", "\n\005Z\003\n\001", "\n\005b\003\n\001", "\n\005b\003\022\001",
+                             "\n\007j\005\n\003\n\001", "\n\007j\005\n\003\022\001", "\n\005R\003\n\001",
                              "\n\005R\003\022\001", "\n\005R\003:\001", "\n\005r\003\022\001"})
         expect_decoded(text + "\0"s, -1);
 
@@ -104,6 +106,14 @@ TEST_F(Codec, ShowsNothingOfTheRequestBefore) {
     EXPECT_EQ(reply.sequence(), 0U);
 }
 
+// A handle keeps the room of its last use, but nothing that grows with each.
+TEST_F(Codec, KeepsNoUnknownFields) {
+    const std::string unknown_text = "\332\001\350\007" + std::string(1000, 'x');  // field 27
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i) expect_decoded("\n\0"s + unknown_text, 0);
+    EXPECT_LT(mallinfo2().uordblks, before + 500'000) << "bytes in use after a million of unknown ones";
+}
+
 TEST_F(Codec, EchoesTheAskerAndServesOnlyWhatIsInstalled) {
     request.set_client_id("panel-1");
     request.set_sequence(UINT64_MAX);
@@ -127,6 +137,7 @@ TEST_F(Codec, ReadsValuesAndMasksSecrets) {
         {"/a/Name",           "'box'",                          0, "s box"                        },
         {"/a/Name",           "<'box'>",                        0, "s box"                        },
         {"/a/Name",           "<<'box'>>",                      0, "v <'box'>"                    },
+        {"/a/Number",         "uint32 7",                       0, "u 7"                          },
         {"/a",                "<{'/a/Pin': '1', '/a/b': '2'}>", 0, "a{ss} /a/Pin=1;/a/b=2;"       },
         {"/a",                "<{'/a/Pin': '1', '/a/b': '2'}>", 1, "a{ss} /a/Pin=********;/a/b=2;"},
         {"/a/Pin",            "@a{ss} {}",                      1, "a{ss} "                       },

@@ -103,6 +103,7 @@ static constexpr SlotCase slots[] = {
     {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
     {"3",  "slotid: 3 +",                          "+", "DKX8-3000_P" },
     {"4",  "not supported retcode for slotid: 4",  "?", "DKX8-3000_ND"},
+    {"II", "KESTO_SLOT_ID is not used: *",         "?", "DKX8-3000_ND"},
     {"-1", "not supported retcode for slotid: -1", "?", "DKX8-3000_ND"},
 };
 
@@ -200,21 +201,22 @@ static const std::string of_a_device =
     "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
 static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
 static const RequestCase requests[] = {
-    {"nothing in it",         "",                                 false, bad_length + "(0)"        },
-    {"too short",             "@!",                               false, bad_length + "(2)"        },
-    {"wrong first byte",      "!?panel!",                         false, bad_frame + "(8 ! ? !)"   },
-    {"wrong second byte",     "@!panel!",                         false, bad_frame + "(8 @ ! !)"   },
-    {"wrong last byte",       "@?panel",                          false, bad_frame + "(7 @ ? l)"   },
-    {"an end behind it",      "@?panel!\n",                       false, bad_frame + "(9 @ ? *"    },
-    {"cut before its mark",   too_long,                           false, bad_frame + "(8191 @ ? x)"},
-    {"a device's own reply",  of_a_device,                        false, of_a_device_log           },
-    {"the shortest",          "@?!",                              true,  id_added                  },
-    {"the longest",           discovery_request(longest_id),      true,  id_added + longest_id     },
-    {"a separator in the id", discovery_request("pa\x1cnel\x1c"), true,  id_added + "pa\x1cnel\x1c"},
-    {"an end mark in the id", discovery_request("pa!nel"),        true,  id_added + "pa"           },
-    {"a NUL in the id",       discovery_request(nul_in_it),       true,  id_added + "nul"          },
-    {"not UTF-8",             discovery_request("pa\xffnel\xc3"), true,  id_added + "pa\xffnel\xc3"},
-    {"a format as id",        discovery_request("%s%n%d"),        true,  id_added + "%s%n%d"       },
+    {"nothing in it",     "",                       false,                            bad_length + "(0)"      },
+    {"too short",         "@!",                     false,                            bad_length + "(2)"      },
+    {"wrong first byte",  "!?panel!",               false,                            bad_frame + "(8 ! ? !)" },
+    {"wrong second byte", "@!panel!",               false,                            bad_frame + "(8 @ ! !)" },
+    {"wrong last byte",   "@?panel",                false,                            bad_frame + "(7 @ ? l)" },
+    {"an end behind it",  "@?panel!\n",             false,                            bad_frame + "(9 @ ? *"  },
+    {"a NUL behind it",   std::string("@?panel!\0", 9),                               false,                    bad_frame + "(9 @ ? ?)"},
+    {"cut before its mark",                   too_long,                       false,                             bad_frame + "(8191 @ ? x)"                         },
+    {"a device's own reply",                   of_a_device,                      false,                         of_a_device_log},
+    {"the shortest",                   "@?!",                              true,                                       id_added                                },
+    {"the longest",                   discovery_request(longest_id),                               true,                id_added + longest_id},
+    {"a separator in the id",                   discovery_request("pa\x1cnel\x1c"),                     true, id_added + "pa\x1cnel\x1c"                           },
+    {"an end mark in the id",                   discovery_request("pa!nel"),                     true,        id_added + "pa"},
+    {"a NUL in the id",                   discovery_request(nul_in_it),                           true,             id_added + "nul"                          },
+    {"not UTF-8",                   discovery_request("pa\xffnel\xc3"),                                 true,             id_added + "pa\xffnel\xc3"},
+    {"a format as id",                   discovery_request("%s%n%d"),                            true,               id_added + "%s%n%d"                                 },
 };
 
 TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {

@@ -202,6 +202,12 @@ TEST(AMonitorThatCannotBeStarted, LeavesASessionWithoutOne) {
     }
 }
 
+TEST(ASignal, WaitsUntilAMonitorHasStarted) {
+    Gateway gateway(failing("zactor_new:1:15"));
+    EXPECT_EQ(RemoteClient("panel-1").log_in({.monitor = true}), (Ports{62001, 63001}));
+    gateway.expect_log({"end zmq mainloop: 0"});
+}
+
 static const FailureCase impaired_monitors[] = {
     {"zactor_sock:1", {"cl_monitor actor does not have socket", "MONITOR", "first same connection: (panel-1) 1"}},
     {"zmsg_recv:1",   {"client monitor event 62001", "first same connection: (panel-1) 1"}                      },

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/discovery.h"
 #include "harness/logged_in_fixture.h"
 
 using namespace std::chrono_literals;
@@ -64,6 +65,7 @@ TEST(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
         EXPECT_EQ(reply.has_value() ? reply.value().text() : std::to_string(reply.write().result()), row.answer);
         EXPECT_EQ(reply.multi_write().results_size(), 0);
         fixture.gateway.expect_log({row.log});
+        Discovery().find("panel-3");  // reads as well
         fixture.expect_recovery(row.fault);
     }
 }

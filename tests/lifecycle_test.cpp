@@ -49,6 +49,7 @@ static const SignalCase stop_signals[] = {
     {"SIGINT",                up,           {SIGINT}                  },
     {"SIGINT while stopping", up,           {SIGTERM, SIGINT, SIGTERM}},
     {"SIGTERM in the start",  in_the_start, {SIGTERM}                 },
+    {"SIGINT in the start",   in_the_start, {SIGINT}                  },
 };
 
 TEST(Stop, ComesOrderlyByASignal) {

@@ -106,15 +106,17 @@ TEST(Rights, WriteNothingWhenOneOfManyKeysIsListed) {
 struct QuestionCase {
     uint32_t operation;
     const char *key;
-    bool recursive, allowed;
+    uint32_t recursive;
+    bool allowed;
 };
 static constexpr QuestionCase questions[] = {
-    {2, "/",        false, true },
-    {2, "/",        true,  false},
-    {4, serial_key, false, false},
-    {8, serial_key, true,  true },
-    {3, name_key,   false, false},
-    {8, "",         false, false},
+    {2, "/",        0, true },
+    {2, "/",        1, false},
+    {2, "/",        2, false},
+    {4, serial_key, 0, false},
+    {8, serial_key, 1, true },
+    {3, name_key,   0, false},
+    {8, "",         0, false},
 };
 
 TEST(Rights, CanBeAskedFor) {

@@ -174,13 +174,18 @@ def hung_start(bed):
     bed.expect_end(0, "bus killed", number=0)
 
 
-@fault("fault-bus-mute", "a bus that accepts and never answers ends the start with its own status", device=None, start=False)
+@fault("fault-bus-mute", "a bus that never answers, or too few descriptors, end the start with its own status", device=None,
+       start=False)
 def mute_bus(bed):
     bed.bus.send_signal(signal.SIGSTOP)
-    for label, within_s, number in (("given up after", CALL_S, 0), ("SIGTERM", 1, signal.SIGTERM)):
+    for label, within_s, number in (("given up after", CALL_S, 0), ("SIGTERM", 1, signal.SIGTERM),
+                                    ("SIGINT", 1, signal.SIGINT)):
         bed.start_program(wait=False)
         wait_until(lambda: bed.figures()["threads"] > 2, "it is connecting")
         bed.expect_end(within_s, label, 255, number)
+    bed.nofile = 7
+    bed.start_program(wait=False)
+    bed.expect_end(0, "7 descriptors", 255, 0)
 
 
 @fault("fault-bus-frozen", "with a bus that stopped answering a call fails in its time, and SIGTERM waits for one")

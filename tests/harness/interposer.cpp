@@ -1,9 +1,11 @@
 /* A library that is loaded before the others (LD_PRELOAD) and makes a call of the service fail.
  *
- * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail.
+ * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail; with "zloop_poller:2:15" its thread gets the
+ * signal 15 first, and it does not fail.
  * Only calls from the program itself count, not those from its libraries. */
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -39,14 +41,13 @@ static bool from_program(const void *caller) {
 struct FailingCall {
     char name[64];
     long number;
+    int signal;
 };
 
 static FailingCall read_setting() {
-    FailingCall failing = {"", 0};
+    FailingCall failing = {"", 0, 0};
     const char *setting = getenv("KESTO_FAIL");
-    if (setting == nullptr || sscanf(setting, "%63[^:]:", failing.name) != 1) return failing;
-    const char *number = strchr(setting, ':');
-    if (number != nullptr) failing.number = strtol(number + 1, nullptr, 10);
+    if (setting != nullptr) sscanf(setting, "%63[^:]:%ld:%d", failing.name, &failing.number, &failing.signal);
     return failing;
 }
 
@@ -54,7 +55,8 @@ static bool fails(const char *name, const void *caller) {
     static const FailingCall failing = read_setting();
     static std::atomic<long> count = 0;
     if (strcmp(name, failing.name) != 0 || !from_program(caller)) return false;
-    return ++count == failing.number;
+    if (++count != failing.number) return false;
+    return failing.signal == 0 || raise(failing.signal) != 0;
 }
 
 template <typename Function>

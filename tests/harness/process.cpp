@@ -24,6 +24,7 @@ static constexpr size_t shown_lines = 40, shown_bytes = 200;  // of a recording,
 static constexpr const char *complaints[] = {
     "CRITICAL **", "WARNING **", "Sanitizer",     "runtime error:",
     "Assertion",   "dangling",   "[libprotobuf ", "terminate called after",
+    "pass phrase", " routines:",
 };
 
 static std::string_view message_of(std::string_view line) {

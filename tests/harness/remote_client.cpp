@@ -149,7 +149,7 @@ wire::Reply RemoteClient::multi_write(const Pairs &pairs, Where where) {
     return ask(Channel::command, request, where);
 }
 
-wire::Reply RemoteClient::authorize(uint32_t operation, const std::string &key, bool recursive, Where where) {
+wire::Reply RemoteClient::authorize(uint32_t operation, const std::string &key, uint32_t recursive, Where where) {
     wire::Request request;
     request.mutable_authorize()->set_operation(operation);
     request.mutable_authorize()->set_key(key);

@@ -51,7 +51,8 @@ class RemoteClient {
     wire::Reply write(const std::string &key, const OptionalText &value, uint32_t type = 0,
                       Where where = Where::current());
     wire::Reply multi_write(const Pairs &pairs, Where where = Where::current());
-    wire::Reply authorize(uint32_t operation, const std::string &key, bool recursive, Where where = Where::current());
+    wire::Reply authorize(uint32_t operation, const std::string &key, uint32_t recursive,
+                          Where where = Where::current());
 
     std::string discovery_text(Channel channel, Where where = Where::current());
 
