@@ -8,6 +8,7 @@
 #include <iterator>
 #include <regex>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -87,11 +88,13 @@ static const DeviceCase devices[] = {
 };
 
 TEST(Discovery, DescribesTheDevice) {
+    umask(022);
     for (const DeviceCase &row : devices) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.environment = row.environment});
         EXPECT_EQ(all_files(), row.files);
         EXPECT_EQ(discovery_files().size(), std::size(file_names));
+        EXPECT_EQ(std::filesystem::status(path_of("serial")).permissions(), std::filesystem::perms{0644});
         gateway.service().rewind();
         for (const char *name : file_names)
             gateway.expect_log({"writing on " + path_of(name) + ": '" + content_of(name) + "'"});
@@ -105,6 +108,19 @@ TEST(Discovery, DescribesTheDevice) {
         panel.log_in();
         EXPECT_EQ(text_for(panel, Channel::authentication), row.text);
         EXPECT_EQ(text_for(panel, Channel::command), row.text);
+    }
+}
+
+static const std::pair<const char *, const char *> settings_with_a_file[] = {
+    {"hw_serial",  "serial"    },
+    {"hw_model",   "hw_model"  },
+    {"oem_serial", "oem_serial"},
+};
+
+TEST(Discovery, TakesAnEmptySettingAsItIs) {
+    for (const auto &[setting, file] : settings_with_a_file) {
+        Gateway gateway({.environment = {{setting, ""}}});
+        EXPECT_EQ(content_of(file), "");
     }
 }
 
@@ -176,8 +192,10 @@ TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
         gateway.expect_log({std::string(name) == "hw_model"
                                 ? "writing on " + path_of(name) + ": 'KX8-3000'"
                                 : "file " + path_of(name) + " already exist I not update it"});
+    std::filesystem::remove(path_of("serial"));
     RemoteClient panel("panel-1");
     EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
+    EXPECT_FALSE(std::filesystem::exists(path_of("serial")));  // a start writes them, not a request
 }
 
 TEST(Discovery, WritesNoFileThroughALink) {
@@ -229,6 +247,7 @@ static const RequestCase requests[] = {
     {"a device's own reply",  of_a_device,                        false, of_a_device_log           },
     {"the shortest",          "@?!",                              true,  id_added                  },
     {"the longest",           discovery_request(longest_id),      true,  id_added + longest_id     },
+    {"an id like a port",     discovery_request("ZMQ:60000"),     true,  id_added + "ZMQ:60000"    },
     {"a separator in the id", discovery_request("pa\x1cnel\x1c"), true,  id_added + "pa\x1cnel\x1c"},
     {"an end mark in the id", discovery_request("pa!nel"),        true,  id_added + "pa"           },
     {"a NUL in the id",       discovery_request(nul_in_it),       true,  id_added + "nul"          },
@@ -245,6 +264,10 @@ TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
         gateway.expect_log({row.log});
         if (!row.answered) gateway.service().expect_no_log_before(id_added + "*", "[DISCOVERY] received id=[fence]");
     }
+    for (const char *address : {"127.0.0.2", "127.255.255.255"}) {
+        Discovery(address).send(discovery_request(address));
+        gateway.expect_log({id_added + address});
+    }
 }
 
 static constexpr int visitors_most = 1024;  // clients that are remembered without a session
@@ -254,7 +277,7 @@ static std::string visitor(int number) { return "visitor-" + std::to_string(numb
 TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
     Gateway gateway;
     Discovery discovery;
-    for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i));
+    for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i), i == 0 ? KeyPair().public_pem() : "");
     discovery.find(visitor(0));
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
     discovery.find(visitor(visitors_most));
@@ -263,6 +286,9 @@ TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
     gateway.expect_log({"[DISCOVERY] client: visitor-1024 already discovered*"});
     discovery.find(visitor(1));  // the second oldest is still there
     gateway.expect_log({"[DISCOVERY] client: visitor-1 already discovered*"});
+    discovery.find(visitor(0));
+    gateway.expect_log({id_added + visitor(0)});
+    for (int i = 0; i < 600; i++) discovery.find(visitor(i) + std::string(8000, 'i'));  // they hold more than 4 MiB
     discovery.find(visitor(0));
     gateway.expect_log({id_added + visitor(0)});
 }

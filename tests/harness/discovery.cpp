@@ -13,8 +13,8 @@
 static constexpr int discovery_port = 8004;
 static constexpr char separator = '\x1c';
 
-static int open_socket() {
-    const int descriptor = connected_socket(SOCK_DGRAM, discovery_port);
+static int open_socket(const std::string &address) {
+    const int descriptor = connected_socket(SOCK_DGRAM, discovery_port, address);
     const timeval at_most = {.tv_sec = event_timeout() / std::chrono::seconds(1), .tv_usec = 0};
     if (setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &at_most, sizeof at_most) != 0)
         throw Abandoned("no UDP socket for the test");
@@ -35,7 +35,7 @@ std::string discovery_request(std::string_view id, std::string_view public_key) 
     return request += '!';
 }
 
-Discovery::Discovery() : socket_(open_socket()) {}
+Discovery::Discovery(const std::string &address) : socket_(open_socket(address)) {}
 
 Discovery::~Discovery() { close(socket_); }
 
