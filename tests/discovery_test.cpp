@@ -93,7 +93,6 @@ TEST(Discovery, DescribesTheDevice) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.environment = row.environment});
         EXPECT_EQ(all_files(), row.files);
-        EXPECT_EQ(discovery_files().size(), std::size(file_names));
         EXPECT_EQ(std::filesystem::status(path_of("serial")).permissions(), std::filesystem::perms{0644});
         gateway.service().rewind();
         for (const char *name : file_names)
@@ -111,16 +110,10 @@ TEST(Discovery, DescribesTheDevice) {
     }
 }
 
-static const std::pair<const char *, const char *> settings_with_a_file[] = {
-    {"hw_serial",  "serial"    },
-    {"hw_model",   "hw_model"  },
-    {"oem_serial", "oem_serial"},
-};
-
 TEST(Discovery, TakesAnEmptySettingAsItIs) {
-    for (const auto &[setting, file] : settings_with_a_file) {
+    for (const std::string setting : {"hw_serial", "hw_model", "oem_serial"}) {
         Gateway gateway({.environment = {{setting, ""}}});
-        EXPECT_EQ(content_of(file), "");
+        EXPECT_EQ(content_of(setting == "hw_serial" ? "serial" : setting.c_str()), "");
     }
 }
 
@@ -128,12 +121,10 @@ struct SlotCase {
     const char *id, *log, *mark, *full_model;
 };
 static constexpr SlotCase slots[] = {
-    {"0",  "slotid: 0 ?",                          "?", "DKX8-3000_ND"},
-    {"1",  "slotid: 1 -",                          "-", "DKX8-3000_ND"},
-    {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
-    {"3",  "slotid: 3 +",                          "+", "DKX8-3000_P" },
-    {"4",  "not supported retcode for slotid: 4",  "?", "DKX8-3000_ND"},
-    {"-1", "not supported retcode for slotid: -1", "?", "DKX8-3000_ND"},
+    {"1", "slotid: 1 -",                         "-", "DKX8-3000_ND"},
+    {"2", "slotid: 2 D",                         "D", "DKX8-3000"   },
+    {"3", "slotid: 3 +",                         "+", "DKX8-3000_P" },
+    {"4", "not supported retcode for slotid: 4", "?", "DKX8-3000_ND"},
 };
 
 TEST(Discovery, NamesTheSlotAndTheModelInIt) {
@@ -237,12 +228,8 @@ static const std::string of_a_device =
     "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
 static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
 static const RequestCase requests[] = {
-    {"nothing in it",         "",                                 false, bad_length + "(0)"        },
     {"too short",             "@!",                               false, bad_length + "(2)"        },
     {"wrong first byte",      "!?panel!",                         false, bad_frame + "(8 ! ? !)"   },
-    {"wrong second byte",     "@!panel!",                         false, bad_frame + "(8 @ ! !)"   },
-    {"wrong last byte",       "@?panel",                          false, bad_frame + "(7 @ ? l)"   },
-    {"an end behind it",      "@?panel!\n",                       false, bad_frame + "(9 @ ? *"    },
     {"cut before its mark",   too_long,                           false, bad_frame + "(8191 @ ? x)"},
     {"a device's own reply",  of_a_device,                        false, of_a_device_log           },
     {"the shortest",          "@?!",                              true,  id_added                  },
@@ -252,7 +239,6 @@ static const RequestCase requests[] = {
     {"an end mark in the id", discovery_request("pa!nel"),        true,  id_added + "pa"           },
     {"a NUL in the id",       discovery_request(nul_in_it),       true,  id_added + "nul"          },
     {"not UTF-8",             discovery_request("pa\xffnel\xc3"), true,  id_added + "pa\xffnel\xc3"},
-    {"a format as id",        discovery_request("%s%n%d"),        true,  id_added + "%s%n%d"       },
 };
 
 TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
@@ -264,10 +250,8 @@ TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
         gateway.expect_log({row.log});
         if (!row.answered) gateway.service().expect_no_log_before(id_added + "*", "[DISCOVERY] received id=[fence]");
     }
-    for (const char *address : {"127.0.0.2", "127.255.255.255"}) {
-        Discovery(address).send(discovery_request(address));
-        gateway.expect_log({id_added + address});
-    }
+    Discovery("127.255.255.255").send(discovery_request("from one to all"));
+    gateway.expect_log({id_added + "from one to all"});
 }
 
 static constexpr int visitors_most = 1024;  // clients that are remembered without a session
@@ -282,8 +266,6 @@ TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
     discovery.find(visitor(visitors_most));
     gateway.expect_log({id_added + visitor(visitors_most)});
-    discovery.find(visitor(visitors_most));
-    gateway.expect_log({"[DISCOVERY] client: visitor-1024 already discovered*"});
     discovery.find(visitor(1));  // the second oldest is still there
     gateway.expect_log({"[DISCOVERY] client: visitor-1 already discovered*"});
     discovery.find(visitor(0));

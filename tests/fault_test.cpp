@@ -153,9 +153,7 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
 // Four keys are asked for, one after the other: in the start, or for a discovery request after a start without device.
 TEST(Stop, WhileTheIdentityIsReadWaitsForOneCallOnly) {
     for (const bool in_the_start : {true, false}) {
-        SCOPED_TRACE(in_the_start);
-        Gateway gateway({.with_device = false, .with_service = false, .wait_until_up = !in_the_start});
-        if (!in_the_start) gateway.start_service();
+        Gateway gateway({.with_device = false, .with_service = !in_the_start, .wait_until_up = !in_the_start});
         gateway.start_device();
         gateway.set_fault("read=late:1000");
         if (in_the_start) gateway.start_service();

@@ -2,7 +2,7 @@
  *
  * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail; with "zloop_poller:2:stop" SIGTERM comes in
  * front of that call, which takes its course. "tell" makes none fail and prints the 2nd and 3rd argument of each.
- * Only calls from the program itself count, not those from its libraries. */
+ * Only calls from the program itself count, not those from its libraries, but for the one that a monitor ends with. */
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -59,11 +59,11 @@ static FailingCall read_setting() {
 static bool fails(const char *name, uintptr_t second, uintptr_t third, const void *caller) {
     static const FailingCall failing = read_setting();
     static std::atomic<long> count = 0;
-    if (!from_program(caller)) return false;
+    if (!from_program(caller) && strcmp(name, "zmq_socket_monitor") != 0) return false;
     if (strcmp(failing.name, "tell") == 0)
         fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
     if (strcmp(name, failing.name) != 0 || ++count != failing.number) return false;
-    if (failing.stops) kill(getpid(), SIGTERM);
+    if (failing.stops) kill(getpid(), SIGTERM), usleep(600'000);  // whoever waits for this thread is interrupted
     return !failing.stops;
 }
 
@@ -109,7 +109,6 @@ FAIL_WITH(zsock_set_linger, null)
 FAIL_WITH(zsock_set_rcvtimeo, null)
 FAIL_WITH(zsock_set_tcp_keepalive, null)
 FAIL_WITH(zactor_new, null)
-FAIL_WITH(zactor_destroy, null)
 FAIL_WITH(zactor_sock, null)
 FAIL_WITH(zactor_resolve, null)
 FAIL_WITH(zstr_sendx, minus_one)
@@ -117,6 +116,7 @@ FAIL_WITH(zstr_send, minus_one)
 FAIL_WITH(zmsg_recv, null)
 FAIL_WITH(zmsg_popstr, null)
 FAIL_WITH(zmq_poll, minus_one)
+FAIL_WITH(zmq_socket_monitor, minus_one)
 FAIL_WITH(zmq_msg_recv, minus_one)
 FAIL_WITH(zmq_msg_send, minus_one)
 FAIL_WITH(BIO_new_mem_buf, null)
