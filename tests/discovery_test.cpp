@@ -8,6 +8,7 @@
 #include <iterator>
 #include <regex>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -81,11 +82,12 @@ static const DeviceCase devices[] = {
 };
 
 TEST(Discovery, DescribesTheDevice) {
+    umask(022);
     for (const DeviceCase &row : devices) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.environment = row.environment});
         EXPECT_EQ(all_files(), row.files);
-        EXPECT_EQ(discovery_files().size(), std::size(file_names));
+        EXPECT_EQ(std::filesystem::status(path_of("serial")).permissions(), std::filesystem::perms{0644});
         EXPECT_EQ(Discovery().find("panel-1"), row.reply);
         RemoteClient panel("panel-1");
         panel.log_in();
@@ -94,17 +96,22 @@ TEST(Discovery, DescribesTheDevice) {
     }
 }
 
+TEST(Discovery, TakesAnEmptySettingAsItIs) {
+    for (const std::string setting : {"hw_serial", "hw_model", "oem_serial"}) {
+        Gateway gateway({.environment = {{setting, ""}}});
+        EXPECT_EQ(content_of(setting == "hw_serial" ? "serial" : setting.c_str()), "");
+    }
+}
+
 struct SlotCase {
     const char *id, *log, *mark, *full_model;
 };
 static constexpr SlotCase slots[] = {
-    {"0",  "slotid: 0 ?",                          "?", "DKX8-3000_ND"},
-    {"1",  "slotid: 1 -",                          "-", "DKX8-3000_ND"},
-    {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
-    {"3",  "slotid: 3 +",                          "+", "DKX8-3000_P" },
-    {"4",  "not supported retcode for slotid: 4",  "?", "DKX8-3000_ND"},
-    {"II", "KESTO_SLOT_ID is not used: *",         "?", "DKX8-3000_ND"},
-    {"-1", "not supported retcode for slotid: -1", "?", "DKX8-3000_ND"},
+    {"1",  "slotid: 1 -",                         "-", "DKX8-3000_ND"},
+    {"2",  "slotid: 2 D",                         "D", "DKX8-3000"   },
+    {"3",  "slotid: 3 +",                         "+", "DKX8-3000_P" },
+    {"4",  "not supported retcode for slotid: 4", "?", "DKX8-3000_ND"},
+    {"II", "KESTO_SLOT_ID is not used: *",        "?", "DKX8-3000_ND"},
 };
 
 TEST(Discovery, NamesTheSlotAndTheModelInIt) {
@@ -158,8 +165,10 @@ TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
     std::filesystem::remove(path_of("hw_model"));
     gateway.start_service();
     EXPECT_EQ(all_files(), "as it was" + std::string(plain_files).substr(8));
+    std::filesystem::remove(path_of("serial"));
     RemoteClient panel("panel-1");
     EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
+    EXPECT_FALSE(std::filesystem::exists(path_of("serial")));  // a start writes them, not a request
 }
 
 TEST(Discovery, WritesNoFileThroughALink) {
@@ -201,22 +210,18 @@ static const std::string of_a_device =
     "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
 static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
 static const RequestCase requests[] = {
-    {"nothing in it",     "",                       false,                            bad_length + "(0)"      },
-    {"too short",         "@!",                     false,                            bad_length + "(2)"      },
-    {"wrong first byte",  "!?panel!",               false,                            bad_frame + "(8 ! ? !)" },
-    {"wrong second byte", "@!panel!",               false,                            bad_frame + "(8 @ ! !)" },
-    {"wrong last byte",   "@?panel",                false,                            bad_frame + "(7 @ ? l)" },
-    {"an end behind it",  "@?panel!\n",             false,                            bad_frame + "(9 @ ? *"  },
-    {"a NUL behind it",   std::string("@?panel!\0", 9),                               false,                    bad_frame + "(9 @ ? ?)"},
-    {"cut before its mark",                   too_long,                       false,                             bad_frame + "(8191 @ ? x)"                         },
-    {"a device's own reply",                   of_a_device,                      false,                         of_a_device_log},
-    {"the shortest",                   "@?!",                              true,                                       id_added                                },
-    {"the longest",                   discovery_request(longest_id),                               true,                id_added + longest_id},
-    {"a separator in the id",                   discovery_request("pa\x1cnel\x1c"),                     true, id_added + "pa\x1cnel\x1c"                           },
-    {"an end mark in the id",                   discovery_request("pa!nel"),                     true,        id_added + "pa"},
-    {"a NUL in the id",                   discovery_request(nul_in_it),                           true,             id_added + "nul"                          },
-    {"not UTF-8",                   discovery_request("pa\xffnel\xc3"),                                 true,             id_added + "pa\xffnel\xc3"},
-    {"a format as id",                   discovery_request("%s%n%d"),                            true,               id_added + "%s%n%d"                                 },
+    {"too short",            "@!",                     false,                            bad_length + "(2)"         },
+    {"wrong first byte",     "!?panel!",               false,                            bad_frame + "(8 ! ? !)"    },
+    {"cut before its mark",  too_long,                 false,                            bad_frame + "(8191 @ ? x)" },
+    {"a device's own reply", of_a_device,              false,                            of_a_device_log            },
+    {"the shortest",         "@?!",                    true,                             id_added                   },
+    {"a NUL behind it",      std::string("@?panel!\0", 9),                               false,                       bad_frame + "(9 @ ? ?)"},
+    {"the longest",                      discovery_request(longest_id),                                  true,                id_added + longest_id     },
+    {"an id like a port",                      discovery_request("ZMQ:60000"),                            true,         id_added + "ZMQ:60000"},
+    {"a separator in the id",                      discovery_request("pa\x1cnel\x1c"),                        true, id_added + "pa\x1cnel\x1c" },
+    {"an end mark in the id",                      discovery_request("pa!nel"),                        true,        id_added + "pa"      },
+    {"a NUL in the id",                      discovery_request(nul_in_it),                              true,             id_added + "nul"},
+    {"not UTF-8",                      discovery_request("pa\xffnel\xc3"),                                    true,             id_added + "pa\xffnel\xc3"},
 };
 
 TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
@@ -228,6 +233,8 @@ TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
         gateway.expect_log({row.log});
         if (!row.answered) gateway.service().expect_no_log_before(id_added + "*", "[DISCOVERY] received id=[fence]");
     }
+    Discovery("127.255.255.255").send(discovery_request("from one to all"));
+    gateway.expect_log({id_added + "from one to all"});
 }
 
 static constexpr int visitors_most = 1024;  // clients that are remembered without a session
@@ -237,15 +244,16 @@ static std::string visitor(int number) { return "visitor-" + std::to_string(numb
 TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
     Gateway gateway;
     Discovery discovery;
-    for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i));
+    for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i), i == 0 ? KeyPair().public_pem() : "");
     discovery.find(visitor(0));
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
     discovery.find(visitor(visitors_most));
     gateway.expect_log({id_added + visitor(visitors_most)});
-    discovery.find(visitor(visitors_most));
-    gateway.expect_log({"[DISCOVERY] client: visitor-1024 already discovered*"});
     discovery.find(visitor(1));  // the second oldest is still there
     gateway.expect_log({"[DISCOVERY] client: visitor-1 already discovered*"});
+    discovery.find(visitor(0));
+    gateway.expect_log({id_added + visitor(0)});
+    for (int i = 0; i < 600; i++) discovery.find(visitor(i) + std::string(8000, 'i'));  // they hold more than 4 MiB
     discovery.find(visitor(0));
     gateway.expect_log({id_added + visitor(0)});
 }

@@ -151,14 +151,18 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
     fixture.gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "stopped access"});
 }
 
-// The start asks for four keys, one after the other.
-TEST(Stop, InTheStartWaitsForOneCallOnly) {
-    Gateway gateway({.with_service = false, .wait_until_up = false});
-    gateway.set_fault("read=late:300");
-    gateway.start_service();
-    gateway.device().expect_log({"Read (uint32 8192, *"});
-    gateway.service().send_signal(SIGTERM);
-    gateway.expect_log({"NOT POSSIBLE COMPUTE STATIC DISCOVERY", "end zmq mainloop: 0", "stopped access"});
-    const std::string trace = gateway.device().text(STDOUT_FILENO);
-    EXPECT_EQ(trace.find("Read ("), trace.rfind("Read ("));
+// Four keys are asked for, one after the other: in the start, or for a discovery request after a start without device.
+TEST(Stop, WhileTheIdentityIsReadWaitsForOneCallOnly) {
+    for (const bool in_the_start : {true, false}) {
+        Gateway gateway({.with_device = false, .with_service = !in_the_start, .wait_until_up = !in_the_start});
+        gateway.start_device();
+        gateway.set_fault("read=late:1000");
+        if (in_the_start) gateway.start_service();
+        else Discovery().send(discovery_request("panel-1"));
+        gateway.device().expect_log({"Read (uint32 8192, *"});
+        gateway.service().send_signal(SIGTERM);
+        gateway.expect_log({"end zmq mainloop: 0", "stopped access"});
+        const std::string trace = gateway.device().text(STDOUT_FILENO);
+        EXPECT_EQ(trace.find("Read ("), trace.rfind("Read (")) << trace;
+    }
 }

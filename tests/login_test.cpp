@@ -23,7 +23,6 @@ static const CredentialsCase credentials[] = {
     {"empty password",           "root",       "",           {}            },
     {"part of a password",       "root",       "vorm",       {}            },
     {"password of the other",    "root",       "tandrivel",  {}            },
-    {"unknown user",             "admin",      "vormi",      {}            },
     {"user only",                "root",       std::nullopt, {}            },
     {"password only",            std::nullopt, "vormi",      {}            },
     {"first user",               "root",       "vormi",      {62002, 63002}},
@@ -59,7 +58,6 @@ struct RenewalCase {
 static constexpr RenewalCase renewals[] = {
     {"root",      "no",        0,     "but there is already a client connected with same client id, so I cannot remove"},
     {"quillmont", "tandrivel", 0,     "more the one login on root quillmont"                                           },
-    {"admin",     "vormi",     0,     "more the one login on root admin"                                               },
     {"root",      "vormi",     62001, "[panel-1] authenticating username=[root], password=[vormi] done"                },
 };
 

@@ -61,24 +61,18 @@ TEST(Monitor, TakesAPortScannerForTheClient) {
     gateway.expect_log({"first same connection: (panel-2) 1"});
 }
 
-// A monitor that is torn down while the process is interrupted must not take the process with it.
+// A monitor that is torn down while the process is interrupted, once and again, must not take the process with it.
 TEST(Monitor, SurvivesTheStopOfTheService) {
-    for (const bool vanish : {false, true}) {
-        SCOPED_TRACE(vanish);
-        Gateway gateway;
-        std::vector<RemoteClient> panels;
-        for (int i = 1; i <= 10; i++) {
-            const std::string id = "panel-" + std::to_string(i);
-            panels.emplace_back(id).log_in(monitored);
-            gateway.expect_log({"first same connection: (" + id + ") 1"});
-        }
-        gateway.service().send_signal(SIGTERM);
-        if (vanish) panels.clear();
-        gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "Stop auth destroy socket"});
-        const Texts log = gateway.service().log_until("Stop s_loop poller and destroy");
-        for (const char *step : {"client_free_callback", "free cl_monitor", "free cl_cmds", "free cl_id"})
-            EXPECT_TRUE(vanish || std::count(log.begin(), log.end(), step) == 10) << step;
-        EXPECT_EQ(gateway.service().wait_exit(), Exit{});
-        gateway.expect_log({"stopped access"});
+    Gateway gateway;
+    std::vector<RemoteClient> panels;
+    for (int i = 1; i <= 10; i++) {
+        const std::string id = "panel-" + std::to_string(i);
+        panels.emplace_back(id).log_in(monitored);
+        gateway.expect_log({"first same connection: (" + id + ") 1"});
     }
+    for (int i = 0; i < 5000; i++) gateway.service().send_signal(SIGTERM);
+    gateway.expect_log({"end zmq mainloop: 0", "destroy srv", "Stop auth destroy socket"});
+    const Texts log = gateway.service().log_until("Stop s_loop poller and destroy");
+    EXPECT_EQ(std::count(log.begin(), log.end(), "free cl_id"), 10);
+    EXPECT_EQ(gateway.service().wait_exit(), Exit{});
 }

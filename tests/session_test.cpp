@@ -58,11 +58,12 @@ struct OpeningCase {
 };
 static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
 static const LoginOptions everything = {
-    .monitor = true, .discard_my_feedback = true, .hide_secure_info = true, .no_lock = true, .connect = false};
+    .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};
 static const OpeningCase openings[] = {
-    {"panel-1",    plain,      {62001, 63001}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
-    {"panel-2",    everything, {62002, 63002}, true,  "discard_my_feedback:1 hide_secure:1 no_lock:1"},
-    {"@localhost", monitored,  {62000, 63000}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
+    {"panel-1",     plain,      {62001, 63001}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
+    {"panel-2",     everything, {62002, 63002}, true,  "discard_my_feedback:1 hide_secure:1 no_lock:1"},
+    {"@localhost",  monitored,  {62000, 63000}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
+    {"@localhost2", monitored,  {62003, 63003}, true,  "discard_my_feedback:0 hide_secure:0 no_lock:0"},
 };
 
 TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {

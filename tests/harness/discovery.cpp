@@ -14,8 +14,8 @@
 static constexpr int discovery_port = 8004;
 static constexpr char separator = '\x1c';
 
-static int open_socket() {
-    const int descriptor = connected_socket(SOCK_DGRAM, discovery_port);
+static int open_socket(const std::string &address) {
+    const int descriptor = connected_socket(SOCK_DGRAM, discovery_port, address);
     if (descriptor == -1) throw Abandoned("no UDP socket for the test");
     return descriptor;
 }
@@ -34,7 +34,7 @@ std::string discovery_request(std::string_view id, std::string_view public_key) 
     return request += '!';
 }
 
-Discovery::Discovery() : socket_(open_socket()) {}
+Discovery::Discovery(const std::string &address) : socket_(open_socket(address)) {}
 
 Discovery::~Discovery() { close(socket_); }
 

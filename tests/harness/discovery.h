@@ -17,7 +17,7 @@ std::string discovery_request(std::string_view id, std::string_view public_key =
 
 class Discovery {
   public:
-    Discovery();
+    explicit Discovery(const std::string &address = "127.0.0.1");
     ~Discovery();
     Discovery(const Discovery &) = delete;
     Discovery &operator=(const Discovery &) = delete;

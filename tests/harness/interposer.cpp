@@ -1,8 +1,8 @@
 /* A library that is loaded before the others (LD_PRELOAD) and makes a call of the service fail.
  *
- * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail; with "zloop_poller:2:15" its thread gets the
- * signal 15 first, and it does not fail.
- * Only calls from the program itself count, not those from its libraries. */
+ * KESTO_FAIL="zloop_poller:2" makes the second call of zloop_poller fail; with "zloop_poller:2:stop" SIGTERM comes in
+ * front of that call, which takes its course. "tell" makes none fail and prints the 2nd and 3rd argument of each.
+ * Only calls from the program itself count, not those from its libraries, but for the one that a monitor ends with. */
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +12,8 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 struct Program {
     uintptr_t first, end;
@@ -41,22 +43,28 @@ static bool from_program(const void *caller) {
 struct FailingCall {
     char name[64];
     long number;
-    int signal;
+    bool stops;
 };
 
 static FailingCall read_setting() {
-    FailingCall failing = {"", 0, 0};
+    FailingCall failing = {"", 0, false};
     const char *setting = getenv("KESTO_FAIL");
-    if (setting != nullptr) sscanf(setting, "%63[^:]:%ld:%d", failing.name, &failing.number, &failing.signal);
+    if (setting == nullptr || sscanf(setting, "%63[^:]:", failing.name) != 1) return failing;
+    const char *number = strchr(setting, ':');
+    if (number != nullptr) failing.number = strtol(number + 1, nullptr, 10);
+    failing.stops = strstr(setting, ":stop") != nullptr;
     return failing;
 }
 
-static bool fails(const char *name, const void *caller) {
-    static const FailingCall failing = read_setting();
+static bool fails(const char *name, uintptr_t second, uintptr_t third, const void *caller) {
+    if (!from_program(caller) && strcmp(name, "zmq_socket_monitor") != 0) return false;
+    static const FailingCall failing = read_setting();  // libraries call before there is an environment
     static std::atomic<long> count = 0;
-    if (strcmp(name, failing.name) != 0 || !from_program(caller)) return false;
-    if (++count != failing.number) return false;
-    return failing.signal == 0 || raise(failing.signal) != 0;
+    if (strcmp(failing.name, "tell") == 0)
+        fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
+    if (strcmp(name, failing.name) != 0 || ++count != failing.number) return false;
+    if (failing.stops) kill(getpid(), SIGTERM), usleep(600'000);  // whoever waits for this thread is interrupted
+    return !failing.stops;
 }
 
 template <typename Function>
@@ -68,21 +76,22 @@ static Function *real(const char *name) {
 using Word = uintptr_t;
 static constexpr Word minus_one = static_cast<Word>(-1), null = 0;
 
-#define FAIL_WITH(name, value)                                                           \
-    extern "C" Word failing_##name(Word, Word, Word, Word, Word, Word) __asm__(#name);   \
-    Word failing_##name(Word a, Word b, Word c, Word d, Word e, Word f) {                \
-        static auto *const next = real<Word(Word, Word, Word, Word, Word, Word)>(#name); \
-        if (!fails(#name, __builtin_return_address(0))) return next(a, b, c, d, e, f);   \
-        errno = EIO;                                                                     \
-        return value;                                                                    \
+#define FAIL_WITH(name, value)                                                               \
+    extern "C" Word failing_##name(Word, Word, Word, Word, Word, Word) __asm__(#name);       \
+    Word failing_##name(Word a, Word b, Word c, Word d, Word e, Word f) {                    \
+        static auto *const next = real<Word(Word, Word, Word, Word, Word, Word)>(#name);     \
+        if (!fails(#name, b, c, __builtin_return_address(0))) return next(a, b, c, d, e, f); \
+        errno = EIO;                                                                         \
+        return value;                                                                        \
     }
 
 FAIL_WITH(socket, minus_one)
 FAIL_WITH(setsockopt, minus_one)
 FAIL_WITH(fcntl, minus_one)
 FAIL_WITH(bind, minus_one)
-FAIL_WITH(recvfrom, minus_one)
+FAIL_WITH(recvfrom, (next(a, b, c, MSG_DONTWAIT, null, null), next(a, b, c, d, e, f)))  // the system has dropped it
 FAIL_WITH(sendto, minus_one)
+FAIL_WITH(mmap, minus_one)
 FAIL_WITH(pthread_create, EAGAIN)
 FAIL_WITH(g_try_malloc0, null)
 FAIL_WITH(g_hash_table_new_full, null)
@@ -96,6 +105,9 @@ FAIL_WITH(zloop_timer, minus_one)
 FAIL_WITH(zsock_new_checked, null)
 FAIL_WITH(zsock_bind, minus_one)
 FAIL_WITH(zsock_resolve, null)
+FAIL_WITH(zsock_set_linger, null)
+FAIL_WITH(zsock_set_rcvtimeo, null)
+FAIL_WITH(zsock_set_tcp_keepalive, null)
 FAIL_WITH(zactor_new, null)
 FAIL_WITH(zactor_sock, null)
 FAIL_WITH(zactor_resolve, null)
@@ -103,6 +115,8 @@ FAIL_WITH(zstr_sendx, minus_one)
 FAIL_WITH(zstr_send, minus_one)
 FAIL_WITH(zmsg_recv, null)
 FAIL_WITH(zmsg_popstr, null)
+FAIL_WITH(zmq_poll, minus_one)
+FAIL_WITH(zmq_socket_monitor, minus_one)
 FAIL_WITH(zmq_msg_recv, minus_one)
 FAIL_WITH(zmq_msg_send, minus_one)
 FAIL_WITH(BIO_new_mem_buf, null)

@@ -27,7 +27,8 @@ TakenPort::TakenPort(int type, uint16_t port) : socket_(socket(AF_INET, type | S
 TakenPort::~TakenPort() { close(socket_); }
 
 int connected_socket(int type, int port, const std::string &address) {
-    const int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    const int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, 0), on = 1;
+    setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);  // the address may be one of all
     if (use_address(connect, descriptor, address.c_str(), port) == 0) return descriptor;
     close(descriptor);
     return -1;

@@ -23,8 +23,8 @@ struct Ports {
 std::ostream &operator<<(std::ostream &out, const Ports &ports);
 
 struct LoginOptions {
-    OptionalText user_name = "root", password = "vormi";  // both absent: a log-out
-    bool monitor = false, discard_my_feedback = false, hide_secure_info = false, no_lock = false;
+    OptionalText user_name = "root", password = "vormi";                              // both absent: a log-out
+    int32_t monitor = 0, discard_my_feedback = 0, hide_secure_info = 0, no_lock = 0;  // anything but 0 is a yes
     OptionalText discovery = std::nullopt;
     bool connect = true;  // to the ports of the answer
 };
