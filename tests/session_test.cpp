@@ -6,13 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/discovery.h"
 #include "harness/gateway.h"
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
 TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
     constexpr int sessions = 998;
-    Gateway gateway;
+    // Too few descriptors for sessions that leave anything behind.
+    Gateway gateway({.environment = {{"ZSYS_MAX_SOCKETS", ""}}, .prepared_by = "ulimit -n 256"});
     RemoteClient panel("panel-1");
     for (int i = 1; i <= sessions; i++) {
         ASSERT_EQ(panel.log_in({.connect = false}), (Ports{62000 + i, 63000 + i}));
@@ -98,6 +100,7 @@ TEST(Session, BindsToTheAddressThatIsSet) {
         Gateway gateway({.environment = {{"ZMQ_ACCESS_IP", row.setting}}});
         const std::string shown = row.shown, address = shown != "*" ? shown : "127.0.0.1";
         EXPECT_EQ(RemoteClient("panel-1", address).log_in({.connect = false}), (Ports{62001, 63001}));
+        EXPECT_NE(Discovery().find("panel-2").find(row.elsewhere ? "|ZMQ:60000|" : "|ZMQ:0|"), std::string::npos);
         gateway.expect_log({"panel-1: private cmd port on (" + shown + ") 62001 62001",
                             "panel-1: private events port on (" + shown + ") 63001 63001"});
         for (const int port : {authentication_port, 62001, 63001}) {

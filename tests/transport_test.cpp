@@ -4,13 +4,19 @@
 #include <string>
 #include <sys/socket.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
+#include "harness/port.h"
 #include "harness/texts.h"
+#include "net/records/server.h"
+#include "net/start/reactor.h"
 #include "net/transport/connection_table.h"
 #include "net/transport/endpoint.h"
+#include "net/transport/limits.h"
 #include "net/transport/replaced_calls.h"
 #include "net/transport/zmtp.h"
 
@@ -29,6 +35,7 @@ static std::string frame_of(size_t size) { return '\0' + (static_cast<char>(size
 
 static const std::string endless_frame("\2\0\0\0\1\0\0\0\0", 9), empty_old("\0\0", 2);
 static const std::string long_command("\6\0\0\0\0\0\0\x20\1", 9);  // by one
+static const std::string part_of_1_mib = std::string("\3\0\0\0\0\0\x10\0\0", 9) + std::string(1 << 20, 'x');
 static const std::string request = delimiter + hello, request_old("\1\1\6\0hello", 9);
 static const std::string longest = delimiter + frame_of(100), too_long = delimiter + frame_of(101);
 
@@ -41,24 +48,21 @@ struct PeerCase {
 };
 
 static const PeerCase peers[] = {
-    {"version 1",                    1, {greeting_1},                    true,  0, 0,   0},
-    {"version 2",                    2, {greeting_2},                    true,  0, 0,   0},
-    {"version 3",                    3, {greeting_3},                    true,  0, 0,   0},
-    {"version 1 without a greeting", 1, {identity_old},                  true,  0, 0,   0},
-    {"REQ of version 1",             1, {identity_old, request_old},     true,  1, 5,   0},
-    {"REQ of version 2",             2, {greeting_2, identity, request}, true,  1, 5,   0},
-    {"REQ of version 3",             3, {greeting_3, ready, request},    true,  1, 5,   6},
-    {"two messages",                 3, {greeting_3, request, request},  true,  2, 10,  0},
-    {"no envelope",                  3, {greeting_3, hello},             false, 0, 0,   0},
-    {"second has no envelope",       3, {greeting_3, request, hello},    false, 1, 5,   0},
-    {"no envelope in version 2",     2, {greeting_2, identity, hello},   false, 0, 0,   0},
-    {"as long as allowed",           3, {greeting_3, longest},           true,  1, 100, 0},
-    {"too long by one",              3, {greeting_3, too_long},          false, 0, 0,   0},
-    {"too long by far",              3, {greeting_3, endless_frame},     false, 0, 0,   0},
-    {"version 1 without flags",      1, {identity_old, empty_old},       false, 0, 0,   0},
-    {"command too long",             3, {greeting_3, long_command},      false, 0, 0,   0},
-    {"PING",                         3, {greeting_3, ping, ping},        true,  0, 0,   0},
-    {"PING and another command",     3, {greeting_3, ping, ready},       true,  0, 0,   6},
+    {"version 1",                1, {greeting_1},                    true,  0, 0,   0},
+    {"REQ of version 1",         1, {identity_old, request_old},     true,  1, 5,   0},
+    {"REQ of version 2",         2, {greeting_2, identity, request}, true,  1, 5,   0},
+    {"REQ of version 3",         3, {greeting_3, ready, request},    true,  1, 5,   6},
+    {"two messages",             3, {greeting_3, request, request},  true,  2, 10,  0},
+    {"no envelope",              3, {greeting_3, hello},             false, 0, 0,   0},
+    {"second has no envelope",   3, {greeting_3, request, hello},    false, 1, 5,   0},
+    {"no envelope in version 2", 2, {greeting_2, identity, hello},   false, 0, 0,   0},
+    {"as long as allowed",       3, {greeting_3, longest},           true,  1, 100, 0},
+    {"too long by one",          3, {greeting_3, too_long},          false, 0, 0,   0},
+    {"too long by far",          3, {greeting_3, endless_frame},     false, 0, 0,   0},
+    {"version 1 without flags",  1, {identity_old, empty_old},       false, 0, 0,   0},
+    {"command too long",         3, {greeting_3, long_command},      false, 0, 0,   0},
+    {"PING",                     3, {greeting_3, ping, ping},        true,  0, 0,   0},
+    {"PING and another command", 3, {greeting_3, ping, ready},       true,  0, 0,   6},
 };
 
 static void expect_found(const PeerCase &row, const ZmtpReader &reader, const ZmtpFound &found) {
@@ -89,7 +93,8 @@ TEST(Zmtp, CountsTheSameInWhateverPiecesTheBytesCome) {
     }
 }
 
-[[maybe_unused]] static const bool table_ready = (replaced_calls_init(1024), true);
+static constexpr int far_descriptor = 2000, descriptors = 4096;  // one that nothing else has
+[[maybe_unused]] static const bool table_ready = (limits_raise_descriptors(), replaced_calls_init(descriptors), true);
 
 // Whether it comes to that; the time is what counts as never.
 static bool becomes(size_t count, int port) {
@@ -103,8 +108,11 @@ static bool becomes(size_t count, int port) {
 
 TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
     constexpr int port = 60000;
-    zsock_t *service = zsock_new(ZMQ_REP);
-    ASSERT_EQ(endpoint_bind(service, "127.0.0.1", port, PortKind::login), port);
+    zsock_t *service = zsock_new(ZMQ_REP), *other = zsock_new(ZMQ_REP);
+    ASSERT_EQ(endpoint_bind(service, "127.0.0.1", port, PortKind::command), port);
+    ASSERT_EQ(endpoint_bind(other, "127.0.0.1", port, PortKind::login), -1);
+    zsock_destroy(&other);
+    EXPECT_EQ(connection_table_count_missing(), 1u) << "the port is still a session's";
     EXPECT_EQ(connection_table_count(port), 0u);
     zsock_t *client = zsock_new_req(">tcp://127.0.0.1:60000");
     EXPECT_TRUE(becomes(1, port));
@@ -116,6 +124,7 @@ TEST(ReplacedCalls, AreTheOnesThatZeroMqMakes) {
     EXPECT_TRUE(becomes(0, port));
     EXPECT_EQ(connection_table_held(), 0u);
     endpoint_destroy(&service, 0);
+    EXPECT_EQ(connection_table_count_missing(), 0u) << "a port that is closed waits for nobody";
 }
 
 /* A connection to a port that the table knows. */
@@ -143,34 +152,90 @@ struct AcceptedConnection {
     bool takes(const std::string &bytes) const {
         return connection_table_received(accepted, bytes.data(), bytes.size());
     }
+    bool is_up() const { return takes(""); }
 };
 
-TEST(ConnectionTable, KnowsWhenAPeerHasGoneBeforeItsConnectionIsClosed) {
-    const AcceptedConnection connection(PortKind::command);
-    EXPECT_TRUE(connection_table_has_live(connection.port));
-    shutdown(connection.peer, SHUT_RDWR);
-    EXPECT_FALSE(connection_table_has_live(connection.port));
-    EXPECT_EQ(connection_table_count(connection.port), 1U);
+TEST(ReplacedCalls, ForgetAConnectionBeforeItsDescriptorCanBeAnothers) {
+    std::jthread closing;  // until the peer has gone
+    const AcceptedConnection connection(PortKind::login);
+    const linger until_all_is_sent = {.l_onoff = 1, .l_linger = 3600};
+    setsockopt(connection.accepted, SOL_SOCKET, SO_LINGER, &until_all_is_sent, sizeof until_all_is_sent);
+    const std::string more_than_fits(size_t{16} << 20, 'x');
+    send(connection.accepted, more_than_fits.data(), more_than_fits.size(), MSG_DONTWAIT);
+    closing = std::jthread([&] { close(connection.accepted); });
+    EXPECT_TRUE(becomes(0, connection.port)) << "it is still open then";
 }
 
-TEST(ConnectionTable, BoundsSubscriptionsHoweverTheyAreMade) {
-    constexpr size_t topic_bytes = 200;
-    const std::string topic(topic_bytes, 't');
-    const std::string as_message = std::string("\0\xc9\1", 3) + topic, as_command = "\4\xd2\11SUBSCRIBE" + topic;
-    for (const std::string &subscription : {as_message, as_command}) {
-        const AcceptedConnection connection(PortKind::event);
+TEST(ConnectionTable, BoundsWhatOnePeerPilesUp) {
+    const std::string topic(200, 't'), as_message = std::string("\0\xc9\1", 3) + topic,
+                                       as_command = "\4\xd2\11SUBSCRIBE" + topic;
+    const std::tuple<PortKind, std::string, size_t> endless[] = {
+        {PortKind::event,   as_message,    subscriptions_per_connection},
+        {PortKind::event,   as_command,    subscriptions_per_connection},
+        {PortKind::command, part_of_1_mib, held_per_connection         },
+    };
+    for (const auto &[kind, piece, most] : endless) {
+        const AcceptedConnection connection(kind);
         EXPECT_TRUE(connection.takes(greeting_3));
         size_t taken = 0;
-        while (taken < subscriptions_per_connection && connection.takes(subscription)) taken += topic_bytes;
-        EXPECT_GT(taken, subscriptions_per_connection / 2);
-        EXPECT_LT(taken, subscriptions_per_connection);
+        while (taken < 2 * most && connection.takes(piece)) taken += piece.size();
+        EXPECT_GT(taken, most / 2);
+        EXPECT_LT(taken, most + most / 16);
     }
 }
 
-TEST(ConnectionTable, GivesTheNextGuestThePlaceOfOneThatHasGone) {
-    constexpr int descriptor = 500, port = 60001;
-    for (size_t i = 0; i <= guests_most; i++) {
-        ASSERT_TRUE(connection_table_add(descriptor, port, INADDR_ANY)) << i;
-        connection_table_remove(descriptor);
+TEST(ConnectionTable, CutsOffOnlyWhomItMust) {
+    const AcceptedConnection client(PortKind::command), listener(PortKind::event), guest(PortKind::login),
+        others[] = {AcceptedConnection(PortKind::login), AcceptedConnection(PortKind::login)};
+    connection_table_answered(client.accepted, 2 * held_by_all);
+    EXPECT_TRUE(client.is_up()) << "it was sent one large answer";
+    for (int i = 0; i < 5; i++, connection_table_turn(), connection_table_turn())
+        connection_table_published(listener.port, unsent_per_connection / 4);
+    EXPECT_TRUE(listener.is_up()) << "it has subscribed to nothing";
+    for (int i = 0; i < 18; i++)
+        for (const auto *one : {&client, &guest, &others[0], &others[1]})
+            one->takes(i == 0 ? greeting_3 : part_of_1_mib);
+    EXPECT_TRUE(client.is_up()) << "guests hold as much as it does";
+    EXPECT_FALSE(guest.is_up());
+}
+
+// Takes the place of CZMQ's: here the test is the loop.
+static zloop_timer_fn *on_tick;
+int zloop_timer(zloop_t *, size_t, size_t, zloop_timer_fn handler, void *) { return on_tick = handler, 0; }
+
+static void tick() {
+    static KestoProcess process = {};
+    static AccessServer server = {};
+    server.owner = &process;
+    if (on_tick == nullptr) reactor_start_timer(&server);
+    on_tick(nullptr, 0, &server);
+}
+
+TEST(ConnectionTable, HasSoManyPlacesForGuestsAndGivesThemAnew) {
+    constexpr int port = 60001;
+    for (const auto &[kind, most] : {std::pair(PortKind::login, guests_most),
+                                     std::pair(PortKind::event, own_connections_per_port + guests_per_port)}) {
+        connection_table_open_port(port, kind);
+        for (int times = 0; times < 2; times++, tick()) {
+            int next = far_descriptor;
+            while (connection_table_add(next, port, INADDR_ANY)) next++;
+            EXPECT_EQ(static_cast<size_t>(next - far_descriptor), most);
+            while (next > far_descriptor) connection_table_remove(--next);
+        }
+        connection_table_close_port(port);
+    }
+}
+
+TEST(ConnectionTable, DropsWhoIsSilentWhenAnotherWasRefused) {
+    const AcceptedConnection quiet(PortKind::command), silent(PortKind::login);
+    if (!system_counts_bytes_of_connections()) GTEST_SKIP() << "silent connections cannot be told from others here";
+    for (const int side : {quiet.accepted, quiet.peer}) send(side, greeting_3.data(), greeting_3.size(), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // longer than one may be silent
+    limits_take_refusal();
+    for (const bool refused : {false, true}) {
+        if (refused) limits_note_refusal();
+        for (int ticks = 0; ticks < 8; ticks++) tick();
+        EXPECT_EQ(connection_table_has_live(silent.port), !refused);
+        EXPECT_TRUE(connection_table_has_live(quiet.port));
     }
 }

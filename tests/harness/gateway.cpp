@@ -43,6 +43,8 @@ void Gateway::start_service() {
     environment.emplace("DBUS_SESSION_BUS_ADDRESS", bus_.address());
     Texts command = options_.arguments;
     command.insert(command.begin(), KESTO_ACCESS_PROGRAM);
+    if (!options_.prepared_by.empty())
+        command.insert(command.begin(), {"sh", "-c", options_.prepared_by + "; exec \"$0\" \"$@\""});
     service_.emplace(std::move(command), environment);
     expect_events_of(service_->pid());
     if (options_.wait_until_up) service_->expect_log({"zsys_catch_interrupts"});

@@ -22,6 +22,7 @@ struct GatewayOptions {
     bool with_service = true;
     Texts arguments = {};          // of the service
     Environment environment = {};  // of the service, beside KESTO_DEBUG=1 and the bus's address
+    std::string prepared_by = "";  // what a shell does before it becomes the service
     bool wait_until_up = true;     // false for a service that logs nothing or does not come up
 };
 
