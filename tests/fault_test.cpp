@@ -153,12 +153,15 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
 
 // The start asks for four keys, one after the other.
 TEST(Stop, InTheStartWaitsForOneCallOnly) {
-    Gateway gateway({.with_service = false, .wait_until_up = false});
-    gateway.set_fault("read=late:300");
-    gateway.start_service();
-    gateway.device().expect_log({"Read (uint32 8192, *"});
-    gateway.service().send_signal(SIGTERM);
-    gateway.expect_log({"NOT POSSIBLE COMPUTE STATIC DISCOVERY", "end zmq mainloop: 0", "stopped access"});
-    const std::string trace = gateway.device().text(STDOUT_FILENO);
-    EXPECT_EQ(trace.find("Read ("), trace.rfind("Read ("));
+    for (const int signal : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(signal);
+        Gateway gateway({.with_service = false, .wait_until_up = false});
+        gateway.set_fault("read=late:300");
+        gateway.start_service();
+        gateway.device().expect_log({"Read (uint32 8192, *"});
+        gateway.service().send_signal(signal);
+        gateway.expect_log({"NOT POSSIBLE COMPUTE STATIC DISCOVERY", "end zmq mainloop: 0", "stopped access"});
+        const std::string trace = gateway.device().text(STDOUT_FILENO);
+        EXPECT_EQ(trace.find("Read ("), trace.rfind("Read (")) << trace;
+    }
 }
