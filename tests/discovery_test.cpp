@@ -158,6 +158,13 @@ TEST(Discovery, LeavesOutOrCutsWhatIsTooLong) {
     }
 }
 
+TEST(Discovery, CutsALongAmplifierNameBetweenItsLetters) {
+    std::string name(254, 'a');
+    for (int i = 0; i < 1000; ++i) name += "é";  // from the 255th byte on
+    Gateway gateway({.environment = {{"KESTO_AMP_NAME", name}}});
+    EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|" + name.substr(0, 254) + "|QM240817|"));
+}
+
 TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
     Gateway gateway;
     gateway.stop_service();

@@ -153,14 +153,18 @@ TEST(Stop, WaitsForTheCallThatIsUnderWay) {
 
 // Four keys are asked for, one after the other: in the start, or for a discovery request after a start without device.
 TEST(Stop, WhileTheIdentityIsReadWaitsForOneCallOnly) {
-    for (const bool in_the_start : {true, false}) {
+    for (const auto &[in_the_start, signal] : {
+             std::pair(true, SIGTERM), {true,  SIGINT },
+               {false, SIGTERM}
+    }) {
+        SCOPED_TRACE(signal);
         Gateway gateway({.with_device = false, .with_service = !in_the_start, .wait_until_up = !in_the_start});
         gateway.start_device();
         gateway.set_fault("read=late:1000");
         if (in_the_start) gateway.start_service();
         else Discovery().send(discovery_request("panel-1"));
         gateway.device().expect_log({"Read (uint32 8192, *"});
-        gateway.service().send_signal(SIGTERM);
+        gateway.service().send_signal(signal);
         gateway.expect_log({"end zmq mainloop: 0", "stopped access"});
         const std::string trace = gateway.device().text(STDOUT_FILENO);
         EXPECT_EQ(trace.find("Read ("), trace.rfind("Read (")) << trace;

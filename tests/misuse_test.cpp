@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -113,6 +114,19 @@ TEST_F(Misuse, ACallbackWithoutItsHandleOrClientRefuses) {
     EXPECT_EQ(recorded, (Texts{"missing client from client_action_get_login_info_callback",
                                "server_auth_callback: (null) (null) 1 0 0 0 NULL", "NULL pointer p",
                                "server_auth_callback: root vormi 0 0 0 0 NULL", "not autorized", "NULL client"}));
+    _kesto_log_printf = nullptr;
+    client_action_get_login_info_callback(nullptr, &hide);  // its message goes nowhere
+}
+
+TEST_F(Misuse, NoChangeOfTwoThreadsIsLostInTheCount) {
+    const uint32_t before = change_counter_value();
+    const auto make_changes = [] {
+        for (int i = 0; i < 1'000'000; ++i) change_counter_increment();
+    };
+    std::thread other(make_changes);
+    make_changes();
+    other.join();
+    EXPECT_EQ(change_counter_value() - before, 2'000'000U);
 }
 
 TEST_F(Misuse, ACallbackWithoutItsTextsLeavesNothingInItsResults) {
