@@ -57,7 +57,7 @@ static void take_step(TableInput &input, Accepted &accepted) {
             break;
         }
         case sent: connection_table_sent(descriptor, input.byte() * unit); break;
-        case taken: connection_table_taken(descriptor, input.byte() * unit); break;
+        case taken: connection_table_taken(port.number, descriptor, input.byte() * unit); break;
         case answered: connection_table_answered(descriptor, input.byte() * unit); break;
         case published: connection_table_published(port.number, input.byte() * unit); break;
         case removed:

@@ -5,7 +5,7 @@ import os
 import socket
 import statistics
 import time
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from functools import partial
 
 from cases import case
@@ -111,6 +111,23 @@ def unfinished(bed):
         message = zmtp_frame(b"", more=True) + zmtp_frame(bytes(LARGEST_BYTES))[:-1]
         peers = [RawPeer(ports[number % 2]) for number in range(30)]
         bed.note("taken whole", sum(peer.offer(message) for peer in peers), "messages")
+
+
+@case("strangers-gone", "during one call 60 peers, one after the other, send a message of 9 MiB and leave", alone=True)
+def gone(bed):
+    with attacked(bed, call_s=SLOW_S):
+        victim = enter("victim")
+        bed.control("Fault", "(s)", f"read:{SLOW_KEY}=late:{1000 * SLOW_S}")
+        victim.commands.send(request("victim", read=wire.Read(key=SLOW_KEY, flags=EXACT)))
+        message = zmtp_frame(b"", more=True) + zmtp_frame(bytes(9 * MIB))
+        taken = 0
+        for number in range(60):
+            with suppress(OSError):  # of a connection that is not to be had
+                peer = RawPeer((AUTH_PORT, victim.ports[0])[number % 2])
+                taken += peer.offer(message)
+                peer.close()
+        bed.note("taken whole", taken, "messages")
+        victim.commands.recv()
 
 
 def subscribe(bed, size, count):

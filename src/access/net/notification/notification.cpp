@@ -13,7 +13,7 @@
 
 static constexpr int32_t broadcast_alarm_code = 40;
 static constexpr int not_encoded = -1;
-static constexpr gint64 delivery_us = 33000;  // of one tick: as long as the next one is away
+static constexpr gint64 delivery_us = gint64{queue_period_ms} * 1000;
 
 using OwnedEvent = std::unique_ptr<BusEvent, ByPointer<bus_event_free>>;
 

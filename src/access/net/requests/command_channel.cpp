@@ -59,7 +59,7 @@ static void free_if_marked(Client *client) {
 
 int client_read(zloop_t *, zmq_pollitem_t *item, void *argument) {
     auto *client = static_cast<Client *>(argument);
-    Exchange request{.socket = item->socket};
+    Exchange request{.socket = item->socket, .port = client->cl_cmd_port};
     bool answered = false;
     if (!receive_request(request)) LOG_FAILED("zmq_msg_recv");
     else if (!exchange_decode(request)) LOG_FAILED("error data not parsable");

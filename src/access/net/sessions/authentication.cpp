@@ -7,6 +7,7 @@
 #include "net/device/static_discovery.h"
 #include "net/notification/notification.h"
 #include "net/records/client.h"
+#include "net/records/server.h"
 #include "net/sessions/connections.h"
 #include "net/sessions/login.h"
 #include "net/sessions/release.h"
@@ -106,7 +107,11 @@ static void free_if_marked(Client *client) {
 }
 
 int server_auth(zloop_t *, zmq_pollitem_t *item, void *server) {
-    LoginExchange login{{.socket = item->socket}, static_cast<AccessServer *>(server)};
+    auto *srv = static_cast<AccessServer *>(server);
+    LoginExchange login{
+        {.socket = item->socket, .port = srv->auth_port},
+        srv
+    };
     bool answered = false;
     LOG("[AUTH] >\n");
     if (!receive_request(login)) LOG_FAILED("zmq_msg_recv");

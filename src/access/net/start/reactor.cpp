@@ -14,7 +14,6 @@
 #include "net/transport/connection_table.h"
 #include "net/transport/limits.h"
 
-static constexpr uint32_t queue_period_ms = 33;
 static constexpr uint32_t drop_period_ms = 250;  // of silent connections; no timer of its own wakes the loop for it
 static constexpr uint32_t ticks_between_drops = drop_period_ms / queue_period_ms + 1;
 static constexpr size_t for_ever = 0;  // the number of times that a timer fires

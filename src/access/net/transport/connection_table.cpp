@@ -40,6 +40,7 @@ struct Connection {
     bool own = false;   // a session's, from where the client is that it was opened for
     bool over = false;  // has been shut down: counts nothing from now on
     ZmtpReader reader = {};
+    size_t arriving = 0;                       // completed by bytes that libzmq has not seen yet
     size_t waiting_messages = 0, waiting = 0;  // complete and not taken
     size_t subscriptions = 0;
     // Answers, and events up to `published_seen`, since all had been sent; and what the connection had sent by then.
@@ -54,7 +55,8 @@ struct Port {
     in_addr_t owner;
     int first;  // connection
     size_t connections, own_connections;
-    uint32_t accepted;  // since it was opened
+    size_t left_messages, left;  // complete, not taken, and their connections are gone or over
+    uint32_t accepted;           // since it was opened
     // Bytes, up to now, and before the last turn in which there were any.
     uint64_t published, published_before;
     uint32_t published_turn;
@@ -74,7 +76,7 @@ static std::atomic<uint64_t> sent[most_descriptors];
 
 static int highest = no_descriptor;
 static size_t all = 0, guests = 0, session_ports = 0, own_ports = 0;  // own_ports: session ports with a connection
-static size_t held = 0, subscribed = 0;
+static size_t held = 0, held_for_guests = 0, subscribed = 0;          // what was left behind is among the first two
 static in_addr_t last_taken_from = INADDR_ANY;
 static uint32_t turn = 0;
 static size_t given_since_look = 0;
@@ -103,29 +105,53 @@ static Port &port_of(const Connection &connection) { return ports[connection.por
 static bool is_session_port(const Port &port) { return port.kind == PortKind::command || port.kind == PortKind::event; }
 
 static size_t held_for(const Connection &connection) {
-    return connection.reader.message_bytes + connection.waiting + connection.unsent;
+    return connection.reader.message_bytes + connection.arriving + connection.waiting + connection.unsent;
 }
 
 // Changes what is counted for a connection, and the sums with it.
 template <typename Change>
 static void recount(Connection &connection, Change change) {
     held -= held_for(connection);
+    if (!connection.own) held_for_guests -= held_for(connection);
     subscribed -= connection.subscriptions;
     change(connection);
     held += held_for(connection);
+    if (!connection.own) held_for_guests += held_for(connection);
     subscribed += connection.subscriptions;
+}
+
+static void count_left(Port &port, size_t messages, size_t bytes) {
+    port.left_messages += messages;
+    port.left += bytes;
+    held += bytes;
+    held_for_guests += bytes;
+}
+
+static void take_left(Port &port, size_t bytes) {
+    if (port.left_messages == 0) return;
+    port.left_messages -= 1;
+    const size_t taken = port.left_messages == 0 ? port.left : std::min(port.left, waiting_bytes(bytes));
+    port.left -= taken;
+    held -= taken;
+    held_for_guests -= taken;
 }
 
 static void count_nothing(Connection &connection) {
     recount(connection, [](Connection &over) {
-        over.reader.message_bytes = over.waiting = over.unsent = over.subscriptions = 0;
+        over.reader.message_bytes = over.arriving = over.waiting = over.unsent = over.subscriptions = 0;
         over.waiting_messages = 0;
     });
 }
 
+static void leave(Connection &connection) {
+    count_left(port_of(connection), connection.waiting_messages, connection.waiting);
+    count_nothing(connection);
+}
+
 static void end(int descriptor) {
-    connections[descriptor].over = true;
-    count_nothing(connections[descriptor]);
+    Connection &connection = connections[descriptor];
+    connection.over = true;
+    leave(connection);
     shutdown(descriptor, SHUT_RDWR);  // libzmq then closes it
 }
 
@@ -144,6 +170,8 @@ void connection_table_close_port(int number) {
     Port &port = ports[number];
     if (is_session_port(port)) --session_ports;
     if (port.own_connections > 0) --own_ports;
+    held -= port.left;
+    held_for_guests -= port.left;
     for (int descriptor = port.first; descriptor != no_descriptor; descriptor = connections[descriptor].next) {
         Connection &connection = connections[descriptor];
         if (!connection.own) --guests;
@@ -206,7 +234,7 @@ void connection_table_remove(int descriptor) {
     Connection *connection = find(descriptor);
     if (connection == nullptr) return;
     Port &port = port_of(*connection);
-    count_nothing(*connection);
+    leave(*connection);
     unlink_from(port, descriptor);
     --port.connections;
     --all;
@@ -235,19 +263,30 @@ static int heaviest(Weight weight) {
 static size_t subscriptions_of(const Connection &connection) { return connection.subscriptions; }
 
 // The one answer that is just being sent may be as large as it is.
-static size_t answer_on_its_way() {
+static size_t answer_on_its_way(bool only_to_a_guest) {
     if (last_answered == no_descriptor) return 0;
     const Connection &connection = connections[last_answered];
-    return connection.port != 0 && connection.answers == 1 ? connection.unsent : 0;
+    if (connection.port == 0 || connection.answers != 1 || (only_to_a_guest && connection.own)) return 0;
+    return connection.unsent;
+}
+
+static size_t held_for_guest(const Connection &connection) { return connection.own ? 0 : held_for(connection); }
+
+// What was left behind cannot be had back, so that there may be nobody left to end.
+template <typename IsOver, typename Weight>
+static void end_heaviest_while(IsOver is_over, Weight weight) {
+    int descriptor = no_descriptor;
+    while (is_over() && (descriptor = heaviest(weight)) != no_descriptor) end(descriptor);
 }
 
 static void keep_within_budget() {
-    while (held - answer_on_its_way() > held_by_all) end(heaviest(held_for));
-    while (subscribed > subscriptions_of_all) end(heaviest(subscriptions_of));
+    end_heaviest_while([] { return held_for_guests - answer_on_its_way(true) > held_by_guests; }, held_for_guest);
+    end_heaviest_while([] { return held - answer_on_its_way(false) > held_by_all; }, held_for);
+    end_heaviest_while([] { return subscribed > subscriptions_of_all; }, subscriptions_of);
 }
 
 static bool holds_too_much(const Connection &connection) {
-    return connection.reader.message_bytes + connection.waiting > held_per_connection ||
+    return connection.reader.message_bytes + connection.arriving + connection.waiting > held_per_connection ||
            connection.subscriptions > subscriptions_per_connection;
 }
 
@@ -258,36 +297,33 @@ bool connection_table_received(int descriptor, const void *bytes, size_t count) 
     if (connection == nullptr) return true;
     if (connection->over) return false;
     const bool subscribes = port_of(*connection).kind == PortKind::event;
-    bool acceptable = false;
+    ZmtpFound found = {};
     recount(*connection, [&](Connection &receiving) {
-        const ZmtpFound found = zmtp_read(receiving.reader, subscribes ? subscription_rules : request_rules,
-                                          {static_cast<const uint8_t *>(bytes), count});
-        acceptable = found.acceptable;
-        if (subscribes) {
-            receiving.subscriptions += found.bytes + found.other_bytes;
-        } else {
-            receiving.waiting_messages += found.messages;
-            receiving.waiting += found.bytes;
-        }
+        found = zmtp_read(receiving.reader, subscribes ? subscription_rules : request_rules,
+                          {static_cast<const uint8_t *>(bytes), count});
+        if (subscribes) receiving.subscriptions += found.bytes + found.other_bytes;
+        else receiving.arriving = found.bytes;
     });
-    if (!acceptable || holds_too_much(*connection)) {
-        end(descriptor);
-        return false;
-    }
-    keep_within_budget();
-    return !connection->over;
+    if (!found.acceptable || holds_too_much(*connection)) end(descriptor);
+    else keep_within_budget();
+    if (connection->over) return false;
+    recount(*connection, [&](Connection &received) {
+        received.waiting_messages += subscribes ? 0 : found.messages;
+        received.waiting += std::exchange(received.arriving, 0);
+    });
+    return true;
 }
 
 void connection_table_sent(int descriptor, size_t count) {
     if (is_counted(descriptor)) sent[descriptor].fetch_add(count, std::memory_order_relaxed);
 }
 
-void connection_table_taken(int descriptor, size_t bytes) {
+void connection_table_taken(int port, int descriptor, size_t bytes) {
     const Locked locked(lock);
     Connection *connection = find(descriptor);
-    if (connection == nullptr) return;
-    last_taken_from = connection->address;
-    if (connection->waiting_messages == 0) return;
+    const bool is_there = connection != nullptr && connection->port == port;
+    if (is_there) last_taken_from = connection->address;
+    if (!is_there || connection->waiting_messages == 0) return take_left(ports[port], bytes);
     recount(*connection, [&](Connection &taken) {
         taken.waiting_messages -= 1;
         taken.waiting -= taken.waiting_messages == 0 ? taken.waiting : std::min(taken.waiting, waiting_bytes(bytes));

@@ -26,7 +26,7 @@ bool exchange_receive(Exchange &exchange) {
 
     exchange.received_bytes = zmq_msg_size(&message);
     exchange.connection = zmq_msg_get(&message, ZMQ_SRCFD);
-    connection_table_taken(exchange.connection, exchange.received_bytes);
+    connection_table_taken(exchange.port, exchange.connection, exchange.received_bytes);
     const bool affordable = limits_allow_request(exchange.received_bytes);
     exchange.codec.reset(proto_new_full(zmq_msg_data(&message), affordable ? exchange.received_bytes : 0));
     exchange.whole = affordable && zmq_msg_more(&message) == 0;

@@ -10,6 +10,7 @@
 
 struct Exchange {
     void *socket;           /* the raw ZeroMQ socket */
+    int port;               /* that it listens on */
     CodecHandle codec = {}; /* of the received bytes, or empty for want of memory; NULL until then */
     size_t received_bytes = 0;
     int connection = -1; /* descriptor that the request came in on */
