@@ -77,6 +77,7 @@ static Client *client_with_commands(AccessServer *server) {
     client = client_new();
     client->cl_server = server;
     client->cl_id = g_strdup("panel");
+    client->cl_cmd_port = 62001;
     client_insert(server, client);
     return client;
 }

@@ -22,6 +22,7 @@ Bus::Bus() : daemon_({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--
 }
 
 Answer Bus::call(const BusObject &object, const char *method, GVariant *arguments, Where where) {
+    [[maybe_unused]] g_autoptr(GVariant) owned = arguments == nullptr ? nullptr : g_variant_take_ref(arguments);
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
         connection_.get(), object.name, object.path, object.interface, method, arguments, nullptr,

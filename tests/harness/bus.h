@@ -33,7 +33,7 @@ class Bus {
 
     const std::string &address() const { return address_; }
 
-    /* Takes over a floating `arguments`; NULL stands for (). An answer, be it an error, must come. */
+    /* Takes over `arguments`, floating or not; NULL stands for (). An answer, be it an error, must come. */
     Answer call(const BusObject &object, const char *method, GVariant *arguments = nullptr,
                 Where where = Where::current());
 

@@ -117,7 +117,8 @@ static GDBusMessage *perform_with_fault(Device &device, const MethodRow &row, Fa
     }
     [[maybe_unused]] g_autoptr(GDBusMessage) right_reply = row.perform(device, call, arguments);
     const char *body = kind == FaultKind::type ? row.wrong_type : "()";
-    return reply_with(call, g_variant_parse(nullptr, body, nullptr, nullptr, nullptr));
+    g_autoptr(GVariant) parsed = g_variant_parse(nullptr, body, nullptr, nullptr, nullptr);
+    return reply_with(call, parsed);
 }
 
 struct LateReply {
