@@ -8,15 +8,15 @@ TOLERANCE = 0.05
 
 RATIOS = {
     "handlers' instructions": {
-        "read": 1.14,
-        "write": 1.37,
+        "read": 1.24,
+        "write": 1.42,
         "multi-write": 1.25,
-        "authorize": 1.30,
+        "authorize": 1.31,
         "discovery": 1.00,
-        "discovery-plain": 1.32,
+        "discovery-plain": 1.38,
         "login": 1.45,
         "event-1": 1.19,
-        "event-client": 3.74,
+        "event-client": 3.70,
     },
     "allocations": {
         "read": 1.00,
