@@ -87,7 +87,6 @@ int server_mq_timer(zloop_t *, int, void *argument) {
     // What is queued meanwhile, or finds no time, waits for the next tick, or a busy device would keep the loop from
     // all else.
     int left = g_async_queue_length(priv->mq);
-    if (left == 0) return 0;
     for (const gint64 end = g_get_monotonic_time() + delivery_us; left > 0 && g_get_monotonic_time() < end; --left) {
         const OwnedEvent event{bus_event_try_pop(priv->mq)};
         if (!event) break;
