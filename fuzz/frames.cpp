@@ -73,12 +73,13 @@ struct Fixture {
 
 static Client *client_with_commands(AccessServer *server) {
     Client *client = client_lookup(server, "panel");
-    if (client != nullptr) return client;
-    client = client_new();
-    client->cl_server = server;
-    client->cl_id = g_strdup("panel");
-    client->cl_cmd_port = 62001;
-    client_insert(server, client);
+    if (client == nullptr) {
+        client = client_new();
+        client->cl_server = server;
+        client->cl_id = g_strdup("panel");
+        client_insert(server, client);
+    }
+    if (client->cl_cmd_port == no_port) client->cl_cmd_port = first_ports.command;
     return client;
 }
 
