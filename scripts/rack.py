@@ -93,7 +93,7 @@ def run_inside(chosen):
     device_options = (f"--alarm-every={chosen.alarm_every}", f"--change-every={chosen.change_every}")
     devices = [racks.Device(number, chosen.inside / str(number), racks.FIRST_ADDRESS + number)
                for number in range(1, chosen.count + 1)]
-    rack = racks.Rack(chosen.programs.resolve(), device_options, devices)
+    rack = racks.Rack(chosen.programs.resolve(), device_options, devices, not chosen.quiet)
     racks.start_all(rack)
     print(f"started {chosen.count} devices in {time.monotonic() - begin:.1f} s; broadcast finds:", flush=True)
     found = racks.find_all(rack)
@@ -215,6 +215,7 @@ def add_start(commands):
     command.set_defaults(run=run_start)
     command.add_argument("count", metavar="N", type=device_count, help=f"1 to {racks.DEVICES_MAX}")
     command.add_argument("--once", action="store_true", help="end when broadcast has found all: status 0, or not: 1")
+    command.add_argument("--quiet", action="store_true", help="do not log what the services do")
     command.add_argument("--check", action="store_true", help="only say whether a rack can be started")
     command.add_argument("--alarm-every", type=float, default=10, metavar="S", help="seconds between a device's alarms (10)")
     command.add_argument("--change-every", type=float, default=5, metavar="S", help="seconds between its changes (5)")

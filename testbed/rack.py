@@ -15,6 +15,7 @@ from testbed.gateway import CONTROL, Failure, check, wait_until
 
 NETWORK = ipaddress.ip_network("10.77.0.0/16")
 BRIDGE, BRIDGE_ADDRESS, INTERFACE = "rack", ipaddress.ip_address("10.77.0.1"), "eth0"
+BRIDGE_MAC = "02:51:4d:77:01:00"  # given, or it would change with the ports, and the devices would answer the old one
 DEVICES_MAX = 250
 FIRST_ADDRESS = ipaddress.ip_address("10.77.1.0")  # device N begins with the Nth behind it
 DEVICES_PER_RACK = 10  # in the names only
@@ -25,7 +26,8 @@ FIND_LIMIT_S, ANSWER_WAIT_S = 30, 0.4
 
 # In the device's namespaces, once: its folder, what has to stay visible below /tmp, and the program that then holds them.
 SET_UP = """case $2 in /tmp/*) mkdir -p "$1${2#/tmp}" && mount --bind "$2" "$1${2#/tmp}" ;; esac &&
-mount --rbind "$1" /tmp && ip link set lo up && shift 2 && exec "$@" """
+mount --rbind "$1" /tmp && ip link set lo up &&
+echo 1 >/proc/sys/net/ipv4/conf/default/arp_notify && shift 2 && exec "$@" """
 
 
 class WrongInput(Failure):
@@ -75,6 +77,7 @@ class Rack:
     programs: Path  # the folder of kesto-access, kesto-device and kesto-client
     device_options: tuple
     devices: list
+    is_logged: bool = True  # what the services do
     reported: set = field(default_factory=set)  # process ids of the programs whose end has been told
 
 
@@ -89,7 +92,7 @@ def inside(device, *kinds):
 
 
 def start_program(device, name, ready, command, **environment):
-    """Returns when `ready` stands in its log."""
+    """Returns when `ready` stands in its log; at once when that is empty."""
     path = device.log_path(name)
     with path.open("wb") as log:
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
@@ -118,10 +121,16 @@ def write_identity(device):
 
 def lay_cable(device):
     holder = device.programs["bus"].pid
-    ip(f"link add {device.port} type veth peer name {INTERFACE} address {device.mac} netns {holder}\n"
+    ip(f"link add {device.port} type veth peer name {INTERFACE} netns {holder}\n"
        f"link set {device.port} master {BRIDGE} {'up' if device.plugged else 'down'}\n")
-    ip(f"address add {device.address}/{NETWORK.prefixlen} broadcast + dev {INTERFACE}\nlink set {INTERFACE} up\n",
-       inside(device, "--net"))
+    set_address(device)
+
+
+def set_address(device):
+    """Its MAC address is set with it, so that the system tells the network of both."""
+    ip(f"link set {INTERFACE} up\naddress flush dev {INTERFACE}\n"
+       f"address add {device.address}/{NETWORK.prefixlen} broadcast + dev {INTERFACE}\n"
+       f"link set {INTERFACE} address {device.mac}\n", inside(device, "--net"))
 
 
 def start_device(rack, device):
@@ -134,8 +143,8 @@ def start_device(rack, device):
     there, environment = inside(device, "--net", "--mount"), {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/tmp/bus"}
     start_program(device, "device", "serving", [*there, rack.programs / "kesto-device", "--store=/tmp/device.store",
                                                 *rack.device_options], **environment)
-    start_program(device, "access", "zsys_catch_interrupts", [*there, rack.programs / "kesto-access"], **environment,
-                  KESTO_DEBUG="1", KESTO_AMP_NAME=device.name)
+    start_program(device, "access", "zsys_catch_interrupts" if rack.is_logged else "", [*there, rack.programs / "kesto-access"],
+                  **environment, KESTO_DEBUG="1" if rack.is_logged else "0", KESTO_AMP_NAME=device.name)
 
 
 def stop_device(device):
@@ -150,7 +159,7 @@ def stop_device(device):
 
 
 def start_all(rack):
-    ip(f"link set lo up\nlink add {BRIDGE} type bridge\nlink set {BRIDGE} up\n"
+    ip(f"link set lo up\nlink add {BRIDGE} address {BRIDGE_MAC} type bridge\nlink set {BRIDGE} up\n"
        f"address add {BRIDGE_ADDRESS}/{NETWORK.prefixlen} broadcast + dev {BRIDGE}\n")
     with ThreadPoolExecutor(STARTED_AT_ONCE) as pool:
         list(pool.map(lambda device: start_device(rack, device), rack.devices))
@@ -216,9 +225,8 @@ def change_address(rack, device, text):
     taken = [BRIDGE_ADDRESS, NETWORK.network_address, NETWORK.broadcast_address, *(one.address for one in rack.devices)]
     if address not in NETWORK or address in taken:
         raise WrongInput(f"{address} is taken or not within {NETWORK}")
-    ip(f"address flush dev {INTERFACE}\naddress add {address}/{NETWORK.prefixlen} broadcast + dev {INTERFACE}\n",
-       inside(device, "--net"))
     device.address = address
+    set_address(device)
     control(device, "Change", "/Device/Config/Networking/Ethernet/Ip", str(address), "string")
     return f"device {device.number} is now at {address}"
 
