@@ -100,7 +100,7 @@ def _lines(path):
 def _watched(rack, observed_s):
     """Nothing of the client when it cannot watch all devices."""
     output = Path(rack.folder.name) / "watch"
-    watch = rack.enter(output, rack.programs / "kesto-client", "--user", "quillmont", "--password", "tandrivel", "watch", "--all")
+    watch = rack.enter(output, rack.programs / "kesto-client", "--password", "tandrivel", "watch", "--all")
     wait_until(lambda: _lines(output) > 10 * rack.count or watch.poll() is not None, "the client hears all")
     if watch.poll() is not None:
         print(f"no figures of a client that hears all: {output.read_text().strip()}", file=sys.stderr)

@@ -1,6 +1,6 @@
 """A rack of simulated devices: each a service, a simulated device and a bus in a network and a /tmp of its own, with a cable
-to one bridge. It is built in the network of the caller, who has to have the rights for it; scripts/rack.py makes such a network
-and is how a rack is used. Nothing is ended here: that is left to the end of the caller's process namespace."""
+to one bridge. It is built in the network of the caller, who has to have the rights for it; scripts/rack.py makes such a
+network and is how a rack is used. Nothing is ended here: that is left to the end of the caller's process namespace."""
 import ipaddress
 import json
 import os
@@ -143,8 +143,9 @@ def start_device(rack, device):
     there, environment = inside(device, "--net", "--mount"), {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/tmp/bus"}
     start_program(device, "device", "serving", [*there, rack.programs / "kesto-device", "--store=/tmp/device.store",
                                                 *rack.device_options], **environment)
-    start_program(device, "access", "zsys_catch_interrupts" if rack.is_logged else "", [*there, rack.programs / "kesto-access"],
-                  **environment, KESTO_DEBUG="1" if rack.is_logged else "0", KESTO_AMP_NAME=device.name)
+    ready, debug = ("zsys_catch_interrupts", "1") if rack.is_logged else ("", "0")
+    start_program(device, "access", ready, [*there, rack.programs / "kesto-access"], **environment, KESTO_DEBUG=debug,
+                  KESTO_AMP_NAME=device.name)
 
 
 def stop_device(device):
