@@ -1,6 +1,5 @@
 // The codec with any bytes: what it hands to the service keeps the contract, and every answer can be read again.
 #include <cstdlib>
-#include <string>
 
 #include <kesto/proto.h>
 

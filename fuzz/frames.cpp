@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <gio/gio.h>
 

@@ -1,7 +1,6 @@
 // A logged-in client's command socket: what it answers, and what of it reaches the data service and comes back.
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,13 +14,12 @@ static std::string read_request(const std::string &client_id) {
     return message.SerializeAsString();
 }
 
-struct NoRequestCase {
-    const char *why;
-    Texts frames;
-};
 static const std::string a_read = read_request("panel-1");
 static const Texts two_requests = {a_read, a_read}, many_pieces(200, a_read);
-static const NoRequestCase no_requests[] = {
+static const struct {
+    const char *why;
+    Texts frames;
+} no_requests[] = {
     {"no message at all",        {"\xff\xff\xff\xff"}},
     {"two requests in one",      two_requests        },
     {"an envelope of its own",   {"", a_read}        },
@@ -30,7 +28,7 @@ static const NoRequestCase no_requests[] = {
 
 TEST(Command, AnswersWhatIsNoRequestOnceAndEmpty) {
     LoggedInFixture fixture;
-    for (const NoRequestCase &row : no_requests) {
+    for (const auto &row : no_requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(fixture.panel.exchange(Channel::command, row.frames), "");
         fixture.gateway.expect_log({"*:client_read:* - error data not parsable", "[CLIENT] error encoding"});
@@ -116,14 +114,13 @@ TEST(DataAccess, TellsTheDeviceNothingOfWhatIsIncomplete) {
     fixture.expect_no_call();
 }
 
-struct PairsCase {
+static const OptionalText none = std::nullopt;
+static const struct {
     const char *why;
     Pairs pairs;
     const char *sent;
     size_t discarded;
-};
-static const OptionalText none = std::nullopt;
-static const PairsCase multi_writes[] = {
+} multi_writes[] = {
     {"one key twice",    {{"/a", "B"}, {"/a", "A"}},              "[(1, '/a', 'B'), (1, '/a', 'A')]", 0},
     {"an empty key",     {{"", "A"}, {"/b", ""}},                 "[(1, '', 'A'), (1, '/b', '')]",    0},
     {"one has no value", {{"/a", none}, {"/b", "B"}},             "[(1, '/b', 'B')]",                 1},
@@ -133,7 +130,7 @@ static const PairsCase multi_writes[] = {
 
 TEST(DataAccess, WritesManyKeysInOneCall) {
     LoggedInFixture fixture;
-    for (const PairsCase &row : multi_writes) {
+    for (const auto &row : multi_writes) {
         SCOPED_TRACE(row.why);
         const wire::Reply reply = fixture.panel.multi_write(row.pairs);
         fixture.gateway.device().expect_log({std::string("MultiWrite (") + row.sent + ",)"});

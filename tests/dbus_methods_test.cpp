@@ -26,15 +26,14 @@ static Texts shown(const std::vector<wire::Message> &messages) {
     return texts;
 }
 
-struct CallCase {
-    const char *method, *arguments, *heard, *answer;
-    uint32_t changes;
-};
 static constexpr const char *dispatch = "Dispatch", *general = "GeneralDispatch", *snapshot = "SnapshotLoadedDispatch";
 static constexpr const char *speaker_preset = "SpeakerPresetLoadedDispatch";
 static constexpr const char *bad_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
 static constexpr const char *unknown_method = "org.freedesktop.DBus.Error.UnknownMethod";
-static constexpr CallCase calls[] = {
+static constexpr struct {
+    const char *method, *arguments, *heard, *answer;
+    uint32_t changes;
+} calls[] = {
     {dispatch,       "(-1, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(41, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(40, -1.0, 2)",            "",                                 "()",           0},
@@ -66,7 +65,7 @@ TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
     wire::Request question;
     question.mutable_change_count();
     uint32_t counted = 0;
-    for (const CallCase &row : calls) {
+    for (const auto &row : calls) {
         SCOPED_TRACE(std::string(row.method) + row.arguments);
         GVariant *arguments = g_variant_parse(nullptr, row.arguments, nullptr, nullptr, nullptr);
         const Answer answer = gateway.call(row.method, arguments);

@@ -9,7 +9,6 @@
 #include <regex>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -47,11 +46,6 @@ static std::string text_for(RemoteClient &client, Channel channel) {
     return text;
 }
 
-struct DeviceCase {
-    const char *why;
-    Environment environment;
-    const char *reply, *text, *files;
-};
 static const Environment all_settings = {
     {"hw_serial",        "H-1"       },
     {"oem_serial",       "O-2"       },
@@ -75,7 +69,11 @@ static constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|
 static constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
 static constexpr const char *loopback_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:0|ZMQ:0||?||||QM240817|17|Harbour hall|4221=ON!";
-static const DeviceCase devices[] = {
+static const struct {
+    const char *why;
+    Environment environment;
+    const char *reply, *text, *files;
+} devices[] = {
     {"nothing set",      {},            plain_reply,    plain_text, plain_files},
     {"everything set",   all_settings,  set_reply,      set_text,   set_files  },
     {"on loopback only", loopback_only, loopback_reply, plain_text, plain_files},
@@ -83,7 +81,7 @@ static const DeviceCase devices[] = {
 
 TEST(Discovery, DescribesTheDevice) {
     umask(022);
-    for (const DeviceCase &row : devices) {
+    for (const auto &row : devices) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.environment = row.environment});
         EXPECT_EQ(all_files(), row.files);
@@ -103,10 +101,9 @@ TEST(Discovery, TakesAnEmptySettingAsItIs) {
     }
 }
 
-struct SlotCase {
+static constexpr struct {
     const char *id, *log, *mark, *full_model;
-};
-static constexpr SlotCase slots[] = {
+} slots[] = {
     {"1",  "slotid: 1 -",                         "-", "DKX8-3000_ND"},
     {"2",  "slotid: 2 D",                         "D", "DKX8-3000"   },
     {"3",  "slotid: 3 +",                         "+", "DKX8-3000_P" },
@@ -115,7 +112,7 @@ static constexpr SlotCase slots[] = {
 };
 
 TEST(Discovery, NamesTheSlotAndTheModelInIt) {
-    for (const SlotCase &row : slots) {
+    for (const auto &row : slots) {
         SCOPED_TRACE(row.id);
         Gateway gateway({.environment = {{"KESTO_SLOT_ID", row.id}}});
         gateway.service().rewind();
@@ -126,17 +123,16 @@ TEST(Discovery, NamesTheSlotAndTheModelInIt) {
     }
 }
 
-struct ExtraCase {
+static constexpr struct {
     const char *enable_4221, *has_lumaversa, *extra;
-};
-static constexpr ExtraCase extras[] = {
+} extras[] = {
     {"",   "",    "4221=ON"             },
     {"1",  "on",  "4221=ON,LUMAVERSA=ON"},
     {"ON", "yes", "4221=OFF"            },
 };
 
 TEST(Discovery, SaysInItsExtraWhatTheDeviceHas) {
-    for (const ExtraCase &row : extras) {
+    for (const auto &row : extras) {
         SCOPED_TRACE(row.extra);
         Gateway gateway({
             .environment = {{"ENABLE4221", row.enable_4221}, {"HAS_LUMAVERSA", row.has_lumaversa}}
@@ -203,12 +199,6 @@ TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
     EXPECT_THAT(discovery.find("panel-1"), testing::AllOf(testing::SizeIs(8191), testing::EndsWith("pppp")));
 }
 
-struct RequestCase {
-    const char *why;
-    std::string datagram;
-    bool answered;
-    std::string log;
-};
 static const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) ",
                          bad_frame = "[DISCOVERY] discarded... ";
 static const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
@@ -216,7 +206,12 @@ static const std::string longest_id(8191 - discovery_request("").size(), 'i'), n
 static const std::string of_a_device =
     "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
 static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
-static const RequestCase requests[] = {
+static const struct {
+    const char *why;
+    std::string datagram;
+    bool answered;
+    std::string log;
+} requests[] = {
     {"too short",            "@!",                     false,                            bad_length + "(2)"         },
     {"wrong first byte",     "!?panel!",               false,                            bad_frame + "(8 ! ? !)"    },
     {"cut before its mark",  too_long,                 false,                            bad_frame + "(8191 @ ? x)" },
@@ -234,7 +229,7 @@ static const RequestCase requests[] = {
 TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
     Gateway gateway;
     Discovery discovery;
-    for (const RequestCase &row : requests) {
+    for (const auto &row : requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(discovery.ask(row.datagram).has_value(), row.answered);
         gateway.expect_log({row.log});
@@ -314,19 +309,18 @@ TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
     gateway.expect_log({added});
 }
 
-struct FirstRequestCase {
+static const struct {
     const char *why;
     Channel channel;
     OptionalText discovery;
     wire::Status status;
-};
-static const FirstRequestCase first_requests[] = {
+} first_requests[] = {
     {"any on the authentication socket",    Channel::authentication, std::nullopt,        wire::STATUS_OK     },
     {"a login with a text on the commands", Channel::command,        "of another device", wire::STATUS_REFUSED},
 };
 
 TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
-    for (const FirstRequestCase &row : first_requests) {
+    for (const auto &row : first_requests) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.with_device = false});
         gateway.service().rewind();

@@ -1,6 +1,5 @@
 // What one client's change tells the others, and what it does not.
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -44,12 +43,11 @@ TEST(Echo, IsTheVeryAnswerOfTheWriter) {
     }
 }
 
-struct ActCase {
+static constexpr struct {
     const char *why, *fault;
     Act act;
     bool echoed;
-};
-static constexpr ActCase acts[] = {
+} acts[] = {
     {"a write",                   "write=none",        write_name,          true },
     {"a read",                    "read=none",         read_name,           false},
     {"a question",                "read=none",         ask_for_right,       false},
@@ -70,7 +68,7 @@ TEST(Echo, FollowsOnlyWhatTheDataServiceWasTold) {
     RemoteClient second("panel-2");
     second.log_in();
     second.subscribe(fixture.gateway);
-    for (uint32_t changes = 0; const ActCase &row : acts) {
+    for (uint32_t changes = 0; const auto &row : acts) {
         SCOPED_TRACE(row.why);
         fixture.gateway.set_fault(row.fault);
         const wire::Reply answer = row.act(fixture.panel);

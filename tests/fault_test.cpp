@@ -30,20 +30,18 @@ struct TwoClientsFixture : LoggedInFixture {
     }
 };
 
-struct FaultCase {
-    const char *fault;
-    Act act;
-    bool ok;
-    const char *answer, *log;  // the value of a read, else the result of a write
-};
-
 static constexpr const char *read_failed = "unable to call method for DBUS datad proxy: *Error.Failed: simulated fault";
 static constexpr const char *write_failed =
     "DBUS datad Write method error ('/Device/Config/Name'<-'*'): *simulated fault";
 static constexpr const char *multi_write_failed =
     "DBUS datad Write method error: *Error.Failed: simulated fault (panel-1)";
 
-static constexpr FaultCase faults[] = {
+static constexpr struct {
+    const char *fault;
+    Act act;
+    bool ok;
+    const char *answer, *log;  // the value of a read, else the result of a write
+} faults[] = {
     {"read=error",        read_name,        false, "0",  read_failed                   },
     {"read=type",         read_name,        true,  "7",  "*"                           },
     {"read=empty",        read_name,        false, "0",  "*"                           },
@@ -57,7 +55,7 @@ static constexpr FaultCase faults[] = {
 
 TEST(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
     TwoClientsFixture fixture;
-    for (const FaultCase &row : faults) {
+    for (const auto &row : faults) {
         SCOPED_TRACE(row.fault);
         fixture.gateway.set_fault(row.fault);
         const wire::Reply reply = row.act(fixture.panel);

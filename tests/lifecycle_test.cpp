@@ -39,13 +39,12 @@ static void expect_orderly_end(Gateway &gateway) {
     EXPECT_EQ(gateway.service().wait_exit(), good_end);
 }
 
-struct SignalCase {
-    const char *why, *after;
-    std::vector<int> signals;
-};
 static constexpr const char *in_the_start = "[NET] access first reading settings, it can fail";
 static constexpr const char *up = "zsys_catch_interrupts";
-static const SignalCase stop_signals[] = {
+static const struct {
+    const char *why, *after;
+    std::vector<int> signals;
+} stop_signals[] = {
     {"SIGTERM",               up,           {SIGTERM}                 },
     {"SIGINT",                up,           {SIGINT}                  },
     {"SIGINT while stopping", up,           {SIGTERM, SIGINT, SIGTERM}},
@@ -54,7 +53,7 @@ static const SignalCase stop_signals[] = {
 };
 
 TEST(Stop, ComesOrderlyByASignal) {
-    for (const SignalCase &row : stop_signals) {
+    for (const auto &row : stop_signals) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.wait_until_up = false});
         gateway.expect_log({row.after});
@@ -81,22 +80,21 @@ TEST(Stop, ComesFromThePlatformAndIsNotSpoiltBySignals) {
     expect_orderly_end(gateway);
 }
 
-struct FatalCase {
+static constexpr const char *no_udp_port = "*:kesto_access_net_start:* - bind on udp socket";
+static constexpr const char *no_tcp_port = "error auth socket";
+static constexpr struct {
     const char *why;
     int type;  // of the socket that holds the port; 0: none
     uint16_t port;
     const char *address, *log;
-};
-static constexpr const char *no_udp_port = "*:kesto_access_net_start:* - bind on udp socket";
-static constexpr const char *no_tcp_port = "error auth socket";
-static constexpr FatalCase fatal_starts[] = {
+} fatal_starts[] = {
     {"UDP port taken", SOCK_DGRAM,  8004,                "",      no_udp_port},
     {"TCP port taken", SOCK_STREAM, authentication_port, "",      no_tcp_port},
     {"no address",     0,           0,                   "%s%n*", no_tcp_port},
 };
 
 TEST(Start, EndsTheServiceOrderlyWhenTheNetworkCannotBeHad) {
-    for (const FatalCase &row : fatal_starts) {
+    for (const auto &row : fatal_starts) {
         SCOPED_TRACE(row.why);
         std::optional<TakenPort> taken;
         if (row.type != 0) taken.emplace(row.type, row.port);
@@ -136,19 +134,18 @@ TEST(Start, TakesAllDescriptorsButTheStandardOnes) {
     }
 }
 
-struct OptionCase {
+static constexpr const char *crash_dump = "/tmp/crash_access.dump";
+static constexpr struct {
     const char *option, *said;
     bool good;
-};
-static constexpr const char *crash_dump = "/tmp/crash_access.dump";
-static constexpr OptionCase options[] = {
+} options[] = {
     {"--bogus", "option parsing failed: Unknown option --bogus", false},
     {"--help",  "Usage:\n  kesto-access [OPTION",                true },
 };
 
 TEST(CommandLine, EndsTheServiceBeforeItIsSeen) {
     std::filesystem::remove(crash_dump);
-    for (const OptionCase &row : options) {
+    for (const auto &row : options) {
         SCOPED_TRACE(row.option);
         Gateway gateway({.arguments = {row.option}, .wait_until_up = false});
         EXPECT_EQ(gateway.service().wait_exit() == good_end, row.good);

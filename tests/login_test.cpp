@@ -1,7 +1,6 @@
 // Who gets in on the authentication socket, who does not, and how a client leaves.
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,12 +9,11 @@
 
 static constexpr const char *added = "[AUTH] added non discovered client";
 
-struct CredentialsCase {
+static const struct {
     const char *id;
     OptionalText user_name, password;
     Ports ports;  // Ports{}: refused, which takes none
-};
-static const CredentialsCase credentials[] = {
+} credentials[] = {
     {"second user",              "quillmont",  "tandrivel",  {62001, 63001}},
     {"user in another case",     "Root",       "vormi",      {}            },
     {"password in another case", "root",       "Vormi",      {}            },
@@ -30,7 +28,7 @@ static const CredentialsCase credentials[] = {
 
 TEST(Login, TakesTheTwoUsersAndNobodyElse) {
     Gateway gateway;
-    for (const CredentialsCase &row : credentials) {
+    for (const auto &row : credentials) {
         SCOPED_TRACE(row.id);
         RemoteClient client(row.id);
         EXPECT_EQ(client.log_in({.user_name = row.user_name, .password = row.password}), row.ports);
@@ -50,12 +48,11 @@ TEST(Login, RenewalKeepsPortsAndFlags) {
     EXPECT_EQ(panel.read("/Device/Config/Networking/Wifi/Passphrase").value().text(), "********");
 }
 
-struct RenewalCase {
+static constexpr struct {
     const char *user_name, *password;
     int port;  // 0: refused
     const char *log;
-};
-static constexpr RenewalCase renewals[] = {
+} renewals[] = {
     {"root",      "no",        0,     "but there is already a client connected with same client id, so I cannot remove"},
     {"quillmont", "tandrivel", 0,     "more the one login on root quillmont"                                           },
     {"root",      "vormi",     62001, "[panel-1] authenticating username=[root], password=[vormi] done"                },
@@ -64,7 +61,7 @@ static constexpr RenewalCase renewals[] = {
 TEST(Login, RefusedLeavesARunningSessionAlone) {
     LoggedInFixture fixture;
     for (const Channel channel : {Channel::authentication, Channel::command})
-        for (const RenewalCase &row : renewals) {
+        for (const auto &row : renewals) {
             SCOPED_TRACE(row.log);
             const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
             EXPECT_EQ(fixture.panel.ask(channel, request).session().command_port(), row.port);
@@ -91,12 +88,11 @@ TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     EXPECT_EQ(panel.log_in({.discovery = own}), (Ports{62001, 63001}));  // the refused ones have taken none
 }
 
-struct LogoutCase {
+static constexpr struct {
     bool monitor, no_lock;
     Channel channel;
     const char *told_id;
-};
-static constexpr LogoutCase logouts[] = {
+} logouts[] = {
     {false, false, Channel::authentication, "panel-1"   },
     {false, true,  Channel::command,        "@localhost"},
     {true,  false, Channel::command,        "panel-1"   },
@@ -107,7 +103,7 @@ TEST(Logout, AnswersThenReleasesAndFreesTheId) {
     Gateway gateway;
     RemoteClient panel("panel-1");
     Ports ports = {62001, 63001};
-    for (const LogoutCase &row : logouts) {
+    for (const auto &row : logouts) {
         SCOPED_TRACE(ports.command);
         EXPECT_EQ(panel.log_in({.monitor = row.monitor, .no_lock = row.no_lock}), ports);
         gateway.expect_log({added, row.monitor ? "first same connection: (panel-1) 1" : "[AUTH] > zmq_msg_send"});
@@ -123,11 +119,6 @@ TEST(Logout, AnswersThenReleasesAndFreesTheId) {
     }
 }
 
-struct BadRequestCase {
-    const char *why;
-    Texts frames;
-    const char *log;
-};
 static const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";
 static constexpr size_t longest_id = 8185;
 
@@ -140,7 +131,11 @@ static std::string login_of(size_t id_length) {
 }
 
 static const std::string too_long_id = login_of(longest_id + 1);
-static const BadRequestCase bad_requests[] = {
+static const struct {
+    const char *why;
+    Texts frames;
+    const char *log;
+} bad_requests[] = {
     {"no message",   {"\xff\xff\xff"}, "*:server_auth:* - error data not parsable"},
     {"empty",        {""},             "*:server_auth:* - error data not parsable"},
     {"two frames",   {no_id, ""},      "*:server_auth:* - error data not parsable"},
@@ -151,7 +146,7 @@ static const BadRequestCase bad_requests[] = {
 TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
     Gateway gateway;
     RemoteClient panel("panel-1");
-    for (const BadRequestCase &row : bad_requests) {
+    for (const auto &row : bad_requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(panel.exchange(Channel::authentication, row.frames), "");
         EXPECT_EQ(panel.log_out().status(), wire::STATUS_OK);  // the socket is ready for the next request at once

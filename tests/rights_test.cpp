@@ -1,7 +1,5 @@
 // What the user of a session may read and write, over the wire and down to the device.
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -79,12 +77,11 @@ TEST(Rights, LeaveWhatIsNotListedToEverybody) {
     EXPECT_EQ(fixture.panel.write(serial_key, "1", 0xEFFF).write().result(), -1);  // every bit but the lock's
 }
 
-struct ForbiddenCase {
+static const struct {
     const char *why;
     Pairs pairs;
     const char *position;
-};
-static const ForbiddenCase forbidden[] = {
+} forbidden[] = {
     {"the last",             {{name_key, "A"}, {name_key, "B"}, {serial_key, std::nullopt}}, "[77]"},
     {"two, the first tells", {{"/Device/Config/EASY_SWAP_ID", "A"}, {serial_key, "B"}},      "[84]"},
     {"behind no keys",       {{"", "A"}, {std::nullopt, "B"}, {serial_key, "C"}},            "[77]"},
@@ -92,7 +89,7 @@ static const ForbiddenCase forbidden[] = {
 
 TEST(Rights, WriteNothingWhenOneOfManyKeysIsListed) {
     LoggedInFixture fixture(as_quillmont);
-    for (const ForbiddenCase &row : forbidden) {
+    for (const auto &row : forbidden) {
         SCOPED_TRACE(row.why);
         const wire::Reply reply = fixture.panel.multi_write(row.pairs);
         EXPECT_EQ(reply.status(), wire::STATUS_REFUSED);
@@ -103,13 +100,12 @@ TEST(Rights, WriteNothingWhenOneOfManyKeysIsListed) {
     EXPECT_EQ(fixture.panel.multi_write(Pairs(2, {"", "A"})).status(), wire::STATUS_OK);
 }
 
-struct QuestionCase {
+static constexpr struct {
     uint32_t operation;
     const char *key;
     uint32_t recursive;
     bool allowed;
-};
-static constexpr QuestionCase questions[] = {
+} questions[] = {
     {2, "/",        0, true },
     {2, "/",        1, false},
     {2, "/",        2, false},
@@ -121,7 +117,7 @@ static constexpr QuestionCase questions[] = {
 
 TEST(Rights, CanBeAskedFor) {
     LoggedInFixture fixture(as_quillmont);
-    for (const QuestionCase &row : questions) {
+    for (const auto &row : questions) {
         SCOPED_TRACE(std::to_string(row.operation) + ' ' + row.key);
         EXPECT_EQ(fixture.panel.authorize(row.operation, row.key, row.recursive).authorization().allowed(),
                   row.allowed);

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -51,17 +50,16 @@ TEST(Session, RefusesATakenPortAndGoesOnToTheNext) {
                                             "ClientAuthenticated ('panel-1',)"}));
 }
 
-struct OpeningCase {
+static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
+static const LoginOptions everything = {
+    .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};
+static const struct {
     const char *id;
     LoginOptions login;
     Ports ports;
     bool watched;
     const char *flags;
-};
-static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
-static const LoginOptions everything = {
-    .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};
-static const OpeningCase openings[] = {
+} openings[] = {
     {"panel-1",     plain,      {62001, 63001}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
     {"panel-2",     everything, {62002, 63002}, true,  "discard_my_feedback:1 hide_secure:1 no_lock:1"},
     {"@localhost",  monitored,  {62000, 63000}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
@@ -70,7 +68,7 @@ static const OpeningCase openings[] = {
 
 TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {
     Gateway gateway;
-    for (const OpeningCase &row : openings) {
+    for (const auto &row : openings) {
         SCOPED_TRACE(row.id);
         EXPECT_EQ(RemoteClient(row.id).log_in(row.login), row.ports);
         const Texts log =
@@ -84,18 +82,17 @@ TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {
     }
 }
 
-struct AddressCase {
+static constexpr struct {
     const char *setting, *shown;
     bool elsewhere;  // heard on another address of this machine
-};
-static constexpr AddressCase addresses[] = {
+} addresses[] = {
     {"",          "*",         true },
     {"127.0.0.1", "127.0.0.1", false},
     {"127.0.0.2", "127.0.0.2", true },
 };
 
 TEST(Session, BindsToTheAddressThatIsSet) {
-    for (const AddressCase &row : addresses) {
+    for (const auto &row : addresses) {
         SCOPED_TRACE(row.setting);
         Gateway gateway({.environment = {{"ZMQ_ACCESS_IP", row.setting}}});
         const std::string shown = row.shown, address = shown != "*" ? shown : "127.0.0.1";
