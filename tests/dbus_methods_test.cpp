@@ -4,8 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/gateway.h"
-#include "harness/remote_client.h"
+#include "harness/fixtures.h"
+
+struct DbusMethods : testing::Test, GatewayFixture {};
 
 // Each message as a line of text.
 static Texts shown(const std::vector<wire::Message> &messages) {
@@ -53,9 +54,8 @@ static constexpr struct {
     {"Redispatch",   "()",                       "",                                 unknown_method, 0},
 };
 
-TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
-    Gateway gateway;
-    RemoteClient panel("panel-1"), second("panel-2");
+TEST_F(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
+    RemoteClient second("panel-2");
     for (RemoteClient *client : {&panel, &second}) {
         client->log_in();
         client->subscribe(gateway);

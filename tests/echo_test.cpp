@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/logged_in_fixture.h"
+#include "harness/fixtures.h"
 
 static constexpr const char *listed_key = "/Device/Config/EASY_SWAP_ID";  // not quillmont's to write
 

@@ -23,12 +23,11 @@ TEST(Start, TracesTheLoopWhateverTheSettingSays) {
     for (const std::string setting : {"yes", "", "ON"}) {
         SCOPED_TRACE(setting);
         Gateway gateway({.environment = {{"CZMQ_VERBOSE_LOOP", setting}}});
-        gateway.service().rewind();
-        gateway.expect_log({"czmq verbose loop: " + setting});
+        gateway.service().rewind().expect_log({"czmq verbose loop: " + setting});
         const Texts next = gateway.service().log_until("COMPUTE STATIC DISCOVERY");
         EXPECT_EQ(std::ranges::count(next, "czmq verbose loop VERBOSE"), setting == "yes");
-        gateway.service().rewind();  // the tracing is on the other stream, which has no order with the log
-        gateway.expect_log({"D: *zloop polling*"});
+        // The tracing is on the other stream, which has no order with the log.
+        gateway.service().rewind().expect_log({"D: *zloop polling*"});
     }
 }
 
@@ -73,10 +72,8 @@ TEST(Stop, ComesFromThePlatformAndIsNotSpoiltBySignals) {
     gateway.expect_log({"destroy srv"});
     constexpr int signals = 5000;  // longer than the process takes for its end
     for (int i = 0; i < signals; i++) gateway.service().send_signal(SIGTERM);
-    gateway.service().rewind();
-    gateway.expect_log({"wait stop zmq"});
-    gateway.service().rewind();
-    gateway.expect_log({"request to stop", "end zmq mainloop: -1"});
+    gateway.service().rewind().expect_log({"wait stop zmq"});
+    gateway.service().rewind().expect_log({"request to stop", "end zmq mainloop: -1"});
     expect_orderly_end(gateway);
 }
 
@@ -161,8 +158,7 @@ TEST(Log, IsSilentUnlessSwitchedOn) {
         Gateway gateway({.environment = {{"KESTO_DEBUG", setting}}, .wait_until_up = false});
         RemoteClient("panel-1").log_in();
         gateway.call("SpeakerPresetLoadedDispatch");
-        gateway.service().send_signal(SIGTERM);
-        EXPECT_EQ(gateway.service().wait_exit(), good_end);
+        gateway.service().expect_orderly_end();
         EXPECT_EQ(gateway.service().text(STDOUT_FILENO) + gateway.service().text(STDERR_FILENO), "");
     }
 }

@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/logged_in_fixture.h"
+#include "harness/fixtures.h"
 #include "harness/port.h"
+
+struct Login : testing::Test, GatewayFixture {};
+struct RunningSession : testing::Test, LoggedInFixture {};
+using Logout = Login;
+using Authentication = Login;
 
 static constexpr const char *added = "[AUTH] added non discovered client";
 
@@ -26,8 +31,7 @@ static const struct {
     {"first user",               "root",       "vormi",      {62002, 63002}},
 };
 
-TEST(Login, TakesTheTwoUsersAndNobodyElse) {
-    Gateway gateway;
+TEST_F(Login, TakesTheTwoUsersAndNobodyElse) {
     for (const auto &row : credentials) {
         SCOPED_TRACE(row.id);
         RemoteClient client(row.id);
@@ -37,9 +41,7 @@ TEST(Login, TakesTheTwoUsersAndNobodyElse) {
     }
 }
 
-TEST(Login, RenewalKeepsPortsAndFlags) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
+TEST_F(Login, RenewalKeepsPortsAndFlags) {
     panel.log_in({.hide_secure_info = true});
     EXPECT_EQ(panel.log_in({.no_lock = true}), (Ports{62001, 63001}));
     gateway.expect_log({"login known client: panel-1", "[panel-1] alredy exist a connection, reuse it (0)"});
@@ -58,26 +60,23 @@ static constexpr struct {
     {"root",      "vormi",     62001, "[panel-1] authenticating username=[root], password=[vormi] done"                },
 };
 
-TEST(Login, RefusedLeavesARunningSessionAlone) {
-    LoggedInFixture fixture;
+TEST_F(RunningSession, IsLeftAloneByARefusedLogin) {
     for (const Channel channel : {Channel::authentication, Channel::command})
         for (const auto &row : renewals) {
             SCOPED_TRACE(row.log);
             const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
-            EXPECT_EQ(fixture.panel.ask(channel, request).session().command_port(), row.port);
-            fixture.gateway.service().expect_no_log_before("free client*", row.log);
-            EXPECT_EQ(fixture.panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
+            EXPECT_EQ(panel.ask(channel, request).session().command_port(), row.port);
+            gateway.service().expect_no_log_before("free client*", row.log);
+            EXPECT_EQ(panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
         }
-    EXPECT_EQ(fixture.gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
+    EXPECT_EQ(gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
 }
 
-TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
+TEST_F(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     const std::string own = "@?DKX8-3000\0341.12.1.32\034QM240817\034?\034\034\034QM240817\0344221=ON!";
     Texts others = {"", own.substr(0, own.size() - 1), own + "!"};
     for (const size_t place : {size_t{0}, own.find('K'), own.find('\034'), own.size() - 1})
         others.emplace_back(own).at(place) ^= 0x20;  // changes the case of a letter
-    Gateway gateway;
-    RemoteClient panel("panel-1");
     for (const std::string &text : others) {
         SCOPED_TRACE(text);
         EXPECT_EQ(panel.log_in({.discovery = text}), Ports{});
@@ -99,9 +98,7 @@ static constexpr struct {
     {true,  true,  Channel::authentication, "@localhost"},
 };
 
-TEST(Logout, AnswersThenReleasesAndFreesTheId) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
+TEST_F(Logout, AnswersThenReleasesAndFreesTheId) {
     Ports ports = {62001, 63001};
     for (const auto &row : logouts) {
         SCOPED_TRACE(ports.command);
@@ -143,9 +140,7 @@ static const struct {
     {"id too long",  {too_long_id},    "*:server_auth:* - invalid client id"      },
 };
 
-TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
+TEST_F(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
     for (const auto &row : bad_requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(panel.exchange(Channel::authentication, row.frames), "");
@@ -156,15 +151,13 @@ TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
     }
 }
 
-TEST(Authentication, TakesTheLongestId) {
-    Gateway gateway;
+TEST_F(Authentication, TakesTheLongestId) {
     EXPECT_EQ(RemoteClient(std::string(longest_id, 'i')).log_in(), (Ports{62001, 63001}));
 }
 
-TEST(Authentication, OffersNoDataAccess) {
-    LoggedInFixture fixture;
-    fixture.panel.read(name_key);  // what a session may do does not stay behind for the next one who asks
-    fixture.gateway.device().expect_log({"Read *"});
+TEST_F(RunningSession, OffersNoDataAccessOnTheAuthenticationSocket) {
+    panel.read(name_key);  // what a session may do does not stay behind for the next one who asks
+    gateway.device().expect_log({"Read *"});
     wire::Request read, write, multi_write, authorize;
     read.mutable_read()->set_key(name_key);
     write.mutable_write()->set_key(name_key);
@@ -172,6 +165,6 @@ TEST(Authentication, OffersNoDataAccess) {
     authorize.mutable_authorize()->set_key(name_key);
     for (const wire::Request &request : {read, write, multi_write, authorize}) {
         SCOPED_TRACE(request.operation_case());
-        EXPECT_EQ(fixture.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
+        EXPECT_EQ(panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
     }
 }

@@ -6,11 +6,12 @@
 #include <gtest/gtest.h>
 
 #include "harness/discovery.h"
-#include "harness/gateway.h"
+#include "harness/fixtures.h"
 #include "harness/port.h"
-#include "harness/remote_client.h"
 
-TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
+struct Session : testing::Test, GatewayFixture {};
+
+TEST(Ports, RotateAtTheEndOfTheirRanges) {
     constexpr int sessions = 998;
     // Too few descriptors for sessions that leave anything behind.
     Gateway gateway({.environment = {{"ZSYS_MAX_SOCKETS", ""}}, .prepared_by = "ulimit -n 256"});
@@ -25,8 +26,7 @@ TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
     EXPECT_EQ(RemoteClient("panel-2").log_in(), (Ports{62003, 63003}));
 }
 
-TEST(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
-    Gateway gateway;
+TEST_F(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
     RemoteClient local("@localhost");
     for (int i = 0; i < 50; i++) {
         ASSERT_EQ(local.log_in(), (Ports{62000, 63000})) << i;
@@ -36,10 +36,8 @@ TEST(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
     }
 }
 
-TEST(Session, RefusesATakenPortAndGoesOnToTheNext) {
-    Gateway gateway;
+TEST_F(Session, RefusesATakenPortAndGoesOnToTheNext) {
     const TakenPort command(SOCK_STREAM, 62001), event(SOCK_STREAM, 63002);
-    RemoteClient panel("panel-1");
     for (const char *log : {"error bind on port (tcp://*:62001)", "error bind on port (tcp://*:63002)"}) {
         EXPECT_EQ(panel.log_in({.monitor = true}), Ports{});
         gateway.expect_log({log, "free cl_id"});
@@ -66,8 +64,7 @@ static const struct {
     {"@localhost2", monitored,  {62003, 63003}, true,  "discard_my_feedback:0 hide_secure:0 no_lock:0"},
 };
 
-TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {
-    Gateway gateway;
+TEST_F(Session, OpensItsSocketsInOrderWithTheirOptions) {
     for (const auto &row : openings) {
         SCOPED_TRACE(row.id);
         EXPECT_EQ(RemoteClient(row.id).log_in(row.login), row.ports);
@@ -91,7 +88,7 @@ static constexpr struct {
     {"127.0.0.2", "127.0.0.2", true },
 };
 
-TEST(Session, BindsToTheAddressThatIsSet) {
+TEST(Address, IsTheOneThatIsSet) {
     for (const auto &row : addresses) {
         SCOPED_TRACE(row.setting);
         Gateway gateway({.environment = {{"ZMQ_ACCESS_IP", row.setting}}});

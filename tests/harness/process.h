@@ -59,7 +59,7 @@ class Process {
     void send_signal(int number) { kill(pid_, number); }
     Exit wait_exit(Where where = Where::current());
 
-    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit or been abandoned. Records a failure,
+    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit or failed. Records a failure,
      * never throws. */
     void expect_orderly_end();
 
