@@ -12,8 +12,13 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/gateway.h"
-#include "harness/remote_client.h"
+#include "harness/fixtures.h"
+
+struct DiscoveryRequest : testing::Test, GatewayFixture {
+    Discovery discovery;
+};
+using DiscoveryReply = DiscoveryRequest;
+using DiscoveryFiles = DiscoveryRequest;
 
 static constexpr const char *added = "[DISCOVERY] added client: panel-1";
 static constexpr const char *known =
@@ -94,10 +99,33 @@ TEST(Discovery, DescribesTheDevice) {
     }
 }
 
-TEST(Discovery, TakesAnEmptySettingAsItIs) {
-    for (const std::string setting : {"hw_serial", "hw_model", "oem_serial"}) {
-        Gateway gateway({.environment = {{setting, ""}}});
-        EXPECT_EQ(content_of(setting == "hw_serial" ? "serial" : setting.c_str()), "");
+// A name with letters of two bytes from its 255th byte on: it is cut between them.
+static const std::string cut_name(254, 'a'), long_name = cut_name + "éééé",
+                                             in_its_place = "|" + cut_name + "|QM240817|";
+
+static const struct {
+    const char *variable;
+    std::string value, in_reply;
+    const char *file, *content;
+} settings[] = {
+    {"hw_serial",      "",        "|4221=ON!",              "serial",     ""                    },
+    {"hw_model",       "",        "|4221=ON!",              "hw_model",   ""                    },
+    {"oem_serial",     "",        "|4221=ON!",              "oem_serial", ""                    },
+    {"ENABLE4221",     "",        "|4221=ON!",              "extra",      "4221=ON"             },
+    {"ENABLE4221",     "1",       "|4221=ON!",              "extra",      "4221=ON"             },
+    {"ENABLE4221",     "ON",      "|4221=OFF!",             "extra",      "4221=OFF"            },
+    {"HAS_LUMAVERSA",  "",        "|4221=ON!",              "extra",      "4221=ON"             },
+    {"HAS_LUMAVERSA",  "on",      "|4221=ON,LUMAVERSA=ON!", "extra",      "4221=ON,LUMAVERSA=ON"},
+    {"HAS_LUMAVERSA",  "yes",     "|4221=ON!",              "extra",      "4221=ON"             },
+    {"KESTO_AMP_NAME", long_name, in_its_place,             "oem_model",  ""                    },
+};
+
+TEST(Discovery, TakesEachSettingAsItIs) {
+    for (const auto &row : settings) {
+        SCOPED_TRACE(row.variable + ("=" + row.value));
+        Gateway gateway({.environment = {{row.variable, row.value}}});
+        EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr(row.in_reply));
+        EXPECT_EQ(content_of(row.file), row.content);
     }
 }
 
@@ -115,30 +143,10 @@ TEST(Discovery, NamesTheSlotAndTheModelInIt) {
     for (const auto &row : slots) {
         SCOPED_TRACE(row.id);
         Gateway gateway({.environment = {{"KESTO_SLOT_ID", row.id}}});
-        gateway.service().rewind();
-        gateway.expect_log({row.log});
+        gateway.service().rewind().expect_log({row.log});
         EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|ZMQ:61000||" + std::string(row.mark) + "|"));
         EXPECT_EQ(content_of("dante"), row.mark);
         EXPECT_EQ(content_of("full_model"), row.full_model);
-    }
-}
-
-static constexpr struct {
-    const char *enable_4221, *has_lumaversa, *extra;
-} extras[] = {
-    {"",   "",    "4221=ON"             },
-    {"1",  "on",  "4221=ON,LUMAVERSA=ON"},
-    {"ON", "yes", "4221=OFF"            },
-};
-
-TEST(Discovery, SaysInItsExtraWhatTheDeviceHas) {
-    for (const auto &row : extras) {
-        SCOPED_TRACE(row.extra);
-        Gateway gateway({
-            .environment = {{"ENABLE4221", row.enable_4221}, {"HAS_LUMAVERSA", row.has_lumaversa}}
-        });
-        EXPECT_EQ(content_of("extra"), row.extra);
-        EXPECT_THAT(Discovery().find("panel-1"), testing::EndsWith("|" + std::string(row.extra) + "!"));
     }
 }
 
@@ -154,22 +162,13 @@ TEST(Discovery, LeavesOutOrCutsWhatIsTooLong) {
     }
 }
 
-TEST(Discovery, CutsALongAmplifierNameBetweenItsLetters) {
-    std::string name(254, 'a');
-    for (int i = 0; i < 1000; ++i) name += "é";  // from the 255th byte on
-    Gateway gateway({.environment = {{"KESTO_AMP_NAME", name}}});
-    EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|" + name.substr(0, 254) + "|QM240817|"));
-}
-
-TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
-    Gateway gateway;
+TEST_F(DiscoveryFiles, AreLeftAloneWhenTheyAreThere) {
     gateway.stop_service();
     std::ofstream(path_of("serial")) << "as it was";
     std::filesystem::remove(path_of("hw_model"));
     gateway.start_service();
     EXPECT_EQ(all_files(), "as it was" + std::string(plain_files).substr(8));
     std::filesystem::remove(path_of("serial"));
-    RemoteClient panel("panel-1");
     EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
     EXPECT_FALSE(std::filesystem::exists(path_of("serial")));  // a start writes them, not a request
 }
@@ -178,14 +177,11 @@ TEST(Discovery, WritesNoFileThroughALink) {
     Gateway gateway({.with_service = false});
     std::filesystem::create_symlink("/tmp/elsewhere", path_of("serial"));
     gateway.start_service();
-    gateway.service().rewind();
-    gateway.expect_log({"error writing on " + path_of("serial")});
+    gateway.service().rewind().expect_log({"error writing on " + path_of("serial")});
     EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
 }
 
-TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryReply, HasTheProjectOfNowAndTheIdentityOfTheStart) {
     EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17|Harbour hall|4221=ON!"));
     gateway.control("Change", "('/Device/Config/PROJECT_INFO', 'Opera', '')");
     gateway.control("Change", "('/Device/Config/EASY_SWAP_ID', '18', '')");
@@ -226,9 +222,7 @@ static const struct {
     {"not UTF-8",                      discovery_request("pa\xffnel\xc3"),                                    true,             id_added + "pa\xffnel\xc3"},
 };
 
-TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryRequest, MayHaveAnyBytesInsideItsFrame) {
     for (const auto &row : requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(discovery.ask(row.datagram).has_value(), row.answered);
@@ -243,9 +237,7 @@ static constexpr int visitors_most = 1024;  // clients that are remembered witho
 
 static std::string visitor(int number) { return "visitor-" + std::to_string(number); }
 
-TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryRequest, ComesFromAClientUntilTooManyLaterOnesHaveCome) {
     for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i), i == 0 ? KeyPair().public_pem() : "");
     discovery.find(visitor(0));
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
@@ -272,9 +264,7 @@ static std::string locked_key() {
                       "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
 }
 
-TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryRequest, WithoutAProperKeyIsNotAnswered) {
     for (const std::string &key : Texts{"no key", elliptic_key, locked_key()}) {
         SCOPED_TRACE(key);
         EXPECT_FALSE(discovery.ask(discovery_request("panel-1", key)));
@@ -286,9 +276,7 @@ TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
     gateway.expect_log({added});  // none of them had left a record
 }
 
-TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryReply, WrapsTheSharedKeyForEachRequestOfAClientThatIsKnown) {
     for (const char *log : {added, known}) {
         const KeyPair key;
         const std::string reply = discovery.find("panel-1", key.public_pem());
@@ -301,7 +289,6 @@ TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
     EXPECT_EQ(discovery.find("panel-1"), plain_reply);  // nothing to wrap it with, whatever the record has
     gateway.expect_log({known, dropped});
 
-    RemoteClient panel("panel-1");
     EXPECT_EQ(panel.log_in(), (Ports{62001, 63001}));
     gateway.expect_log({"login known client: panel-1"});
     panel.log_out();
@@ -323,8 +310,7 @@ TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
     for (const auto &row : first_requests) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.with_device = false});
-        gateway.service().rewind();
-        gateway.expect_log({"result: 0", "NOT POSSIBLE COMPUTE STATIC DISCOVERY"});
+        gateway.service().rewind().expect_log({"result: 0", "NOT POSSIBLE COMPUTE STATIC DISCOVERY"});
         Discovery discovery;
         discovery.send(discovery_request("panel-1"));
         gateway.expect_log({"error reading CHANNELS. it can failt will be reread later",
