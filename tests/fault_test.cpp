@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 // "panel-1" meets the fault; "panel-2" has a session beside it and hears its events.
 struct Fault : testing::Test, LoggedInFixture {
     RemoteClient bystander{"panel-2"};
-                    
+
     Fault() {
         bystander.log_in();
         bystander.subscribe(gateway);

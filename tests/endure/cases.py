@@ -1,5 +1,6 @@
 """The cases of this folder: a function each, registered under a name, run by run.py in a process and a sandbox of its own."""
 from testbed.gateway import TestBed, check
+from testbed.remote import EXACT, request, wire
 
 CASES = {}
 
@@ -16,6 +17,15 @@ class Case(TestBed):
         self.notes[what] = [round(value, 3) if isinstance(value, float) else value, unit]
         return value
 
+    def fault(self, method, kind):
+        """How the data service misbehaves from now on: fault("read", "late:5000"); "none" ends it."""
+        self.control("Fault", "(s)", f"{method}={kind}")
+
+    def begin_slow_read(self, client, key, seconds):
+        """Returns as soon as the request is sent; its answer is the next on client.commands."""
+        self.fault(f"read:{key}", f"late:{1000 * seconds}")
+        client.commands.send(request(client.id, read=wire.Read(key=key, flags=EXACT)))
+
     def check_stop(self, longest_s=60):
         status, seconds = self.stop()
         self.note("stop", 1000 * seconds, "ms")
@@ -25,8 +35,7 @@ class Case(TestBed):
 
 def case(name, shows, alone=False, bed=Case, **settings):
     """Registers the decorated function under `name`; it is called with what `bed` makes of these settings. `shows` says in
-    a sentence what holds when it returns. `alone`: nothing else runs beside it, because its figures are times, or because
-    threads count over the whole machine."""
+    a sentence what holds when it returns. `alone`: nothing else runs beside it, because its figures are times."""
 
     def register(function):
         CASES[name] = {"function": function, "shows": shows, "alone": alone, "bed": bed, "settings": settings}

@@ -1,4 +1,4 @@
-"""Everything that the service can run out of, one after the other: descriptors, ZeroMQ sockets, address space, threads.
+"""Everything that the service can run out of, one after the other: descriptors, ZeroMQ sockets, address space.
 It must refuse what it cannot do, go on with what it has, and serve again when the pressure goes."""
 from contextlib import contextmanager
 from functools import partial
@@ -6,7 +6,7 @@ from functools import partial
 import zmq
 
 from cases import case
-from testbed.remote import A_KEY, Remote, connect, enter, exchange, request, stranger, wire
+from testbed.remote import A_KEY, RawPeer, Remote, connect, enter, exchange, request, stranger, wire
 from testbed.gateway import AUTH_PORT, check, wait_until
 
 TICK_MS = 33
@@ -46,11 +46,11 @@ def open_until_refused(*flags, limit=ALL_SESSIONS):
 
 
 def crowd(bed, ports, size):
-    """Strangers' connections to these ports; fewer than `size` when no more are accepted."""
+    """Strangers' connections to these ports, each second with half a greeting; fewer than `size` when no more are accepted."""
     held = []
     for number in range(size):
         try:
-            held.append(stranger(ports[number % len(ports)]))
+            held.append(stranger(ports[number % len(ports)], RawPeer.GREETING[:number % 2 * 32]))
         except OSError:
             break
     bed.note("strangers", len(held))
@@ -90,15 +90,6 @@ def silent_strangers(bed):
         check(Remote("newcomer").log_in() is not None, "a newcomer was refused")
         check_pressure(bed, first)
     leave(held)
-
-
-@case("descriptors-peers", "real ZeroMQ peers that take every descriptor do not disturb a session", nofile=256)
-def peers(bed):
-    with pressure(bed) as first:
-        held = [connect(zmq.DEALER, AUTH_PORT) for _ in range(400)]
-        wait_until(lambda: bed.figures()["descriptors"] >= bed.nofile - 24, "the descriptors are taken")
-        check_pressure(bed, first)
-        leave(held)
 
 
 @case("sockets-16", "with ZSYS_MAX_SOCKETS 16 logins are refused, also when clients come and go quickly",
@@ -141,18 +132,6 @@ def tiny_pairs(bed):
             write = wire.MultiWrite(pairs=[wire.Pair(key=key, value="b")] * count)
             for reply in (exchange(first.auth, request("first", multi_write=write)), first.ask(multi_write=write)):
                 check((reply is None) == refused, f"{count} pairs of {key}: {reply}")
-        check_pressure(bed, first)
-
-
-@case("threads", "without a thread to be had sessions open without their monitor", alone=True, as_nobody=True)
-def threads(bed):
-    with pressure(bed) as first:
-        before = bed.figures()["threads"]
-        bed.limit("nproc", 1)
-        clients = open_until_refused({"monitor": 1}, limit=20)
-        bed.note("sessions", 1 + len(clients))
-        check(len(clients) == 20 and bed.figures()["threads"] == before, "a session was refused for want of a thread")
-        check(all(client.is_served() for client in clients), "a session without its monitor does not work")
         check_pressure(bed, first)
 
 

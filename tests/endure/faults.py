@@ -16,7 +16,6 @@ from testbed.gateway import ESTABLISHED, LISTENING, check, tcp_sockets, wait_unt
 
 run = partial(subprocess.run, shell=True, check=True)
 KEY = "/Device/Config/Name"
-DEVICE = ("--trace", "--store", "/tmp/device.store")
 OK, REFUSED = wire.STATUS_OK, wire.STATUS_REFUSED
 CALL_S, MULTI_WRITE_S = 25, 65  # how long GDBus and the service wait for an answer
 HEARTBEAT_S, KEEPALIVE_S = 1 + 20, 20 + 2 * 5
@@ -37,10 +36,6 @@ ACTS = {
     "read": lambda _: {"read": wire.Read(key=KEY, flags=EXACT)},
     "write": lambda value: {"write": wire.Write(key=KEY, value=value)},
     "multi-write": lambda value: {"multi_write": wire.MultiWrite(pairs=[wire.Pair(key=KEY, value=value)])}}
-FAULTS = {  # of the data service: in which call, what it does, what the client is told, after how many seconds
-    "slow": ("write", "late:5000", OK, 5), "hung-read": ("read", "never", REFUSED, CALL_S),
-    "hung-write": ("write", "never", REFUSED, CALL_S), "hung-multi-write": ("multi-write", "never", REFUSED, MULTI_WRITE_S),
-    "wrong-type": ("multi-write", "type", OK, 0), "dying": ("write", "die", REFUSED, 0), "absent": ("write", None, REFUSED, 0)}
 
 
 def ask(act, client, value=""):
@@ -53,9 +48,9 @@ def timed(function, *arguments):
 
 
 class FaultBed(Case):
-    """A test bed whose device keeps what is written and tells of each call, and on which every step is timed."""
+    """A test bed whose device tells of each call, and on which every step is timed."""
 
-    def __init__(self, bin_dir, notes, device=DEVICE, **settings):
+    def __init__(self, bin_dir, notes, device=("--trace",), **settings):
         super().__init__(bin_dir, notes, device=device, **settings)
         self.pool = ThreadPoolExecutor()
 
@@ -67,16 +62,13 @@ class FaultBed(Case):
             client.ask(change_count={})
         return made
 
-    def fault(self, method, kind):
-        self.control("Fault", "(s)", f"{method}={kind}")
-
     def calls(self, text="\n"):
         return self.role_log("device").count(text)
 
     def begin(self, act, client, value=""):
-        """A future of the act, whose call has come to the device, if that is there."""
+        """A future of the act, whose call has come to the device."""
         before, future = self.calls(), self.pool.submit(timed, ask, act, client, value)
-        wait_until(lambda: self.calls() > before or future.done(), f"{act} is under way")
+        wait_until(lambda: self.calls() > before, f"{act} is under way")
         return future
 
     def expect(self, label, outcome, wanted=None, at_least_s=0, at_most_s=None):
@@ -99,33 +91,25 @@ class FaultBed(Case):
 fault = partial(case, bed=FaultBed)
 
 
-def meet(bed, name):
-    act, kind, told, seconds = FAULTS[name]
+def hang(bed, act, seconds):
     panel, other = bed.clients("panel", "other")
-
-    def break_device():
-        bed.fault(act, kind) if kind else bed.kill(bed.device)
     bed.expect_echo("an echo before", panel, other, "before")
-    break_device()
+    bed.fault(act, "never")
     answer = bed.begin(act, panel, "meant")
     bed.note("others wait", timed(lambda: other.ask(change_count={}))[1], "s")
-    bed.expect("answered after", answer.result(), told, seconds)
-    if kind in ("die", None):
-        bed.device.wait()
-        bed.start_device(*DEVICE)
-    else:
-        bed.fault(act, "none")
-    check(panel.read(KEY) == ("meant" if told == OK else "before"), f"the device holds {panel.read(KEY)}")
+    bed.expect("answered after", answer.result(), REFUSED, seconds)
+    bed.fault(act, "none")
+    check(panel.read(KEY) == "before", f"the device holds {panel.read(KEY)}")
     bed.expect_echo("an echo afterwards", panel, other, "after")
-    break_device()
+    bed.fault(act, "never")
     answer = bed.begin(act, panel, "last")
     bed.expect_end(seconds)
-    check(answer.result()[0] == told, "the call under way was not answered")
+    check(answer.result()[0] == REFUSED, "the call under way was not answered")
 
 
-for kind_of_fault in FAULTS:
-    fault(f"fault-{kind_of_fault}", f"{kind_of_fault}: it is answered, what was kept stays, SIGTERM waits for it")(
-        partial(meet, name=kind_of_fault))
+for hung_act, given_up_s in (("read", CALL_S), ("write", CALL_S), ("multi-write", MULTI_WRITE_S)):
+    fault(f"fault-hung-{hung_act}", "a call that hangs is refused in its time, what was kept stays, SIGTERM waits for it")(
+        partial(hang, act=hung_act, seconds=given_up_s))
 
 
 @fault("fault-hung-crowd", "SIGTERM waits for one call that hangs, however many clients wait with theirs")
@@ -140,28 +124,8 @@ def crowd(bed):
     bed.expect_end(CALL_S)
 
 
-@fault("fault-restarting", "a data service that restarts all the time loses no write that was acknowledged")
-def restarting(bed):
-    panel, = bed.clients("panel")
-    statuses, over = [], time.monotonic() + 20
-
-    def write_on():
-        while time.monotonic() < over:
-            statuses.append(ask("write", panel, str(len(statuses))))
-    writing = bed.pool.submit(write_on)
-    while not writing.done():
-        bed.kill(bed.device)
-        bed.start_device(*DEVICE)
-        time.sleep(0.2)
-    writing.result()
-    last, kept = max(i for i, status in enumerate(statuses) if status == OK), int(panel.read(KEY))
-    check(kept >= last, f"the device holds {kept}, but {last} was acknowledged")
-    bed.note("acknowledged", statuses.count(OK), "writes")
-    bed.note("refused", statuses.count(REFUSED), "writes")
-
-
 @fault("fault-hung-start", "a start before a data service that never answers ends with SIGTERM or with the bus",
-       device=(*DEVICE, "--fault", "read=never"), start=False)
+       device=("--trace", "--fault", "read=never"), start=False)
 def hung_start(bed):
     def begin_start():
         before = bed.calls("Read")
@@ -198,18 +162,14 @@ def frozen_bus(bed):
     bed.expect_end(CALL_S)
 
 
-def killed_bus(bed, in_a_call):
+@fault("fault-bus-killed", "the bus's end ends the service in order, and the call under way is answered before")
+def killed_bus(bed):
     panel, = bed.clients("panel")
     bed.fault("read", "never")
-    answer = bed.begin("read", panel) if in_a_call else None
+    answer = bed.begin("read", panel)
     bed.kill(bed.bus)
     bed.expect_end(0, "end", number=0)
-    check(answer is None or answer.result()[0] == REFUSED, "the call under way was not answered")
-
-
-for when in ("idle", "in-a-call"):
-    fault(f"fault-bus-killed-{when}", "the bus's end ends the service in order, and the call under way is answered before")(
-        partial(killed_bus, in_a_call=when == "in-a-call"))
+    check(answer.result()[0] == REFUSED, "the call under way was not answered")
 
 
 @fault("fault-no-audio", "with an audio service that hangs, or without one, clients come and go as ever")

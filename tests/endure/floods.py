@@ -1,5 +1,5 @@
 """Too much of everything, from peers that are not well-behaved, while one that is keeps its session. What a flood leaves
-behind in memory is measured for each thing that is held."""
+behind in memory is measured."""
 import os
 import statistics
 import time
@@ -9,17 +9,13 @@ import zmq
 from google.protobuf.internal.encoder import _VarintBytes
 
 from cases import case
-from testbed.remote import (A_KEY, EXACT, Pace, Remote, connect, discovery_request, discovery_socket, enter, request, stranger,
-                        wire)
+from testbed.remote import A_KEY, Pace, Remote, connect, discovery_request, discovery_socket, enter
 from testbed.gateway import AUTH_PORT, check, wait_until
 
 MANY = 100_000
-MANY_RECORDS = 10_000  # each takes half a millisecond to release, as it is left and at the stop
 LARGEST_BYTES = 10 << 20
 GROWTH_KIB = 32 << 10  # of floods that leave nothing to hold
 PEAK_KIB = 128 << 10  # what one peer may pile up
-GUESTS = 60  # that a session's port takes
-GREETING_HALF = b"\xff" + bytes(8) + b"\x7f\x03" + bytes(21)  # of the 64 bytes of a ZeroMQ peer
 
 
 @contextmanager
@@ -39,28 +35,6 @@ def flooded(bed, growth_kib=GROWTH_KIB):
     bed.check_stop()
 
 
-def flood_discovery(bed, id_format):
-    asking, begin = discovery_socket(), time.monotonic()
-    for number in range(MANY_RECORDS):
-        asking.send(discovery_request(id_format.format(number)))
-        asking.recv(8192)  # one after the other: none is lost, so that each is counted
-    bed.note("requests", MANY_RECORDS / (time.monotonic() - begin), "/s")
-
-
-@case("discovery-one-id", "10,000 requests with one id leave one record", alone=True)
-def discovery_one_id(bed):
-    with flooded(bed):
-        flood_discovery(bed, "panel")
-
-
-@case("discovery-own-ids", "10,000 ids leave 10,000 small records, and the service goes on", alone=True)
-def discovery_own_ids(bed):
-    with flooded(bed):
-        before = bed.figures()["rss_kib"]
-        flood_discovery(bed, "panel-{}")
-        bed.note("memory each", 1024 * (bed.figures()["rss_kib"] - before) / MANY_RECORDS, "bytes")
-
-
 @case("discovery-unread", "100,000 requests as fast as they go, answers unread", alone=True)
 def discovery_unread(bed):
     with flooded(bed):
@@ -75,36 +49,16 @@ def check_refused(peer, count=1):
         check(peer.recv_multipart() == [b"", b""], "it was not answered by one empty frame")
 
 
-def flood_garbage(bed, port):
-    """Frames that are not requests, each answered, ten under way at a time."""
-    begin, peer = time.monotonic(), connect(zmq.DEALER, port)
-    for number in range(MANY):
-        if number >= 10:
-            check_refused(peer)
-        peer.send_multipart([b"", os.urandom(1 + number % 200)])
-    check_refused(peer, 10)
-    bed.note("frames", MANY / (time.monotonic() - begin), "/s")
-
-
 @case("garbage-authentication", "100,000 frames of garbage are answered, one by one", alone=True)
 def garbage_authentication(bed):
     with flooded(bed):
-        flood_garbage(bed, AUTH_PORT)
-
-
-@case("garbage-commands", "the same on the command socket of a session", alone=True)
-def garbage_commands(bed):
-    with flooded(bed):
-        flood_garbage(bed, Remote("victim").log_in()[0])
-
-
-@case("frames", "requests of many frames are answered once each", alone=True)
-def frames(bed):
-    with flooded(bed):
-        peer = connect(zmq.DEALER, AUTH_PORT)
-        for _ in range(1000):
-            peer.send_multipart([b""] + [request("panel", login=wire.Login())] * 100)
-            check_refused(peer)
+        begin, peer = time.monotonic(), connect(zmq.DEALER, AUTH_PORT)
+        for number in range(MANY):
+            if number >= 10:  # as many are under way at a time
+                check_refused(peer)
+            peer.send_multipart([b"", os.urandom(1 + number % 200)])
+        check_refused(peer, 10)
+        bed.note("frames", MANY / (time.monotonic() - begin), "/s")
 
 
 def send_large(peer, frame, count):
@@ -112,37 +66,26 @@ def send_large(peer, frame, count):
         peer.send_multipart([b"", frame], copy=False)
 
 
-def flood_large(bed, frame, count):
-    """`count` large requests that one peer sends without waiting for answers."""
-    with flooded(bed, PEAK_KIB):
-        peer = connect(zmq.DEALER, AUTH_PORT)
-        send_large(peer, frame, count)
-        check_refused(peer, count)
-        bed.note("peak memory", bed.figures()["peak_kib"] / 1024, "MiB")
-
-
 def field(tag, body):
     """One field of a serialized message."""
     return tag + _VarintBytes(len(body)) + body
 
 
-@case("large-garbage", "100 pipelined messages of 10 MiB before a login", alone=True)
-def large_garbage(bed):
-    flood_large(bed, bytes(LARGEST_BYTES), 100)
-
-
 @case("large-empty-parts", "50 pipelined messages of 5 million empty parts each", alone=True)
 def large_empty_parts(bed):
-    pairs = field(b"\x6a", b"\x0a\x00" * (LARGEST_BYTES // 2 - 20))
-    flood_large(bed, field(b"\x0a", field(b"\x0a", b"panel") + pairs), 50)
+    with flooded(bed, PEAK_KIB):
+        pairs = field(b"\x6a", b"\x0a\x00" * (LARGEST_BYTES // 2 - 20))
+        peer = connect(zmq.DEALER, AUTH_PORT)
+        send_large(peer, field(b"\x0a", field(b"\x0a", b"panel") + pairs), 50)
+        check_refused(peer, 50)
+        bed.note("peak memory", bed.figures()["peak_kib"] / 1024, "MiB")
 
 
 @case("large-stalled", "what one peer can pile up while the service waits 5 s for the device", alone=True)
 def large_stalled(bed):
     waiting, peer = enter("waiting"), connect(zmq.DEALER, AUTH_PORT)
-    bed.control("Fault", "(s)", f"read:{A_KEY}=late:5000")
     before = bed.figures()["rss_kib"]
-    waiting.commands.send(request("waiting", read=wire.Read(key=A_KEY, flags=EXACT)))
+    bed.begin_slow_read(waiting, A_KEY, 5)
     send_large(peer, bytes(LARGEST_BYTES), 100)
     waiting.commands.recv()
     check_refused(peer, 100)
@@ -160,25 +103,3 @@ def events_unread(bed):
             if number % 1000 == 999:
                 bed.call("SpeakerPresetLoadedDispatch")  # all before it have arrived
         wait_until(lambda: Remote("fence").log_in(), "the loop is free")
-
-
-@case("answers-unread", "a client that sends 100,000 requests and never receives", alone=True)
-def answers_unread(bed):
-    with flooded(bed, 64 << 10):
-        deaf = enter("deaf")
-        peer = connect(zmq.DEALER, deaf.ports[0], rcvhwm=1)
-        frame = request("deaf", change_count=wire.ChangeCount())
-        for _ in range(MANY):
-            peer.send_multipart([b"", frame])
-        check(deaf.is_served(), "the session of the deaf client does not work")
-
-
-@case("half-open", "1,000 connections that say nothing or half a greeting", alone=True)
-def half_open(bed):
-    with flooded(bed, 64 << 10):
-        before = bed.figures()["rss_kib"]
-        port = Remote("victim").log_in()[0]
-        held = [stranger((AUTH_PORT, port)[number < GUESTS], (b"", GREETING_HALF)[number // 2 % 2]) for number in range(1000)]
-        wait_until(lambda: bed.figures()["descriptors"] > len(held), "all are accepted")
-        bed.note("memory each", (bed.figures()["rss_kib"] - before) / len(held), "KiB")
-        bed.note("CPU", bed.cpu_percent(), "%")

@@ -20,6 +20,7 @@ sys.path.append(str(ROOT))
 from testbed.remote import Remote, connect, discovery_request, discovery_socket, raise_own_limits, wire
 from testbed.gateway import AUTH_PORT, LISTENING, TestBed, check, tcp_sockets, wait_until
 
+OUT = ROOT / "build" / "soak.json"
 ROUNDS, WORKERS = 10, 2
 SAMPLE_S, RESTART_S, EVENT_S, SETTLE_S = 5, 20, 0.01, 2
 SESSION_PORTS = range(62000, 64000)
@@ -100,43 +101,43 @@ def work_round(bed, number, seconds, sample):
     time.sleep(SETTLE_S)
 
 
-def soak(bed, minutes, out):
-    """(what the service holds after each round; status; entries that were still in its table when it stopped)"""
+def soak(bed, minutes):
+    """What the service holds after each round."""
     os.mkfifo(bed.log_path)
     last_words = bed.start("last-words", ["tail", "-n", "2000", bed.log_path])  # the log as a whole would fill the disk
     begin, samples, quiet = time.monotonic(), [], []
 
-    def sample(into=samples):
-        into.append({"s": round(time.monotonic() - begin, 1), **bed.figures(), "open": sessions_open(),
-                     **{name: value.value for name, value in COUNTS.items()}})
+    def sample():
+        samples.append({"s": round(time.monotonic() - begin, 1), **bed.figures(), "open": sessions_open(),
+                        **{name: value.value for name, value in COUNTS.items()}})
     bed.start_program()
     bed.log_path = bed.folder / "last-words.log"
     for number in range(ROUNDS):
         work_round(bed, number, minutes * 60 / ROUNDS, sample)
-        sample(quiet)
-        out.write_text(json.dumps({"quiet": quiet, "samples": samples}) + "\n")
+        sample()
+        quiet.append(samples[-1])
+        OUT.write_text(json.dumps({"quiet": quiet, "samples": samples}) + "\n")
         print(quiet[-1], flush=True)
     status, _ = bed.stop()
     last_words.wait()
-    return quiet, status, bed.log().rpartition("destroy srv")[2].count("client_free_callback")
+    left = bed.log().rpartition("destroy srv")[2].count("client_free_callback")
+    check(status == 0 and left == 0, f"status {status}, {left} entries left in the table")
+    return quiet
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--minutes", type=float, default=30)
     parser.add_argument("--bin", type=Path, default=ROOT / "build" / "release" / "bin", help="where the programs are")
-    parser.add_argument("--out", type=Path, default=ROOT / "build" / "soak.json")
     parser.add_argument("--rss-kib", type=int, default=2048, help="what the allocator may keep beyond the first round's")
     options = parser.parse_args()
     raise_own_limits()
     sanitizers = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
     with TestBed(options.bin, env={"KESTO_DEBUG": "1", **sanitizers}, start=False) as bed:
-        quiet, status, left = soak(bed, options.minutes, options.out)
+        quiet = soak(bed, options.minutes)
     for what, tolerance in (("descriptors", 0), ("threads", 0), ("rss_kib", options.rss_kib)):
         first, last = quiet[0][what], quiet[-1][what]
-        print(f"{what}: {first} after the first round, {last} at the end")
-        check(last - first <= tolerance, f"more than {tolerance} above")
-    check(status == 0 and left == 0, f"status {status}, {left} entries left in the table")
+        check(last - first <= tolerance, f"{what}: {first} after the first round, {last} at the end")
 
 
 if __name__ == "__main__":

@@ -9,7 +9,7 @@ mistake. It is planted into a copy of the sources and built, and the tests run u
     means = "every user may write every key"              what a user, peer or operator would have of it
     test = "rights_scenario"    optional: the tests that are to notice it, a regular expression; they run first
     preset = "asan"             optional: the build that is needed to notice it, if not dev
-    endure = "threads"          optional, in the place of these two: the case of tests/endure that is to notice it
+    endure = "sockets-16"       optional, in the place of these two: the case of tests/endure that is to notice it
     unnoticed = "why"           optional: nothing notices it, and why that is accepted
 
 The copies and their builds stay in build/planted, so that a later run builds little; build/planted/N.log has what was built
