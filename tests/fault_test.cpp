@@ -41,16 +41,17 @@ static constexpr struct {
     Act act;
     bool ok;
     const char *answer, *log;  // the value of a read, else the result of a write
+    size_t echoes;
 } faults[] = {
-    {"read=error",        read_name,        false, "0",  read_failed                   },
-    {"read=type",         read_name,        true,  "7",  "*"                           },
-    {"read=empty",        read_name,        false, "0",  "*"                           },
-    {"write=error",       write_name,       false, "-1", write_failed                  },
-    {"write=type",        write_name,       true,  "0",  "write ok with retval=0"      },
-    {"write=refuse",      write_name,       false, "-5", "write ok with retval=-5"     },
-    {"write=refuse",      lock_name,        true,  "0",  "write ok with retval=0"      },
-    {"multi-write=error", multi_write_name, false, "0",  multi_write_failed            },
-    {"multi-write=type",  multi_write_name, true,  "0",  "multiwrite autorize all keys"},
+    {"read=error",        read_name,        false, "0",  read_failed,                    0},
+    {"read=type",         read_name,        true,  "7",  "*",                            0},
+    {"read=empty",        read_name,        false, "0",  "*",                            0},
+    {"write=error",       write_name,       false, "-1", write_failed,                   0},
+    {"write=type",        write_name,       true,  "0",  "write ok with retval=0",       1},
+    {"write=refuse",      write_name,       false, "-5", "write ok with retval=-5",      1},
+    {"write=refuse",      lock_name,        true,  "0",  "write ok with retval=0",       1},
+    {"multi-write=error", multi_write_name, false, "0",  multi_write_failed,             0},
+    {"multi-write=type",  multi_write_name, true,  "0",  "multiwrite autorize all keys", 1},
 };
 
 TEST_F(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
@@ -61,6 +62,7 @@ TEST_F(Fault, IsSaidInTheAnswerAndHurtsNobodyElse) {
         EXPECT_EQ(reply.status(), row.ok ? wire::STATUS_OK : wire::STATUS_REFUSED);
         EXPECT_EQ(reply.has_value() ? reply.value().text() : std::to_string(reply.write().result()), row.answer);
         EXPECT_EQ(reply.multi_write().results_size(), 0);
+        EXPECT_EQ(bystander.events_so_far(gateway).size(), row.echoes);
         gateway.expect_log({row.log});
         Discovery().find("panel-3");  // reads as well
         expect_recovery(row.fault);

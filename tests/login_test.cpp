@@ -41,37 +41,6 @@ TEST_F(Login, TakesTheTwoUsersAndNobodyElse) {
     }
 }
 
-TEST_F(Login, RenewalKeepsPortsAndFlags) {
-    panel.log_in({.hide_secure_info = true});
-    EXPECT_EQ(panel.log_in({.no_lock = true}), (Ports{62001, 63001}));
-    gateway.expect_log({"login known client: panel-1", "[panel-1] alredy exist a connection, reuse it (0)"});
-    EXPECT_EQ(gateway.service().log_until("clientAuthenticated no_lock:0 id:panel-1"),
-              (Texts{"[panel-1] hide_secure_info stays 1, requested 0", "[panel-1] no_lock stays 0, requested 1"}));
-    EXPECT_EQ(panel.read("/Device/Config/Networking/Wifi/Passphrase").value().text(), "********");
-}
-
-static constexpr struct {
-    const char *user_name, *password;
-    int port;  // 0: refused
-    const char *log;
-} renewals[] = {
-    {"root",      "no",        0,     "but there is already a client connected with same client id, so I cannot remove"},
-    {"quillmont", "tandrivel", 0,     "more the one login on root quillmont"                                           },
-    {"root",      "vormi",     62001, "[panel-1] authenticating username=[root], password=[vormi] done"                },
-};
-
-TEST_F(RunningSession, IsLeftAloneByARefusedLogin) {
-    for (const Channel channel : {Channel::authentication, Channel::command})
-        for (const auto &row : renewals) {
-            SCOPED_TRACE(row.log);
-            const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
-            EXPECT_EQ(panel.ask(channel, request).session().command_port(), row.port);
-            gateway.service().expect_no_log_before("free client*", row.log);
-            EXPECT_EQ(panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
-        }
-    EXPECT_EQ(gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
-}
-
 TEST_F(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     const std::string own = "@?DKX8-3000\0341.12.1.32\034QM240817\034?\034\034\034QM240817\0344221=ON!";
     Texts others = {"", own.substr(0, own.size() - 1), own + "!"};
@@ -121,9 +90,8 @@ static constexpr size_t longest_id = 8185;
 
 static std::string login_of(size_t id_length) {
     wire::Message message;
+    *message.mutable_request() = login_request();
     message.mutable_request()->set_client_id(std::string(id_length, 'i'));
-    message.mutable_request()->mutable_login()->set_user_name("root");
-    message.mutable_request()->mutable_login()->set_password("vormi");
     return message.SerializeAsString();
 }
 
