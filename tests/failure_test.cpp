@@ -21,16 +21,12 @@ struct FailingGateway : testing::ScopedTrace, Gateway {
 
     explicit FailingGateway(const char *call, bool wait_until_up = true)
         : ScopedTrace(__FILE__, __LINE__, call),
-          Gateway({.environment = environment(call), .wait_until_up = wait_until_up}) {}
+          Gateway({.prepared_by = preparation(call), .wait_until_up = wait_until_up}) {}
 
-    static Environment environment(const char *call) {
-        const char *asan_options = getenv("ASAN_OPTIONS");
-        // The address sanitizer refuses to run behind another library unless it is told not to check.
-        return {
-            {"LD_PRELOAD",   INTERPOSER_LIBRARY                                                                    },
-            {"KESTO_FAIL",   call                                                                                  },
-            {"ASAN_OPTIONS", std::string(asan_options != nullptr ? asan_options : "") + ":verify_asan_link_order=0"}
-        };
+    // The address sanitizer refuses to run behind another library unless it is told not to check.
+    static std::string preparation(const char *call) {
+        return std::string("export ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 KESTO_FAIL=") + call +
+               " LD_PRELOAD=" INTERPOSER_LIBRARY;
     }
 };
 
@@ -60,11 +56,13 @@ static const struct {
     {"fcntl:1",                 {in_start + "fcntl F_GETFL"},                                             nothing_yet  },
     {"fcntl:2",                 {in_start + "fcntl F_SETFL to set not blocking"},                         nothing_yet  },
     {"setsockopt:2",            {in_start + "setsockopt SO_REUSEADDR"},                                   nothing_yet  },
+    {"bind:1",                  {in_start + "bind on udp socket"},                                        nothing_yet  },
     {"g_hash_table_new_full:1", {in_start + "error creating z hash"},                                     nothing_yet  },
     {"zsys_init:1",             {in_start + "error init default context"},                                nothing_yet  },
     {"dup:5",                   {in_start + "error init default context"},                                nothing_yet  },
     {"zloop_new:1",             {in_start + "error creating z loop"},                                     nothing_yet  },
     {"zsock_new_checked:1",     {in_start + "error creating REP socket"},                                 the_loop     },
+    {"zsock_bind:1",            {"error auth socket"},                                                    auth_and_loop},
     {"zloop_poller:2",          {"[NET] auth port 60000 60000", "error creating poller for auth socket"}, auth_and_loop},
     {"zloop_timer:1",           {"[NET] auth port 60000 60000", "error creating timer"},                  auth_and_loop},
 };
@@ -76,7 +74,7 @@ TEST(AStartThatCannotSucceed, EndsTheServiceInItsNormalWay) {
         gateway.expect_log({"destroy srv"});
         EXPECT_EQ(gateway.service().log_until("zsys_shutdown"), row.teardown);
         gateway.expect_log({"net thread joined...", "stopped access"});
-        EXPECT_EQ(gateway.service().wait_exit(), Exit{.status = 0});
+        EXPECT_EQ(gateway.service().wait_exit(), Exit{});
     }
 }
 
@@ -311,9 +309,9 @@ TEST(AWriteWithoutItsClient, ChangesNothingButTheCount) {
 static rlim_t limit_descriptors(Gateway &gateway, rlim_t count) {
     rlimit limit = {};
     EXPECT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
-    const rlim_t before = std::exchange(limit.rlim_cur, count);
+    std::swap(limit.rlim_cur, count);
     EXPECT_EQ(prlimit(gateway.service().pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
-    return before;
+    return count;
 }
 
 TEST(AProcessAtItsDescriptorLimit, RefusesWhatNeedsOneAndRecovers) {

@@ -36,18 +36,6 @@ TEST_F(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
     }
 }
 
-TEST_F(Session, RefusesATakenPortAndGoesOnToTheNext) {
-    const TakenPort command(SOCK_STREAM, 62001), event(SOCK_STREAM, 63002);
-    for (const char *log : {"error bind on port (tcp://*:62001)", "error bind on port (tcp://*:63002)"}) {
-        EXPECT_EQ(panel.log_in({.monitor = true}), Ports{});
-        gateway.expect_log({log, "free cl_id"});
-    }
-    wait_until_closed(62002);
-    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62003, 63003}));
-    EXPECT_EQ(gateway.audio_calls(), (Texts{"ClientDeauthenticated ('panel-1',)", "ClientDeauthenticated ('panel-1',)",
-                                            "ClientAuthenticated ('panel-1',)"}));
-}
-
 static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
 static const LoginOptions everything = {
     .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};

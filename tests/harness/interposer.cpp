@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <string>
 #include <sys/auxv.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,30 +23,15 @@ static bool from_program(const void *caller) {
     return calling.dli_fbase == program.dli_fbase;
 }
 
-struct FailingCall {
-    char name[64];
-    long number;
-    bool stops;
-};
-
-static FailingCall read_setting() {
-    FailingCall failing = {"", 0, false};
-    const char *setting = getenv("KESTO_FAIL");
-    if (setting == nullptr) return failing;
-    (void)sscanf(setting, "%63[^:]:%ld", failing.name, &failing.number);
-    failing.stops = strstr(setting, ":stop") != nullptr;
-    return failing;
-}
-
 static bool fails(const char *name, uintptr_t second, uintptr_t third, const void *caller) {
     if (!from_program(caller) && strcmp(name, "zmq_socket_monitor") != 0) return false;
-    static const FailingCall failing = read_setting();  // libraries call before there is an environment
+    static const std::string wanted = getenv("KESTO_FAIL");  // libraries call before there is an environment
     static std::atomic<long> count = 0;
-    if (strcmp(failing.name, "tell") == 0)
-        fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
-    if (strcmp(name, failing.name) != 0 || ++count != failing.number) return false;
-    if (failing.stops) kill(getpid(), SIGTERM), usleep(600'000);  // whoever waits for this thread is interrupted
-    return !failing.stops;
+    if (wanted == "tell") fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
+    if (!wanted.starts_with(std::string(name) + ':')) return false;
+    const std::string call = std::string(name) + ':' + std::to_string(++count);
+    if (wanted == call + ":stop") kill(getpid(), SIGTERM), usleep(600'000);  // who waits for this thread is interrupted
+    return wanted == call;
 }
 
 /* The arguments of a C function travel in registers whatever their types; none of these has a floating one. */
