@@ -51,21 +51,9 @@ static std::string text_for(RemoteClient &client, Channel channel) {
     return text;
 }
 
-static const Environment all_settings = {
-    {"hw_serial",        "H-1"       },
-    {"oem_serial",       "O-2"       },
-    {"hw_model",         "KX4"       },
-    {"oem_manufacter",   "Oem & Co"  },
-    {"oem_model",        "OX"        },
-    {"commercial_model", "Concert"   },
-    {"ENABLE4221",       "off"       },
-    {"HAS_LUMAVERSA",    "on"        },
-    {"KESTO_SLOT_ID",    "3"         },
-    {"KESTO_AMP_NAME",   "Stage left"},
-};
-static const Environment loopback_only = {
-    {"ZMQ_ACCESS_IP", "127.0.0.1"}
-};
+static constexpr const char *all_settings =
+    "export hw_serial=H-1 oem_serial=O-2 hw_model=KX4 oem_manufacter='Oem & Co' oem_model=OX commercial_model=Concert "
+    "ENABLE4221=off HAS_LUMAVERSA=on KESTO_SLOT_ID=3 KESTO_AMP_NAME='Stage left'";
 static constexpr const char *plain_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:60000|ZMQ:61000||?||||QM240817|17|Harbour hall|4221=ON!";
 static constexpr const char *set_reply =
@@ -74,21 +62,19 @@ static constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|
 static constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
 static constexpr const char *loopback_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:0|ZMQ:0||?||||QM240817|17|Harbour hall|4221=ON!";
-static const struct {
-    const char *why;
-    Environment environment;
-    const char *reply, *text, *files;
+static constexpr struct {
+    const char *settings, *reply, *text, *files;
 } devices[] = {
-    {"nothing set",      {},            plain_reply,    plain_text, plain_files},
-    {"everything set",   all_settings,  set_reply,      set_text,   set_files  },
-    {"on loopback only", loopback_only, loopback_reply, plain_text, plain_files},
+    {":",                              plain_reply,    plain_text, plain_files},
+    {all_settings,                     set_reply,      set_text,   set_files  },
+    {"export ZMQ_ACCESS_IP=127.0.0.1", loopback_reply, plain_text, plain_files},
 };
 
 TEST(Discovery, DescribesTheDevice) {
     umask(022);
     for (const auto &row : devices) {
-        SCOPED_TRACE(row.why);
-        Gateway gateway({.environment = row.environment});
+        SCOPED_TRACE(row.settings);
+        Gateway gateway({.prepared_by = row.settings});
         EXPECT_EQ(all_files(), row.files);
         EXPECT_EQ(std::filesystem::status(path_of("serial")).permissions(), std::filesystem::perms{0644});
         EXPECT_EQ(Discovery().find("panel-1"), row.reply);
