@@ -83,15 +83,6 @@ for allowed in (64, 128, 256):
          nofile=allowed)(descriptors)
 
 
-@case("descriptors-silent-strangers", "connections that say nothing make room for a client", nofile=256)
-def silent_strangers(bed):
-    with pressure(bed) as first:
-        held = crowd(bed, [AUTH_PORT], 600)  # for as long as the service leaves them
-        check(Remote("newcomer").log_in() is not None, "a newcomer was refused")
-        check_pressure(bed, first)
-    leave(held)
-
-
 @case("sockets-16", "with ZSYS_MAX_SOCKETS 16 logins are refused, also when clients come and go quickly",
       env={"ZSYS_MAX_SOCKETS": "16"})
 def sockets(bed):

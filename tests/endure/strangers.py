@@ -1,7 +1,6 @@
 """Peers that mean harm and need no password: what comes in, and what is kept of it. However much they send, the service
 holds a bounded part of it, and who has a session is served meanwhile."""
 import itertools
-import os
 import socket
 import statistics
 import time
@@ -84,24 +83,6 @@ def churn(bed):
         enter("next", monitor=1)
 
 
-def endless(bed, port, count):
-    piece, peer = zmtp_frame(bytes(MIB), more=True), RawPeer(port)
-    peer.offer(zmtp_frame(b"", more=True))
-    for _ in range(count):
-        if not peer.offer(piece):
-            break
-    bed.note(f"taken on {port}", peer.sent / MIB, "MiB")
-    settle(bed)
-    peer.close()
-
-
-@case("strangers-endless", "a message that never ends, to the login port and a command port", alone=True)
-def endless_message(bed):
-    with attacked(bed):
-        for port in (AUTH_PORT, enter("victim").ports[0]):
-            endless(bed, port, 384)
-
-
 @case("strangers-unfinished", "30 connections with all but one byte of a message of 10 MiB", alone=True)
 def unfinished(bed):
     with attacked(bed):
@@ -125,19 +106,6 @@ def gone(bed):
                 peer.close()
         bed.note("taken whole", taken, "messages")
         victim.commands.recv()
-
-
-def subscribe(bed, size, count):
-    with attacked(bed):
-        peer = RawPeer(enter("victim").ports[1], b"SUB")
-        peer.offer(*(zmtp_frame(b"\x01" + os.urandom(size)) for _ in range(count)))
-        for _ in range(10):
-            bed.call("SpeakerPresetLoadedDispatch")
-        bed.note("taken", peer.sent / MIB, "MiB")
-
-
-case("strangers-subscription", "a subscription of 60 MB", alone=True)(partial(subscribe, size=60_000_000, count=1))
-case("strangers-topics", "4,000 subscriptions of 1 KB", alone=True)(partial(subscribe, size=1000, count=4000))
 
 
 @case("strangers-event-frames", "256 MiB of frames to an event port while no event is published", alone=True)
