@@ -29,7 +29,7 @@ class KESTO_CLIENT_API BlockingClient {
     void wait(int limit_ms);
 
   private:
-    struct State;
+    struct KESTO_CLIENT_HIDDEN State;
     std::unique_ptr<State> state_;
 };
 

@@ -49,7 +49,7 @@ class KESTO_CLIENT_API Browser {
     void look_again();                   /* begins a round now, unless one is under way */
 
   private:
-    class Core;
+    class KESTO_CLIENT_HIDDEN Core;
     std::shared_ptr<Core> core_;
 };
 

@@ -81,7 +81,7 @@ class KESTO_CLIENT_API Client {
     void close(std::function<void()> closed);
 
   private:
-    class Core;
+    class KESTO_CLIENT_HIDDEN Core;
     std::shared_ptr<Core> core_;
 };
 

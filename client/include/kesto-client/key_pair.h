@@ -31,7 +31,7 @@ class KESTO_CLIENT_API KeyPair {
     bool is_right(const Device &device) const { return unwrap(device.wrapped_key) == shared_key; }
 
   private:
-    struct Key;
+    struct KESTO_CLIENT_HIDDEN Key;
     std::unique_ptr<Key> key_;
 };
 

@@ -22,7 +22,7 @@
 
 namespace kesto {
 
-class LoopCore;
+class KESTO_CLIENT_HIDDEN LoopCore;
 
 class KESTO_CLIENT_API Loop {
   public:

@@ -60,7 +60,7 @@ class KESTO_CLIENT_API Session {
     int event_descriptor() const;
 
   private:
-    struct State;
+    struct KESTO_CLIENT_HIDDEN State;
     std::unique_ptr<State> state_;
 };
 
