@@ -17,12 +17,12 @@ namespace kesto {
 
 static Waited wait_for(int descriptor, short events, int64_t until, const std::function<bool()> &stop) {
     for (;;) {
-        if (stop && stop()) return Waited::interrupted;
         pollfd item = {descriptor, events, 0};
         const int left_ms = static_cast<int>(std::clamp<int64_t>(until - now_ms(), 0, INT_MAX));
         const int count = poll(&item, 1, left_ms);
         if (count > 0) return Waited::ready;
         if (count == 0 || errno != EINTR) return Waited::late;
+        if (stop && stop()) return Waited::interrupted;
     }
 }
 

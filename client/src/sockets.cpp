@@ -142,10 +142,10 @@ Requester::Raw Requester::end(Outcome outcome, std::string sentence) {
 }
 
 Requester::Raw Requester::end_of_limit() {
-    const std::string who = endpoint_text(endpoint_);
-    if (stage_ == Stage::asked)
-        return end(Outcome::unknown, "no answer from " + who + " within " + seconds_text(limit_ms_));
-    return end(Outcome::not_sent, "nothing takes connections at " + who);
+    const bool sent = stage_ == Stage::asked;
+    const int limit_ms = sent ? limit_ms_ : std::min(limit_ms_, connect_limit_ms);
+    return end(sent ? Outcome::unknown : Outcome::not_sent,
+               "no answer from " + endpoint_text(endpoint_) + " within " + seconds_text(limit_ms));
 }
 
 std::optional<Requester::Raw> Requester::go_on_raw(int64_t now) {
