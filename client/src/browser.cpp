@@ -7,7 +7,8 @@
 
 namespace kesto {
 
-static constexpr int datagrams_of_round = 3;
+static constexpr int datagrams_at_first = 3;
+static constexpr int slow_reply_ms = 30000;   // a device whose data service is silent serves nobody for 25 s meanwhile
 static constexpr int replies_at_once = 256;   // then other tasks get their turn
 static constexpr size_t devices_most = 4096;  // whatever a liar on the network invents
 
@@ -29,6 +30,7 @@ class Browser::Core final : public Task {
         int64_t heard_at = 0;
     };
 
+    bool is_owed() const;
     void begin_round(int64_t now);
     void send(int64_t now);
     void receive(int64_t now);
@@ -36,6 +38,7 @@ class Browser::Core final : public Task {
     void take_device(Device device, const std::string &address, int64_t now);
     void forget_addresses(Known &known);
     void forget_devices(int64_t now);
+    void arm(int64_t now);
     void tell_news(News news, const Device &device);
     void tell_trouble(const std::string &sentence);
 
@@ -47,7 +50,7 @@ class Browser::Core final : public Task {
     std::map<std::string, Known> known_;  // by serial
     std::string trouble_;                 // told last; empty: none
     int round_ = 0, datagrams_left_ = 0;
-    int64_t send_at_ = 0, round_at_ = 0;
+    int64_t asked_at_ = 0, send_at_ = 0, round_at_ = 0, late_at_ = 0;
 };
 
 Browser::Core::Core(std::shared_ptr<LoopCore> loop, BrowserOptions options, BrowserCallbacks callbacks)
@@ -76,24 +79,38 @@ void Browser::Core::tell_trouble(const std::string &sentence) {
 
 void Browser::Core::go_on(int64_t now) {
     receive(now);
-    if (now >= round_at_) begin_round(now);
-    if (datagrams_left_ > 0 && now >= send_at_) send(now);
     forget_devices(now);
-    set_due(datagrams_left_ > 0 ? std::min(send_at_, round_at_) : round_at_);
+    // Asked again before it has answered, a slow device would never be done.
+    if (now >= (is_owed() ? late_at_ : round_at_)) begin_round(now);
+    if (datagrams_left_ > 0 && now >= send_at_) send(now);
+    arm(now);
+}
+
+void Browser::Core::arm(int64_t now) {
+    int64_t due = is_owed() ? late_at_ : round_at_;
+    if (datagrams_left_ > 0) due = std::min(due, send_at_);
+    for (const auto &[serial, known] : known_) due = std::min(due, known.heard_at + options_.vanished_after_ms);
+    set_due(std::max(due, now));
+}
+
+bool Browser::Core::is_owed() const {
+    return std::any_of(known_.begin(), known_.end(),
+                       [&](const auto &entry) { return entry.second.heard_at < asked_at_; });
 }
 
 void Browser::Core::look_again() {
     if (datagrams_left_ > 0) return;
-    round_at_ = 0;
+    round_at_ = late_at_ = 0;
     wake();
 }
 
 void Browser::Core::begin_round(int64_t now) {
     for (auto &[serial, known] : known_) forget_addresses(known);
+    datagrams_left_ = round_ == 0 ? datagrams_at_first : 1;
     ++round_;
-    datagrams_left_ = datagrams_of_round;
-    send_at_ = now;
+    asked_at_ = send_at_ = now;
     round_at_ = now + std::max(options_.interval_ms, repeat_ms);
+    late_at_ = std::max(round_at_, now + slow_reply_ms);
 }
 
 /* The interfaces may have changed since the last time. */

@@ -17,10 +17,12 @@ struct BrowserOptions {
     std::vector<std::string> addresses;  // ask these besides: numeric IPv4, for instance behind a router
     std::string client_id;               // without "!"; devices remember it until it logs out
     std::string public_key;              // PEM, KeyPair::public_pem; empty: the devices wrap no key
-    int interval_ms = 10000;             // from one round to the next; a round is three datagrams, half a second apart
 
-    /* How long a device may be silent. One whose data service does not answer takes 25 s for a reply. */
-    int vanished_after_ms = 40000;
+    /* From one datagram to the next; at first there are three, half a second apart. The browser waits longer, up to 30
+     * s, for known devices that have not answered yet: one whose data service is silent takes 25 s for a reply and
+     * serves nobody meanwhile. */
+    int interval_ms = 10000;
+    int vanished_after_ms = 75000;  // of silence
 };
 
 enum class News {
@@ -46,7 +48,7 @@ class KESTO_CLIENT_API Browser {
     Browser &operator=(const Browser &) = delete;
 
     std::vector<Device> devices() const; /* those that are there, by serial */
-    void look_again();                   /* begins a round now, unless one is under way */
+    void look_again();                   /* asks now */
 
   private:
     class KESTO_CLIENT_HIDDEN Core;
