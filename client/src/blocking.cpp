@@ -68,6 +68,8 @@ Answer BlockingClient::ask(Operation operation) {
     return std::move(**answer);
 }
 
+Ports BlockingClient::ports() const { return state_->client->ports(); }
+
 void BlockingClient::wait(int limit_ms) {
     if (state_->inside) return;
     const Inside inside(state_->inside);

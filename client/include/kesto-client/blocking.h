@@ -25,6 +25,8 @@ class KESTO_CLIENT_API BlockingClient {
      * connected in time, or an invalid option: Outcome::not_sent with the reason. */
     Answer ask(Operation operation);
 
+    Ports ports() const; /* of the session; 0 while not connected */
+
     /* Calls the callbacks for what comes within `limit_ms`. */
     void wait(int limit_ms);
 
