@@ -1,6 +1,7 @@
 #include <algorithm>
-#include <kesto-client/blocking.h>
 #include <optional>
+
+#include <kesto-client/blocking.h>
 
 #include "loop_core.h"
 

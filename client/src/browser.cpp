@@ -1,6 +1,7 @@
 #include <algorithm>
-#include <kesto-client/browser.h>
 #include <map>
+
+#include <kesto-client/browser.h>
 
 #include "discovery.h"
 #include "exchange_with.h"

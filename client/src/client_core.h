@@ -3,9 +3,10 @@
 #pragma once
 
 #include <deque>
-#include <kesto-client/client.h>
 #include <random>
 #include <set>
+
+#include <kesto-client/client.h>
 
 #include "change_ledger.h"
 #include "loop_core.h"

@@ -1,6 +1,7 @@
 #include <algorithm>
-#include <kesto-client/device.h>
 #include <string_view>
+
+#include <kesto-client/device.h>
 
 #include "discovery.h"
 

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <kesto-client/device.h>
 #include <optional>
 #include <set>
 #include <string>
+
+#include <kesto-client/device.h>
 
 namespace kesto {
 

@@ -2,13 +2,14 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
-#include <kesto-client/exchange.h>
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <kesto-client/exchange.h>
 
 #include "exchange_with.h"
 #include "owned.h"

@@ -4,10 +4,11 @@
  * changes nothing. */
 #pragma once
 
-#include <kesto-client/answer.h>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <kesto-client/answer.h>
 
 namespace kesto {
 

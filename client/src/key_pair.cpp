@@ -1,5 +1,4 @@
 #include <charconv>
-#include <kesto-client/key_pair.h>
 #include <stdexcept>
 
 #include <openssl/bio.h>
@@ -7,6 +6,8 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
+
+#include <kesto-client/key_pair.h>
 
 #include "owned.h"
 

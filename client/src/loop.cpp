@@ -5,13 +5,14 @@
 #include <climits>
 #include <ctime>
 #include <fcntl.h>
-#include <kesto-client/loop.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <zmq.h>
+
+#include <kesto-client/loop.h>
 
 #include "loop_core.h"
 

@@ -2,12 +2,13 @@
 #pragma once
 
 #include <cstdint>
-#include <kesto-client/exchange.h>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 #include <zmq.h>
+
+#include <kesto-client/exchange.h>
 
 #include "owned.h"
 

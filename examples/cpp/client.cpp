@@ -1,10 +1,11 @@
 // A small remote control client on libkesto-client: discovers a device, logs in, reads, writes, watches, logs out.
 //     client --address ADDRESS [--seconds N]
 #include <iostream>
-#include <kesto-client/blocking.h>
-#include <kesto-client/browser.h>
 #include <map>
 #include <unistd.h>
+
+#include <kesto-client/blocking.h>
+#include <kesto-client/browser.h>
 
 static constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial";
 static constexpr const char *project_key = "/Device/Config/PROJECT_INFO";

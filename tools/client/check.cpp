@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <kesto-client/browser.h>
 
 #include <glib.h>
+
+#include <kesto-client/browser.h>
 
 #include "output.h"
 #include "steps.h"

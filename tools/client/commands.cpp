@@ -1,9 +1,10 @@
 #include "commands.h"
 
 #include <algorithm>
-#include <kesto-client/browser.h>
 
 #include <glib.h>
+
+#include <kesto-client/browser.h>
 
 #include "failure.h"
 #include "interrupt.h"

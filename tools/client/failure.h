@@ -2,9 +2,10 @@
  * status. */
 #pragma once
 
-#include <kesto-client/answer.h>
 #include <string>
 #include <utility>
+
+#include <kesto-client/answer.h>
 
 enum class ExitStatus {
     fine = 0,

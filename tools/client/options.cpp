@@ -7,12 +7,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <kesto-client/exchange.h>
 #include <sstream>
 #include <termios.h>
 #include <unistd.h>
 
 #include <gio/gio.h>
+
+#include <kesto-client/exchange.h>
 
 #include "failure.h"
 #include "owned.h"

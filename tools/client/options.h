@@ -2,10 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <kesto-client/messages.h>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <kesto-client/messages.h>
 
 /* What the service itself gives each pair of a multi-write. */
 constexpr uint32_t write_plain = 1;

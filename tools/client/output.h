@@ -2,11 +2,12 @@
  * flushed, so that a reader at the other end of a pipe sees it at once. */
 #pragma once
 
-#include <kesto-client/key_pair.h>
 #include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
+
+#include <kesto-client/key_pair.h>
 
 #include "session.h"
 

@@ -3,9 +3,10 @@
 #pragma once
 
 #include <functional>
-#include <kesto-client/session.h>
 #include <string>
 #include <vector>
+
+#include <kesto-client/session.h>
 
 #include "failure.h"
 #include "options.h"

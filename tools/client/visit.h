@@ -6,9 +6,10 @@
 #pragma once
 
 #include <functional>
-#include <kesto-client/key_pair.h>
 #include <optional>
 #include <string>
+
+#include <kesto-client/key_pair.h>
 
 #include "failure.h"
 #include "session.h"

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <kesto-client/browser.h>
-#include <kesto-client/client.h>
 #include <map>
 
 #include <glib.h>
+
+#include <kesto-client/browser.h>
+#include <kesto-client/client.h>
 
 #include "failure.h"
 #include "interrupt.h"
