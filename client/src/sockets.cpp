@@ -86,6 +86,7 @@ Requester::Requester(void *context, Endpoint endpoint, AfterLoss after_loss)
                               {ZMQ_RECONNECT_IVL,     after_loss == AfterLoss::reconnect ? reconnect_ms : never}
 })) {
     connect(socket_, endpoint_);
+    if (!socket_) error_ = zmq_errno();
 }
 
 void Requester::ask(Frames frames, int64_t now, int limit_ms) {
@@ -155,8 +156,7 @@ std::optional<Requester::Raw> Requester::go_on_raw(int64_t now) {
     }
     if (!socket_) {
         if (!busy()) return std::nullopt;
-        return end(Outcome::not_sent, "cannot connect to " + endpoint_text(endpoint_) +
-                                          ": it is no IPv4 address, or no descriptors are left");
+        return end(Outcome::not_sent, "cannot connect to " + endpoint_text(endpoint_) + ": " + zmq_strerror(error_));
     }
     look();
     if (!busy()) return std::nullopt;

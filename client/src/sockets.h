@@ -58,6 +58,7 @@ class Requester {
 
     Endpoint endpoint_;
     Socket socket_;
+    int error_ = 0;  // why there is no socket
     Stage stage_ = Stage::idle;
     bool connected_ = false, lost_ = false, answered_ = false;
     Frames frames_;  // to be sent, then those of the answer
