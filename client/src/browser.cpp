@@ -9,6 +9,7 @@
 namespace kesto {
 
 static constexpr int datagrams_at_first = 3;
+static constexpr int reply_ms = 1000;         // what a reply takes at most as a rule
 static constexpr int slow_reply_ms = 30000;   // a device whose data service is silent serves nobody for 25 s meanwhile
 static constexpr int replies_at_once = 256;   // then other tasks get their turn
 static constexpr size_t devices_most = 4096;  // whatever a liar on the network invents
@@ -31,7 +32,9 @@ class Browser::Core final : public Task {
         int64_t heard_at = 0;
     };
 
-    bool is_owed() const;
+    bool is_owed() const; /* a reply, by any device */
+    bool is_owed(const Known &known) const { return known.heard_at < asked_at_; }
+    int64_t vanishes_at(const Known &known) const;
     void begin_round(int64_t now);
     void send(int64_t now);
     void receive(int64_t now);
@@ -90,13 +93,19 @@ void Browser::Core::go_on(int64_t now) {
 void Browser::Core::arm(int64_t now) {
     int64_t due = is_owed() ? late_at_ : round_at_;
     if (datagrams_left_ > 0) due = std::min(due, send_at_);
-    for (const auto &[serial, known] : known_) due = std::min(due, known.heard_at + options_.vanished_after_ms);
+    for (const auto &[serial, known] : known_) {
+        if (is_owed(known)) due = std::min(due, vanishes_at(known));
+    }
     set_due(std::max(due, now));
 }
 
 bool Browser::Core::is_owed() const {
-    return std::any_of(known_.begin(), known_.end(),
-                       [&](const auto &entry) { return entry.second.heard_at < asked_at_; });
+    return std::any_of(known_.begin(), known_.end(), [&](const auto &entry) { return is_owed(entry.second); });
+}
+
+/* A program that has slept has not asked meanwhile. */
+int64_t Browser::Core::vanishes_at(const Known &known) const {
+    return std::max(known.heard_at + options_.vanished_after_ms, asked_at_ + reply_ms);
 }
 
 void Browser::Core::look_again() {
@@ -173,7 +182,7 @@ void Browser::Core::forget_addresses(Known &known) {
 
 void Browser::Core::forget_devices(int64_t now) {
     std::erase_if(known_, [&](const auto &entry) {
-        const bool is_gone = now - entry.second.heard_at >= options_.vanished_after_ms;
+        const bool is_gone = is_owed(entry.second) && now >= vanishes_at(entry.second);
         if (is_gone) tell_news(News::vanished, entry.second.device);
         return is_gone;
     });
