@@ -78,7 +78,7 @@ class Client::Core final : public Task {
     void take_answer(Answer answer, int64_t now);
     void take_reply(Answer answer, int64_t now);
     bool see_counter(const Reply &reply, int64_t now); /* false: the connection was given up */
-    void inquire(Answer told, int64_t now);
+    void inquire(const Answer &told, int64_t now);
     void finish(Answer answer);
     void read_again(const std::string &key);
     void fail_requests();

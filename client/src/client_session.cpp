@@ -139,7 +139,7 @@ void Client::Core::take_reply(Answer answer, int64_t now) {
         tell_notice(was_connected_ ? Notice::recovered : Notice::connected, "");
         was_connected_ = true;
     } else if (inquiry_) {
-        inquire(std::move(answer), now);
+        inquire(answer, now);
     } else if (asked_ && answer) {
         note_written(answer.reply, now);
         answer = judge(asked_->operation, std::move(answer.reply));
@@ -167,7 +167,7 @@ bool Client::Core::see_counter(const Reply &reply, int64_t now) {
     return finding != ChangeLedger::Finding::fell;
 }
 
-void Client::Core::inquire(Answer told, int64_t now) {
+void Client::Core::inquire(const Answer &told, int64_t now) {
     const Authorize &question = inquiry_->questions[inquiry_->next];
     const Authorization *authorization = told.get<Authorization>();
     if (authorization != nullptr && !authorization->allowed) {

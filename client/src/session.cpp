@@ -68,7 +68,7 @@ Answer Session::ask_raw(Operation operation) {
 Answer Session::explain_refusal(const Operation &operation, const Reply &reply) {
     Answer answer = judge(operation, reply);
     for (const Authorize &question : questions_after(operation, answer)) {
-        const Answer told = ask_raw(question);
+        Answer told = ask_raw(question);
         if (!told) return told;
         const Authorization *authorization = told.get<Authorization>();
         if (authorization != nullptr && !authorization->allowed)
@@ -77,8 +77,8 @@ Answer Session::explain_refusal(const Operation &operation, const Reply &reply) 
     return answer;
 }
 
-Answer Session::ask(Operation operation) {
-    const Answer answer = ask_raw(operation);
+Answer Session::ask(const Operation &operation) {
+    Answer answer = ask_raw(operation);
     return answer ? explain_refusal(operation, answer.reply) : answer;
 }
 

@@ -32,7 +32,7 @@ static std::vector<kesto::Device> discover_devices(const Options &options, const
     kesto::BrowserCallbacks callbacks;
     callbacks.trouble = [](const std::string &sentence) { throw not_reachable(sentence); };
     const kesto::Browser browser(loop, std::move(search), std::move(callbacks));
-    const gint64 end_us = g_get_monotonic_time() + gint64{options.wait_ms} * us_per_ms;
+    const gint64 end_us = g_get_monotonic_time() + options.wait_ms * us_per_ms;
     for (gint64 now_us = 0; (now_us = g_get_monotonic_time()) < end_us && (any || browser.devices().empty());) {
         loop.wait(static_cast<int>((end_us - now_us) / us_per_ms) + 1);
         if (is_interrupted()) throw interrupted();

@@ -11,7 +11,8 @@
 /* What the service itself gives each pair of a multi-write. */
 constexpr uint32_t write_plain = 1;
 
-constexpr int ms_per_s = 1000, us_per_ms = 1000;
+constexpr int ms_per_s = 1000;
+constexpr int64_t us_per_ms = 1000;
 
 /* The device's two users. */
 constexpr const char *restricted_user = "quillmont", *unrestricted_user = "root";

@@ -20,7 +20,7 @@ class Watch {
   public:
     explicit Watch(const Options &options)
         : options_(options),
-          end_us_(options.for_ms > 0 ? g_get_monotonic_time() + gint64{options.for_ms} * us_per_ms : G_MAXINT64) {}
+          end_us_(options.for_ms > 0 ? g_get_monotonic_time() + options.for_ms * us_per_ms : G_MAXINT64) {}
 
     void show(const Source &source, const kesto::Published &published) {
         if (is_over()) return;

@@ -38,7 +38,7 @@ class KESTO_CLIENT_API Session {
 
     /* Asks, and after a refusal asks whether it was the user's rights. After Outcome::unknown, nonsense or interrupted
      * the session is of no further use. */
-    Answer ask(Operation operation);
+    Answer ask(const Operation &operation);
 
     /* Outcome::done whatever the reply's status. */
     Answer ask_raw(Operation operation);
