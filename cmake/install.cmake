@@ -1,4 +1,5 @@
-# What `cmake --install` puts where, beside the targets. A component is what one package holds: access, standin, tools;
+# What `cmake --install` puts where, beside the targets. A component is what one package holds: access, standin, tools, client
+# and client-dev, which is the client library (client/CMakeLists.txt);
 # dev is for those who build against the platform's headers.
 set(install_docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
 set(install_configured ${PROJECT_BINARY_DIR}/packaging)

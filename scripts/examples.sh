@@ -51,6 +51,17 @@ first_missing() {
     done
 }
 
+# The C++ example takes the library as any program does, from where it is installed.
+build_cpp_example() {
+    local log=$copy/cpp.log component
+    for component in client client-dev; do
+        cmake --install "${bin%/bin}" --prefix "$copy/installed" --component $component
+    done >"$log" 2>&1 &&
+        cmake -S "$copy/examples/cpp" -B "$copy/cpp" -DCMAKE_PREFIX_PATH="$copy/installed" >>"$log" 2>&1 &&
+        cmake --build "$copy/cpp" >>"$log" 2>&1 ||
+        complain $failure "the C++ example cannot be built; the reason is in build/examples/cpp.log"
+}
+
 # visit NAME COMMAND...: one line about one example.
 visit() {
     local name=$1 output=$work/$1.out status reason
@@ -82,6 +93,7 @@ visit_all() {
             complain $failure "the device does not take a project information"
         visit python /usr/bin/python3 "$copy/examples/python/client.py" || result=$failure
         visit node node "$copy/examples/node/client.js" || result=$failure
+        visit cpp "$copy/cpp/client" || result=$failure
     done
     return $result
 }
@@ -92,9 +104,10 @@ if [ "${1-}" = --inside ]; then
     exit
 fi
 if [ $# != 1 ] || [ ! -x "$1/kesto-access" ] || [ ! -x "$1/kesto-device" ]; then
-    complain $usage_error "usage: scripts/examples.sh BIN, the folder of kesto-access and kesto-device"
+    complain $usage_error "usage: scripts/examples.sh BIN, the folder of kesto-access and kesto-device in the build folder"
 fi
 bin=$(cd "$1" && pwd)
 install_what_they_need
 prepare_copy
+build_cpp_example
 exec "$root/tests/sandbox" "${BASH_SOURCE[0]}" --inside "$bin"

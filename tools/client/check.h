@@ -1,4 +1,4 @@
-/* check.h - a device, real or simulated, held against the public contract point by point. */
+/* check.h - devices, real or simulated, held against the public contract point by point. */
 #pragma once
 
 #include "options.h"

@@ -2,41 +2,63 @@
 
 #include <algorithm>
 
+#include <glib.h>
+
+#include <kesto-client/browser.h>
+
 #include "failure.h"
+#include "interrupt.h"
 
 static constexpr int fine = static_cast<int>(ExitStatus::fine);
+static constexpr int asked_again_after_ms = 1500;
 
-static DiscoverySearch search_from_options(const Options &options) {
-    DiscoverySearch search{std::nullopt, options.client_id, options.wait_ms};
-    if (!options.arguments.empty()) {
-        search.address = resolve_host(options.arguments[0]);
-    } else if (options.host_given) {
-        search.address = options.address;
-    }
+/* Of this device alone, or of every one in reach. */
+static kesto::BrowserOptions search_from_options(const Options &options, const kesto::KeyPair &pair) {
+    kesto::BrowserOptions search;
+    if (!options.arguments.empty()) search.addresses = {address_of(options.arguments[0])};
+    else if (options.host_given) search.addresses = {options.address};
+    search.broadcast = search.addresses.empty();
+    search.client_id = options.client_id;
+    search.public_key = pair.public_pem();
+    search.interval_ms = asked_again_after_ms;
     return search;
+}
+
+/* Until the wait is over, or the device that was asked has answered. */
+static std::vector<kesto::Device> discover_devices(const Options &options, const kesto::KeyPair &pair) {
+    kesto::BrowserOptions search = search_from_options(options, pair);
+    const bool any = search.broadcast;
+    kesto::Loop loop;
+    kesto::BrowserCallbacks callbacks;
+    callbacks.trouble = [](const std::string &sentence) { throw not_reachable(sentence); };
+    const kesto::Browser browser(loop, std::move(search), std::move(callbacks));
+    const gint64 end_us = g_get_monotonic_time() + options.wait_ms * us_per_ms;
+    for (gint64 now_us = 0; (now_us = g_get_monotonic_time()) < end_us && (any || browser.devices().empty());) {
+        loop.wait(static_cast<int>((end_us - now_us) / us_per_ms) + 1);
+        if (is_interrupted()) throw interrupted();
+    }
+    return browser.devices();
 }
 
 static std::string yes_or_no(bool answer) { return answer ? "yes" : "no"; }
 
 int run_discover(const Options &options) {
-    const std::vector<Device> devices = discover_devices(search_from_options(options));
+    const kesto::KeyPair pair;
+    const std::vector<kesto::Device> devices = discover_devices(options, pair);
     if (devices.empty()) throw not_reachable("no device answered");
-    print_output(options.json, format_devices(devices));
+    print_output(options.json, format_devices(devices, pair));
     const bool keys_are_right =
-        std::all_of(devices.begin(), devices.end(), [](const Device &device) { return device.key_is_right; });
+        std::all_of(devices.begin(), devices.end(), [&](const kesto::Device &device) { return pair.is_right(device); });
     if (!keys_are_right) throw Failure{ExitStatus::refused, "a device did not wrap the right key"};
     return fine;
 }
 
 int run_login(const Options &options) {
     const Account account = account_from_options(options);
-    LoginRequest login;
-    login.monitor = options.monitor;
-    login.discard_my_feedback = options.discard_my_feedback;
-    login.hide_secure_info = options.hide_secure_info;
-    login.no_lock = options.no_lock;
-    if (options.with_discovery) login.discovery = ask_static_discovery(account);
-    print_output(options.json, format_login(account, log_in(account, login), !options.monitor));
+    const LoginFlags flags = {options.monitor, options.discard_my_feedback, options.hide_secure_info, options.no_lock};
+    std::optional<std::string> static_discovery;
+    if (options.with_discovery) static_discovery = ask_static_discovery(account);
+    print_output(options.json, format_login(account, log_in(account, flags, static_discovery), !options.monitor));
     return fine;
 }
 
@@ -58,7 +80,7 @@ int run_read(const Options &options) {
 int run_write(const Options &options) {
     const Assignment assignment = {options.arguments[0], options.arguments[1]};
     require_key(assignment.key);
-    const uint32_t type = options.type | (options.lock ? write_is_lock : 0);
+    const uint32_t type = options.type | (options.lock ? kesto::write_is_lock : 0);
     with_session(options, [&](Session &session) {
         print_output(options.json, format_write(session_write(session, assignment, type)));
     });
@@ -104,9 +126,9 @@ std::vector<Assignment> parse_assignments(const std::vector<std::string> &words)
 }
 
 Output ask_rights(Session &session, const std::string &key) {
-    const bool read = session_may(session, operation_read, key, false);
-    const bool read_recursively = session_may(session, operation_read, key, true);
-    const bool write = session_may(session, operation_write, key, false);
+    const bool read = session_may(session, kesto::operation_read, key, false);
+    const bool read_recursively = session_may(session, kesto::operation_read, key, true);
+    const bool write = session_may(session, kesto::operation_write, key, false);
     return {
         {{"key", key}, {"read", read}, {"read_recursively", read_recursively}, {"write", write}},
         "read " + yes_or_no(read) + ", read recursively " + yes_or_no(read_recursively) + ", write " +

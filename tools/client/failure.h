@@ -3,6 +3,9 @@
 #pragma once
 
 #include <string>
+#include <utility>
+
+#include <kesto-client/answer.h>
 
 enum class ExitStatus {
     fine = 0,
@@ -22,3 +25,18 @@ inline Failure not_reachable(const std::string &why) { return {ExitStatus::not_r
 inline Failure refused(const std::string &why) { return {ExitStatus::refused, "refused: " + why}; }
 
 inline Failure interrupted() { return {ExitStatus::interrupted, "interrupted"}; }
+
+Failure failure_of(const kesto::Answer &answer);
+
+/* The reply of an answer; throws when the request was not done. A multi-write that was done in part has its reasons in
+ * its results. */
+kesto::Reply reply_of(kesto::Answer answer);
+
+/* The result of such a reply; throws when it is of another kind. */
+template <typename Result>
+Result result_of(kesto::Answer answer) {
+    kesto::Reply reply = reply_of(std::move(answer));
+    Result *result = std::get_if<Result>(&reply.result);
+    if (result == nullptr) throw refused("the reply is about something else");
+    return std::move(*result);
+}

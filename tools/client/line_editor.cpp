@@ -1,13 +1,15 @@
-/* libedit asks for one character at a time, so the wait for the next one is the place to serve the socket. */
+/* libedit asks for one character at a time, so the wait for the next one is the place to show what
+ * the device publishes. */
 #include "line_editor.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <histedit.h>
+#include <poll.h>
 #include <unistd.h>
 
-#include <czmq.h>
+#include "interrupt.h"
 
 struct LineEditor {
     const char *prompt;
@@ -20,7 +22,7 @@ struct LineEditor {
 static constexpr int history_lines = 500;
 static constexpr size_t listed_words_max = 60;
 static constexpr size_t read_size_bytes = 4096;
-static constexpr long look_ms = 250;  // a Ctrl-C just before a wait is noticed only after it
+static constexpr int look_ms = 250;  // a Ctrl-C just before a wait is noticed only after it
 static constexpr const char *erase_line = "\r\x1b[K";
 
 static LineEditor &editor_of(EditLine *line) {
@@ -29,23 +31,23 @@ static LineEditor &editor_of(EditLine *line) {
     return *static_cast<LineEditor *>(editor);
 }
 
-static void serve_socket(LineEditor &editor) {
-    if (editor.line) fputs(erase_line, stdout);
-    editor.callbacks.serve();
-    if (editor.line) el_set(editor.line.get(), EL_REFRESH);
+static void show_published(LineEditor &editor) {
+    while (editor.callbacks.has_more()) {
+        if (editor.line) fputs(erase_line, stdout);
+        editor.callbacks.show();
+        if (editor.line) el_set(editor.line.get(), EL_REFRESH);
+    }
 }
 
 /* Until standard input is readable; false after Ctrl-C. */
 static bool wait_for_input(LineEditor &editor) {
-    while (!zsys_interrupted) {
-        void *socket = editor.callbacks.socket();
-        zmq_pollitem_t items[] = {
-            {nullptr, STDIN_FILENO, ZMQ_POLLIN, 0},
-            {socket,  0,            ZMQ_POLLIN, 0}
+    while (!is_interrupted()) {
+        show_published(editor);
+        pollfd items[] = {
+            {STDIN_FILENO,                  POLLIN, 0},
+            {editor.callbacks.descriptor(), POLLIN, 0}
         };
-        if (zmq_poll(items, socket != nullptr ? 2 : 1, look_ms) <= 0) continue;
-        if (socket != nullptr && items[1].revents != 0) serve_socket(editor);
-        if (items[0].revents != 0) return true;
+        if (poll(items, std::size(items), look_ms) > 0 && items[0].revents != 0) return true;
     }
     return false;
 }

@@ -1,5 +1,5 @@
 /* line_editor.h - reads lines from standard input, with editing, history and completion when it is a terminal, and
- * serves one ZeroMQ socket meanwhile. */
+ * shows what comes in meanwhile. */
 #pragma once
 
 #include <functional>
@@ -11,8 +11,9 @@
 #include "owned.h"
 
 struct LineEditorCallbacks {
-    std::function<void *()> socket;  // the libzmq socket to serve, asked for before each wait; may be NULL
-    std::function<void()> serve;     // it is readable; what this prints stands above the line being typed
+    std::function<int()> descriptor;  // readable when there may be more to show; asked for before each wait; -1: none
+    std::function<bool()> has_more;   // there is something to show
+    std::function<void()> show;       // prints it, above the line being typed
     std::function<std::vector<std::string>(const std::string &line)>
         complete;  // words for the line's unfinished last one
 };

@@ -13,9 +13,10 @@
 
 #include <gio/gio.h>
 
+#include <kesto-client/exchange.h>
+
 #include "failure.h"
 #include "owned.h"
-#include "wire.h"
 
 using Words = std::vector<std::string>;
 
@@ -26,7 +27,7 @@ static constexpr int seconds_max = 86400;
 struct Parsed {
     char *host, *id, *user, *password, *other_password;
     double timeout_s = default_timeout_s, for_s, wait_s = default_wait_s, alarm_wait_s = default_alarm_wait_s;
-    gboolean json, version, recursive, lock, keep, monitor, discard_my_feedback, hide_secure_info, no_lock,
+    gboolean json, version, recursive, all, lock, keep, monitor, discard_my_feedback, hide_secure_info, no_lock,
         with_discovery;
     int type = write_plain, count;
 };
@@ -76,6 +77,7 @@ static const GOptionEntry command_entries[] = {
     flag_option("no-lock", no_letter, &parsed.no_lock, "Announce the id to the audio service as @localhost"),
     flag_option("with-discovery", no_letter, &parsed.with_discovery,
                 "Ask for the device's static discovery text and present it"),
+    flag_option("all", 'a', &parsed.all, "Follow every device, those that come later, too"),
     number_option("count", 'n', &parsed.count, "End after N events"),
     seconds_option("for", no_letter, &parsed.for_s, "End after S seconds"),
     seconds_option("wait", 'w', &parsed.wait_s, "Time to collect answers (default: 1)"),
@@ -240,6 +242,12 @@ static void check_client_id(const std::string &id) {
     if (id.empty() || id.find('!') != std::string::npos) throw wrong_usage("--id must not be empty or contain '!'");
 }
 
+std::string address_of(const std::string &host) {
+    const std::optional<std::string> address = kesto::resolve_host(host);
+    if (!address) throw not_reachable("no IPv4 address is known for host " + host);
+    return *address;
+}
+
 static Options options_from_parsed(const Command &command, Words arguments) {
     Options o{};
     const char *environment_host = getenv("KESTO_HOST");
@@ -251,6 +259,7 @@ static Options options_from_parsed(const Command &command, Words arguments) {
     o.json = parsed.json;
     o.timeout_ms = milliseconds("timeout", parsed.timeout_s, false);
     o.recursive = parsed.recursive;
+    o.all = parsed.all;
     o.lock = parsed.lock;
     o.keep = parsed.keep;
     o.monitor = parsed.monitor;
@@ -269,7 +278,7 @@ static Options options_from_parsed(const Command &command, Words arguments) {
     if (parsed.other_password != nullptr) o.other_password = parsed.other_password;
     if (command.login != Login::none) o.password = find_password(o.user);
     const char *host = parsed.host != nullptr ? parsed.host : environment_host;
-    o.address = resolve_host(text_or(host, loopback_address));
+    o.address = address_of(text_or(host, kesto::loopback_address));
     return o;
 }
 

@@ -6,6 +6,14 @@
 #include <string>
 #include <vector>
 
+#include <kesto-client/messages.h>
+
+/* What the service itself gives each pair of a multi-write. */
+constexpr uint32_t write_plain = 1;
+
+constexpr int ms_per_s = 1000;
+constexpr int64_t us_per_ms = 1000;
+
 /* The device's two users. */
 constexpr const char *restricted_user = "quillmont", *unrestricted_user = "root";
 
@@ -21,6 +29,7 @@ struct Options {
     std::optional<std::string> other_password;  // of the device's other user
 
     bool recursive;
+    bool all;
     bool lock;
     bool keep;
     bool monitor;
@@ -66,9 +75,9 @@ Invocation parse_command_line(int argc, char **argv, const std::vector<Command> 
  * right. */
 std::string argument_problem(const std::string &name, const std::string &syntax, size_t count);
 
+std::string address_of(const std::string &host); /* numeric IPv4; throws when there is none */
+
 /* A word of the form KEY=VALUE. */
-struct Assignment {
-    std::string key, value;
-};
+using Assignment = kesto::Pair;
 Assignment parse_assignment(const std::string &word);
 void require_key(const std::string &key); /* throws when it is empty */

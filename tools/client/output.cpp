@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
@@ -21,25 +22,44 @@ static void add_line(std::string &text, const std::string &line) {
     text += line;
 }
 
-static std::string device_text(const Device &device) {
-    std::string text;
-    for (const std::string &address : device.addresses) text += (text.empty() ? "device at " : ", ") + address;
-    for (size_t i = 0; i < discovery_field_count; ++i) {
-        g_autofree char *title = g_strdup_printf("  %-20s ", discovery_fields[i].title);
-        add_line(text, title + printable(device.fields[i]));
-    }
-    add_line(text, std::string("  unwrapped key        ") + (device.key_is_right ? "right" : "WRONG"));
-    add_line(text, "  log in at            " + endpoint_text(device_login_endpoint(device)));
-    return text;
+static std::string login_text(const kesto::Device &device) {
+    return kesto::endpoint_text(kesto::login_endpoint(device));
 }
 
-static Json device_json(const Device &device) {
+static Json device_json(const kesto::Device &device, const kesto::KeyPair &pair) {
     Json json;
     json["addresses"] = device.addresses;
-    for (size_t i = 0; i < discovery_field_count; ++i) json[discovery_fields[i].name] = device.fields[i];
-    json["key_is_right"] = device.key_is_right;
-    json["login"] = endpoint_text(device_login_endpoint(device));
+    for (const kesto::DeviceField &field : kesto::device_fields) json[field.name] = device.*field.text;
+    json["key_is_right"] = pair.is_right(device);
+    json["login"] = login_text(device);
     return json;
+}
+
+using Row = std::vector<std::string>;
+
+static Row device_row(const kesto::Device &device, const kesto::KeyPair &pair) {
+    std::string addresses;
+    for (const std::string &address : device.addresses) addresses += (addresses.empty() ? "" : ",") + address;
+    const std::string key = pair.is_right(device) ? "right" : "WRONG";
+    Row row = {device.serial, device.model, device.firmware, device.amplifier_name, addresses, login_text(device), key};
+    for (std::string &text : row) text = text.empty() ? "-" : printable(text);
+    return row;
+}
+
+/* Each column as wide as its widest text. */
+static std::string table_text(const std::vector<Row> &rows) {
+    const auto width_of = [](const std::string &text) { return static_cast<size_t>(g_utf8_strlen(text.c_str(), -1)); };
+    std::vector<size_t> widths(rows.front().size());
+    for (const Row &row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width_of(row[i]));
+    }
+    std::string text;
+    for (const Row &row : rows) {
+        std::string line;
+        for (size_t i = 0; i + 1 < row.size(); ++i) line += row[i] + std::string(widths[i] - width_of(row[i]) + 2, ' ');
+        add_line(text, line + row.back());
+    }
+    return text;
 }
 
 /* The shortest decimal that is this float: as a double, 84.9f would print as 84.9000015258789. */
@@ -50,68 +70,65 @@ static double short_decimal(float value) {
     return error == std::errc() ? g_ascii_strtod(text, nullptr) : static_cast<double>(value);
 }
 
-static Output format_alarm(const wire::Alarm &alarm) {
-    const auto value = static_cast<double>(alarm.value());
-    const char *active = alarm.active() != 0 ? ", active" : "";
-    g_autofree char *text =
-        g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code(), alarm.channel(), value, active);
+static Output format_event(const kesto::Alarm &alarm) {
+    const char *active = alarm.active != 0 ? ", active" : "";
+    g_autofree char *text = g_strdup_printf("alarm %d on channel %d: value %g%s", alarm.code, alarm.channel,
+                                            static_cast<double>(alarm.value), active);
     return {
         {{"event", "alarm"},
-         {"code", alarm.code()},
-         {"active", alarm.active()},
-         {"channel", alarm.channel()},
-         {"value", short_decimal(alarm.value())}},
+         {"code", alarm.code},
+         {"active", alarm.active},
+         {"channel", alarm.channel},
+         {"value", short_decimal(alarm.value)}},
         text
     };
 }
 
-static Output format_change(const wire::Change &change) {
+static Output format_event(const kesto::Change &change) {
     Json json = {
-        {"event", "change"      },
-        {"key",   change.key()  },
-        {"value", change.value()}
+        {"event", "change"    },
+        {"key",   change.key  },
+        {"value", change.value}
     };
-    std::string text = "changed " + assignment_text(change.key(), change.value());
-    if (change.has_type()) {
-        json["type"] = change.type();
-        if (!change.type().empty()) text += " (" + printable(change.type()) + ")";
+    std::string text = "changed " + assignment_text(change.key, change.value);
+    if (change.type) {
+        json["type"] = *change.type;
+        if (!change.type->empty()) text += " (" + printable(*change.type) + ")";
     }
     return {json, text};
 }
 
-static Output format_event(const wire::Event &event) {
-    switch (event.kind_case()) {
-        case wire::Event::kAlarm: return format_alarm(event.alarm());
-        case wire::Event::kChange: return format_change(event.change());
-        case wire::Event::kSnapshotLoaded: {
-            const uint32_t slot = event.snapshot_loaded().slot();
-            return {
-                {{"event", "snapshot_loaded"}, {"slot", slot}},
-                "snapshot " + std::to_string(slot) + " loaded"
-            };
-        }
-        case wire::Event::kSpeakerPresetLoaded: return {{{"event", "speaker_preset_loaded"}}, "speaker preset loaded"};
-        case wire::Event::KIND_NOT_SET: break;
-    }
-    return {{{"event", "unknown"}}, "event of an unknown kind"};
+static Output format_event(const kesto::SnapshotLoaded &loaded) {
+    return {
+        {{"event", "snapshot_loaded"}, {"slot", loaded.slot}},
+        "snapshot " + std::to_string(loaded.slot) + " loaded"
+    };
 }
 
+static Output format_event(const kesto::SpeakerPresetLoaded &) {
+    return {{{"event", "speaker_preset_loaded"}}, "speaker preset loaded"};
+}
+
+static Output format_event(std::monostate) { return {{{"event", "unknown"}}, "event of an unknown kind"}; }
+
 /* The reply to another client's write, as that client got it; on one line, as every event. */
-static Output format_echo(const wire::Reply &reply) {
-    const bool several = reply.has_multi_write();
-    const Output what = several ? format_write_all(reply.multi_write()) : format_write(reply.write());
+static Output format_event(const kesto::Reply &reply) {
+    const auto *several = std::get_if<kesto::MultiWriteResult>(&reply.result);
+    const auto *single = std::get_if<kesto::WriteResult>(&reply.result);
+    const Output what = several != nullptr ? format_write_all(*several)
+                                           : format_write(single != nullptr ? *single : kesto::WriteResult{});
     std::string text = what.text;
     for (size_t end = 0; (end = text.find('\n', end)) != std::string::npos;) text.replace(end, 1, "; ");
     Json json = {
-        {"event",     "echo"           },
-        {"client_id", reply.client_id()}
+        {"event",     "echo"         },
+        {"client_id", reply.client_id}
     };
-    json[several ? "multi_write" : "write"] = what.json;
-    return {json, "client " + printable(reply.client_id()) + " wrote " + text};
+    json[several != nullptr ? "multi_write" : "write"] = what.json;
+    return {json, "client " + printable(reply.client_id) + " wrote " + text};
 }
 
-static Output format_what(const wire::Message &message) {
-    return message.has_event() ? format_event(message.event()) : format_echo(message.reply());
+static Output format_what(const kesto::Published &published) {
+    return std::visit([](const auto &event) { return format_event(event); }, published);
 }
 
 /* The time that a message came at, and `rest`. */
@@ -147,74 +164,77 @@ std::string printable(std::string_view text) {
     return shown;
 }
 
-Output format_devices(const std::vector<Device> &devices) {
-    Output output{Json::array(), ""};
-    for (const Device &device : devices) {
-        output.json.push_back(device_json(device));
-        add_line(output.text, device_text(device));
+Output format_devices(const std::vector<kesto::Device> &devices, const kesto::KeyPair &pair) {
+    Json json = Json::array();
+    std::vector<Row> rows = {
+        {"SERIAL", "MODEL", "FIRMWARE", "NAME", "ADDRESSES", "LOG IN AT", "KEY"}
+    };
+    for (const kesto::Device &device : devices) {
+        json.push_back(device_json(device, pair));
+        rows.push_back(device_row(device, pair));
     }
-    return output;
+    return {json, table_text(rows)};
 }
 
-Output format_login(const Account &account, const wire::Session &ports, bool stays) {
+Output format_login(const Account &account, const Ports &ports, bool stays) {
     const std::string id = printable(account.client_id);
     const std::string end =
         stays ? "it logs out: kesto-client --id " + id + " logout" : "its last command connection closes";
     g_autofree char *text = g_strdup_printf(
         "logged in as %s with client id %s\ncommand port  %d\nevent port    %d\nthe session stays until %s",
-        printable(account.user).c_str(), id.c_str(), ports.command_port(), ports.event_port(), end.c_str());
+        printable(account.user).c_str(), id.c_str(), ports.command, ports.event, end.c_str());
     return {
         {{"client_id", account.client_id},
          {"user", account.user},
-         {"command_port", ports.command_port()},
-         {"event_port", ports.event_port()}},
+         {"command_port", ports.command},
+         {"event_port", ports.event}},
         text
     };
 }
 
-Output format_value(const wire::Value &value) {
+Output format_value(const kesto::Value &value) {
     Output output{
-        {{"key", value.key()}, {"signature", value.signature()}},
+        {{"key", value.key}, {"signature", value.signature}},
         ""
     };
-    if (value.signature() != signature_of_pairs) {
-        output.json["value"] = value.text();
-        output.text = printable(value.text());
+    if (value.signature != kesto::signature_of_pairs) {
+        output.json["value"] = value.text;
+        output.text = printable(value.text);
         return output;
     }
     Json &entries = output.json["entries"] = Json::object();
-    for (const wire::Pair &pair : value.entries()) {
-        entries[pair.key()] = pair.value();
-        add_line(output.text, assignment_text(pair.key(), pair.value()));
+    for (const kesto::Pair &pair : value.entries) {
+        entries[pair.key] = pair.value;
+        add_line(output.text, assignment_text(pair.key, pair.value));
     }
     return output;
 }
 
-Output format_write(const wire::WriteResult &result) {
+Output format_write(const kesto::WriteResult &result) {
     const Json json = {
-        {"key",    result.key()   },
-        {"value",  result.value() },
-        {"type",   result.type()  },
-        {"result", result.result()}
+        {"key",    result.key   },
+        {"value",  result.value },
+        {"type",   result.type  },
+        {"result", result.result}
     };
-    std::string text = assignment_text(result.key(), result.value());
-    if ((result.type() & write_is_lock) != 0) text += " (a lock)";
-    if (result.result() != 0) text += " (result " + std::to_string(result.result()) + ")";
+    std::string text = assignment_text(result.key, result.value);
+    if ((result.type & kesto::write_is_lock) != 0) text += " (a lock)";
+    if (result.result != 0) text += " (result " + std::to_string(result.result) + ")";
     return {json, text};
 }
 
-Output format_write_all(const wire::MultiWriteResult &result) {
+Output format_write_all(const kesto::MultiWriteResult &result) {
     Output output{Json::array(), ""};
-    for (int i = 0; i < result.pairs_size(); ++i) {
-        const wire::Pair &pair = result.pairs(i);
+    for (size_t i = 0; i < result.pairs.size(); ++i) {
+        const kesto::Pair &pair = result.pairs[i];
         Json json = {
-            {"key",   pair.key()  },
-            {"value", pair.value()}
+            {"key",   pair.key  },
+            {"value", pair.value}
         };
-        std::string line = assignment_text(pair.key(), pair.value());
-        if (i < result.results_size()) {
-            json["result"] = result.results(i);
-            line += " (" + printable(result.results(i)) + ")";
+        std::string line = assignment_text(pair.key, pair.value);
+        if (i < result.results.size()) {
+            json["result"] = result.results[i];
+            line += " (" + printable(result.results[i]) + ")";
         }
         output.json.push_back(json);
         add_line(output.text, line);
@@ -222,13 +242,13 @@ Output format_write_all(const wire::MultiWriteResult &result) {
     return output;
 }
 
-Output format_published(const wire::Message &message) {
-    const Output what = format_what(message);
+Output format_published(const kesto::Published &published) {
+    const Output what = format_what(published);
     return format_timed(what.json, what.text);
 }
 
-Output format_published_by(const Source &source, const wire::Message &message) {
-    const Output what = format_what(message);
+/* What happened at a device, and when. */
+static Output format_at(const Source &source, const Json &what, const std::string &text) {
     Json json;
     json["device"] = {
         {"address", source.address},
@@ -236,6 +256,21 @@ Output format_published_by(const Source &source, const wire::Message &message) {
         {"serial",  source.serial }
     };
     json["client_id"] = nullptr;  // the device itself
-    json.update(what.json);       // an echo names its client
-    return format_timed(json, source_text(source) + ": " + (message.has_event() ? "device: " : "") + what.text);
+    json.update(what);            // an echo names its client
+    return format_timed(json, source_text(source) + ": " + text);
+}
+
+Output format_published_by(const Source &source, const kesto::Published &published) {
+    const Output what = format_what(published);
+    const bool by_client = std::holds_alternative<kesto::Reply>(published);
+    return format_at(source, what.json, (by_client ? "" : "device: ") + what.text);
+}
+
+Output format_notice(const Source &source, const char *event, const std::string &text) {
+    return format_at(source,
+                     {
+                         {"event", event},
+                         {"text",  text }
+    },
+                     printable(text));
 }

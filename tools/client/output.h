@@ -7,7 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "discovery.h"
+#include <kesto-client/key_pair.h>
+
 #include "session.h"
 
 using Json = nlohmann::ordered_json;
@@ -21,16 +22,19 @@ struct Output {
 void print_output(bool json, const Output &output);
 std::string printable(std::string_view text); /* valid UTF-8, with control characters as \xNN */
 
-Output format_devices(const std::vector<Device> &devices);
-Output format_login(const Account &account, const wire::Session &ports, bool stays);
-Output format_value(const wire::Value &value);
-Output format_write(const wire::WriteResult &result);
-Output format_write_all(const wire::MultiWriteResult &result);
-Output format_published(const wire::Message &message); /* with the local time of now */
+Output format_devices(const std::vector<kesto::Device> &devices, const kesto::KeyPair &pair);
+Output format_login(const Account &account, const Ports &ports, bool stays);
+Output format_value(const kesto::Value &value);
+Output format_write(const kesto::WriteResult &result);
+Output format_write_all(const kesto::MultiWriteResult &result);
+Output format_published(const kesto::Published &published); /* with the local time of now */
 
 /* Whose events are shown. */
 struct Source {
     std::string address;
     std::string model, serial;  // empty while the device does not know itself yet
 };
-Output format_published_by(const Source &source, const wire::Message &message); /* the same, with device and causer */
+
+/* The same, with device and causer, and what the connection to the device has come to. */
+Output format_published_by(const Source &source, const kesto::Published &published);
+Output format_notice(const Source &source, const char *event, const std::string &text);

@@ -2,22 +2,25 @@
 
 #include <cstdio>
 #include <set>
+#include <utility>
 
 #include <glib.h>
 
 #include "commands.h"
 #include "failure.h"
+#include "interrupt.h"
 #include "line_editor.h"
 
 using Words = std::vector<std::string>;
 
 struct Shell {
     const Options &options;
-    std::optional<Session> session;  // none after the device did not answer; the next command opens another
+    std::optional<Session> session = {};  // none after the device did not answer; the next command opens another
     bool watching = false;
     bool ended = false;
     ExitStatus first_failure = ExitStatus::fine;
-    std::set<std::string> keys;  // for completion
+    std::set<std::string> keys = {};                 // for completion
+    std::optional<kesto::Published> published = {};  // to be shown next
 };
 
 struct ShellCommand {
@@ -35,21 +38,21 @@ static Failure wrong_line(const std::string &problem) { return {ExitStatus::usag
 static Session &session_of(Shell &shell) {
     if (shell.session) return *shell.session;
     shell.session = session_enter(shell.options);
-    if (shell.watching) session_listen(*shell.session);
+    if (shell.watching) shell.session->listen();
     return *shell.session;
 }
 
 static void print(const Shell &shell, const Output &output) { print_output(shell.options.json, output); }
 
-static void learn_keys(Shell &shell, const wire::Value &value) {
-    for (const wire::Pair &pair : value.entries()) shell.keys.insert(pair.key());
+static void learn_keys(Shell &shell, const kesto::Value &value) {
+    for (const kesto::Pair &pair : value.entries) shell.keys.insert(pair.key);
 }
 
 static void shell_read(Shell &shell, const Words &arguments) {
     const bool recursive = arguments.front() == "-r";
     if (arguments.size() != (recursive ? 2 : 1)) throw wrong_line("read takes [-r] KEY");
     require_key(arguments.back());
-    const wire::Value value = session_read(session_of(shell), arguments.back(), recursive);
+    const kesto::Value value = session_read(session_of(shell), arguments.back(), recursive);
     learn_keys(shell, value);
     if (!recursive) shell.keys.insert(arguments.back());
     print(shell, format_value(value));
@@ -74,8 +77,8 @@ static void shell_watch(Shell &shell, const Words &arguments) {
     if (!on && arguments[0] != "off") throw wrong_line("watch takes on or off");
     shell.watching = on;
     Session &session = session_of(shell);
-    if (!on) session.events.reset();
-    if (on && !session.events) session_listen(session);
+    if (!on) session.stop_listening();
+    else if (session.event_descriptor() < 0) session.listen();
 }
 
 static void shell_quit(Shell &shell, const Words &) { shell.ended = true; }
@@ -158,7 +161,7 @@ static Words complete_line(const Shell &shell, const std::string &line) {
 
 static void learn_tree(Shell &shell) {
     for (const char *root : key_roots) {
-        if (!session_may(*shell.session, operation_read, root, true)) continue;
+        if (!session_may(*shell.session, kesto::operation_read, root, true)) continue;
         try {
             learn_keys(shell, session_read(*shell.session, root, true));
         } catch (const Failure &failure) {
@@ -171,19 +174,18 @@ static void learn_tree(Shell &shell) {
 
 static LineEditorCallbacks callbacks_of(Shell &shell) {
     LineEditorCallbacks callbacks;
-    callbacks.socket = [&shell]() -> void * {
-        return shell.session && shell.session->events ? zsock_resolve(shell.session->events.get()) : nullptr;
+    callbacks.descriptor = [&shell] { return shell.session ? shell.session->event_descriptor() : -1; };
+    callbacks.has_more = [&shell] {
+        if (shell.session && !shell.published) shell.published = shell.session->next_published(0);
+        return shell.published.has_value();
     };
-    callbacks.serve = [&shell] {
-        const std::optional<wire::Message> message = receive_published(shell.session->events, 0);
-        if (message) print(shell, format_published(*message));
-    };
+    callbacks.show = [&shell] { print(shell, format_published(*std::exchange(shell.published, std::nullopt))); };
     callbacks.complete = [&shell](const std::string &line) { return complete_line(shell, line); };
     return callbacks;
 }
 
 int run_shell(const Options &options) {
-    Shell shell{options, {}, false, false, ExitStatus::fine, {}};
+    Shell shell{options};
     session_of(shell);  // a wrong password is said at once
     const LineEditorOwner editor = line_editor_new("kesto> ", callbacks_of(shell));
     const bool interactive = line_editor_is_interactive(*editor);
@@ -194,6 +196,6 @@ int run_shell(const Options &options) {
         run_line_and_report(shell, *line);
     }
     if (shell.session) session_leave(options, *shell.session);
-    const bool fine = interactive || zsys_interrupted;
+    const bool fine = interactive || is_interrupted();
     return static_cast<int>(fine ? ExitStatus::fine : shell.first_failure);
 }

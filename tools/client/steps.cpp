@@ -6,9 +6,9 @@ void require(bool holds, const std::string &otherwise) {
     if (!holds) throw device_failure(otherwise);
 }
 
-void expect_status(const wire::Reply &reply, wire::Status status, const std::string &what) {
-    require(reply.status() == status,
-            what + " is answered " + wire::Status_Name(reply.status()) + " instead of " + wire::Status_Name(status));
+void expect_status(const kesto::Reply &reply, kesto::Status status, const std::string &what) {
+    require(reply.status == status,
+            what + " is answered " + kesto::status_name(reply.status) + " instead of " + kesto::status_name(status));
 }
 
 Account account_named(const Account &account, const char *suffix) {
@@ -21,21 +21,13 @@ PassingId further_id(const Visit &visit, const char *suffix) {
     return PassingId(account_named(visit.own.account, suffix));
 }
 
-LoginRequest monitored() {
-    LoginRequest login;
-    login.monitor = true;
-    login.discard_my_feedback = true;
-    return login;
-}
-
 Session &session_of(Visit &visit) {
     if (!visit.session) throw NotChecked{"there is no session"};
     return *visit.session;
 }
 
-std::string ports_text(const Session &session) {
-    return "command port " + std::to_string(session.command_port) + ", event port " +
-           std::to_string(session.event_port);
+kesto::Reply ask_raw(Session &session, kesto::Operation operation) {
+    return reply_of(session.ask_raw(std::move(operation)));
 }
 
 void write_project_info(Session &session, const std::string &text) {

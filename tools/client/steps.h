@@ -7,13 +7,12 @@ constexpr const char *serial_key = "/Device/Config/Hardware/Model/Serial", *proj
 
 Failure device_failure(const std::string &sentence); /* the device answers, but not as it should */
 void require(bool holds, const std::string &otherwise);
-void expect_status(const wire::Reply &reply, wire::Status status, const std::string &what);
+void expect_status(const kesto::Reply &reply, kesto::Status status, const std::string &what);
 
 Account account_named(const Account &account, const char *suffix); /* the same user under a further client id */
 PassingId further_id(const Visit &visit, const char *suffix);
-LoginRequest monitored();          /* monitored, without the echo of own changes */
-Session &session_of(Visit &visit); /* throws NotChecked when there is none */
-std::string ports_text(const Session &session);
+Session &session_of(Visit &visit);                                  /* throws NotChecked when there is none */
+kesto::Reply ask_raw(Session &session, kesto::Operation operation); /* whatever the reply's status */
 
 void write_project_info(Session &session, const std::string &text);
 

@@ -68,7 +68,7 @@ static void put_back(Visit &visit) {
 }
 
 Visit visit_new(const Options &options, const Account &account, const char *text) {
-    return {options, PassingId(account), account.login.address, text, key_pair_new(), {}, {}, {}, {}, {}};
+    return {options, PassingId(account), account.login.address, text};
 }
 
 void visit_walk(Visit &visit, const std::function<void(const VisitStep &step)> &take) {
@@ -84,6 +84,6 @@ void visit_walk(Visit &visit, const std::function<void(const VisitStep &step)> &
 void visit_reopen_session(Visit &visit) {
     visit.session.reset();
     log_out(visit.own.account);
-    visit.session = session_open(visit.own.account, monitored());
-    session_listen(*visit.session);
+    visit.session = session_open(visit.own.account, {});
+    visit.session->listen();
 }

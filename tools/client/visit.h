@@ -9,7 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "discovery.h"
+#include <kesto-client/key_pair.h>
+
 #include "failure.h"
 #include "session.h"
 
@@ -34,12 +35,12 @@ struct Visit {
     PassingId own;
     std::string address;  // where discovery asks
     std::string text;     // to be written as project information
-    KeyPair pair;
-    std::optional<Device> device;
-    std::string static_text;                  // empty: not known
-    std::optional<Session> session;           // monitored and listening, under the own id
-    std::string serial;                       // empty: not known
-    std::optional<std::string> project_info;  // as found; set while the device may hold another
+    kesto::KeyPair pair = {};
+    std::optional<kesto::Device> device = {};
+    std::string static_text = {};                  // empty: not known
+    std::optional<Session> session = {};           // monitored and listening, under the own id
+    std::string serial = {};                       // empty: not known
+    std::optional<std::string> project_info = {};  // as found; set while the device may hold another
 };
 
 /* Takes one step; returns what was seen. Throws a Failure when the device does not keep the contract or does not
