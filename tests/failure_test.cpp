@@ -178,6 +178,13 @@ TEST(ASessionThatCannotBeOpened, IsRefusedAndLeavesNothing) {
     }
 }
 
+TEST(ASessionOfLocalhost, WaitsForAPortThatIsStillClosing) {
+    for (const char *call : {"zsock_bind:2", "zsock_bind:3"}) {
+        FailingGateway gateway(call);
+        EXPECT_EQ(RemoteClient("@localhost").log_in(), (Ports{62000, 63000}));
+    }
+}
+
 static const FailureCase unmonitored_logins[] = {
     {"zactor_new:1",     {"try to enable MONITORING", "error creating monitor port"}             },
     {"pthread_create:1", {"try to enable MONITORING", "error creating monitor port"}             },
