@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "harness/fixtures.h"
+#include "harness/remote_client.h"
 
 struct DiscoveryRequest : testing::Test, GatewayFixture {
     Discovery discovery;
@@ -225,6 +226,7 @@ static constexpr int visitors_most = 1024;  // clients that are remembered witho
 static std::string visitor(int number) { return "visitor-" + std::to_string(number); }
 
 TEST_F(DiscoveryRequest, ComesFromAClientUntilTooManyLaterOnesHaveCome) {
+    EXPECT_EQ(RemoteClient("refused").log_in({.password = "wrong"}), Ports{});  // leaves no record
     for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i), i == 0 ? KeyPair().public_pem() : "");
     discovery.find(visitor(0));
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
