@@ -12,6 +12,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.append(str(ROOT))
 import counts
 import peer
+import racks
 import report
 import rows
 from testbed.gateway import Failure, TestBed
@@ -76,6 +77,8 @@ def options():
     parser.add_argument("--smoke", action="store_true", help="one short round, which shows only that everything runs")
     parser.add_argument("--peer", action="store_true",
                         help="compare the service with an MQTT broker that passes the same events on")
+    parser.add_argument("--rack", action="store_true",
+                        help="measure racks of devices, and a client that hears all of one, instead")
     parser.add_argument("--counts", action="store_true", help="count instructions, allocations and system calls instead")
     parser.add_argument("--check", action="store_true", help="with --counts: fail when the service costs more beside the "
                         "baseline than benchmark/bounds.py allows")
@@ -102,6 +105,9 @@ def run(chosen):
     elif chosen.peer:
         what, found = "peer", peer.measure(chosen.programs, 1 if chosen.smoke else chosen.rounds)
         print_table(*peer.table(found))
+    elif chosen.rack:
+        what, found = "rack", racks.measure(chosen.programs, chosen.smoke)
+        print_table(*racks.table(found))
     else:
         what = "runs"
         found = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)

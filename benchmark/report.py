@@ -7,6 +7,7 @@ import subprocess
 
 import counts
 import peer
+import racks
 import rows
 from testbed.gateway import Failure
 
@@ -112,14 +113,14 @@ def _unexplained(page, compared):
 
 
 def write(root, kept):
-    """Needs what ./bench has measured; what ./bench --peer and --counts have kept is shown when it is there."""
+    """Needs what ./bench has measured; what ./bench --peer, --counts and --rack have kept is shown when it is there."""
     if "runs from" not in kept:
         raise Failure("there is nothing to report yet; run ./bench first")
     path = root / "docs/performance.md"
     page = path.read_text(encoding="utf-8")
     compared = rows.comparisons(kept["runs"])
     parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
-    for what, table in (("counts", counts.table), ("peer", peer.table)):
+    for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table)):
         if f"{what} from" in kept:
             parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
     for mark, text in parts.items():

@@ -1,17 +1,10 @@
 // The codec with any bytes: what it hands to the service keeps the contract, and every answer can be read again.
-#include <cstdlib>
-#include <string>
-
 #include <kesto/proto.h>
 
 #include "access.pb.h"
 #include "target.h"
 
 namespace wire = kesto::access::v1;
-
-static void require(bool holds) {
-    if (!holds) abort();
-}
 
 static void require_text(const char *text) { require(text == nullptr || g_utf8_validate(text, -1, nullptr)); }
 

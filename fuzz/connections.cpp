@@ -2,7 +2,6 @@
 // the connection or the port; for bytes that come in, a byte of length and the bytes; else, where there is a number of
 // bytes, a byte that is it in units of 64 KiB.
 #include <array>
-#include <cstdlib>
 #include <string_view>
 
 #include "net/transport/connection_table.h"
@@ -25,23 +24,9 @@ static constexpr TablePort table_ports[] = {
 
 enum Call : uint8_t { add, received, sent, taken, answered, published, removed, opened, closed, turned, call_count };
 
-struct TableInput {
-    std::string_view left;
-
-    std::string_view bytes(size_t count) {
-        const std::string_view taken_now = left.substr(0, count);
-        left.remove_prefix(taken_now.size());
-        return taken_now;
-    }
-    uint8_t byte() {
-        const std::string_view one = bytes(1);
-        return one.empty() ? 0 : static_cast<uint8_t>(one[0]);
-    }
-};
-
 using Accepted = std::array<bool, connection_count>;
 
-static void take_step(TableInput &input, Accepted &accepted) {
+static void take_step(FuzzInput &input, Accepted &accepted) {
     const auto call = static_cast<Call>(input.byte() % call_count);
     const uint8_t which = input.byte();
     const size_t place = which % connection_count;
@@ -70,15 +55,9 @@ static void take_step(TableInput &input, Accepted &accepted) {
     }
 }
 
-static void require(bool holds) {
-    if (!holds) abort();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     [[maybe_unused]] static const bool ready = (connection_table_init(capacity), true);
-    TableInput input = {
-        {reinterpret_cast<const char *>(data), size}
-    };
+    FuzzInput input(data, size);
     Accepted accepted = {};
     while (!input.left.empty()) {
         take_step(input, accepted);

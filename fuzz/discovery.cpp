@@ -1,8 +1,6 @@
 // The discovery handler with any datagram, over a real socket: received, parsed, answered, and its records released.
 #include "net/discovery/discovery.h"
 
-#include <arpa/inet.h>
-#include <cstdlib>
 #include <cstring>
 #include <sys/socket.h>
 
@@ -19,28 +17,19 @@ static constexpr size_t longest_datagram = 8191;
 extern "C" char *kesto_dbus_data_read_kv(const char *) { return g_strdup("value"); }
 extern "C" void g_usleep(gulong) {}
 
-static int udp_socket(const sockaddr_in *bound_to, const sockaddr_in *connected_to) {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    if (bound_to != nullptr) (void)bind(descriptor, reinterpret_cast<const sockaddr *>(bound_to), sizeof(*bound_to));
-    if (connected_to != nullptr) {
-        (void)connect(descriptor, reinterpret_cast<const sockaddr *>(connected_to), sizeof(*connected_to));
-    }
-    return descriptor;
-}
-
 struct Fixture {
     AccessServer server = {};
-    int asker;
+    int asker = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
 
     Fixture() {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        server.udp_fd = udp_socket(&address, nullptr);
-        socklen_t size = sizeof(address);
-        getsockname(server.udp_fd, reinterpret_cast<sockaddr *>(&address), &size);
-        asker = udp_socket(nullptr, &address);
+        server.udp_fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
         server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
+        sockaddr_in address = {};  // any address, any port
+        address.sin_family = AF_INET;
+        auto *const generic = reinterpret_cast<sockaddr *>(&address);
+        socklen_t size = sizeof(address);
+        require(bind(server.udp_fd, generic, size) == 0 && getsockname(server.udp_fd, generic, &size) == 0 &&
+                connect(asker, generic, size) == 0);
     }
 };
 
@@ -53,8 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     char reply[longest_datagram + 1];
     const ssize_t length = recv(fixture.asker, reply, sizeof(reply), 0);
     const bool answered = length > 0;
-    if (answered && (memcmp(reply, "@?D", 3) != 0 || reply[length - 1] != '!')) abort();
-    if (answered != (g_hash_table_size(fixture.server.clients) == 1)) abort();
+    require(!answered || (memcmp(reply, "@?D", 3) == 0 && reply[length - 1] == '!'));
+    require(answered == (g_hash_table_size(fixture.server.clients) == 1));
     g_hash_table_foreach_remove(fixture.server.clients, client_free_callback, nullptr);
     return 0;
 }

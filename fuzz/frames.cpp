@@ -1,10 +1,7 @@
 // Sequences of requests on the authentication and the command handler. An input is a row of requests, each: a byte for
 // the socket (bit 0) and the number of frames (bits 1 and 2, plus one), then for each frame a byte of length and the
 // bytes.
-#include <cstdlib>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include <gio/gio.h>
 
@@ -65,34 +62,29 @@ struct Fixture {
         server.clients = g_hash_table_new_full(g_str_hash, g_str_equal, nullptr, nullptr);
         bus_connection = reinterpret_cast<GDBusConnection *>(this);
     }
-    ~Fixture() {
-        g_hash_table_unref(server.clients);
-        zloop_destroy(&server.loop);
-    }
 };
 
 static Client *client_with_commands(AccessServer *server) {
     Client *client = client_lookup(server, "panel");
-    if (client != nullptr) return client;
-    client = client_new();
-    client->cl_server = server;
-    client->cl_id = g_strdup("panel");
-    client->cl_cmd_port = 62001;
-    client_insert(server, client);
+    if (client == nullptr) {
+        client = client_new();
+        client->cl_server = server;
+        client->cl_id = g_strdup("panel");
+        client_insert(server, client);
+    }
+    if (client->cl_cmd_port == no_port) client->cl_cmd_port = first_ports.command;
     return client;
 }
 
 static void require_one_answer(zsock_t *dealer) {
     zmsg_t *answer = zmsg_recv(dealer);
-    if (answer == nullptr || zmsg_size(answer) != 2) abort();
+    require(answer != nullptr && zmsg_size(answer) == 2);
     zframe_t *last = zmsg_last(answer);
     wire::Message message;
-    if (zframe_size(last) > 0 &&
-        (!message.ParseFromArray(zframe_data(last), static_cast<int>(zframe_size(last))) || !message.has_reply())) {
-        abort();
-    }
+    require(message.ParseFromArray(zframe_data(last), static_cast<int>(zframe_size(last))));
+    require(message.has_reply() || zframe_size(last) == 0);
     zmsg_destroy(&answer);
-    if (zmsg_recv(dealer) != nullptr) abort();
+    require(zmsg_recv(dealer) == nullptr);
 }
 
 static void serve(Fixture &fixture, bool on_commands, zmsg_t *request) {
@@ -105,21 +97,14 @@ static void serve(Fixture &fixture, bool on_commands, zmsg_t *request) {
     require_one_answer(channel.dealer);
 }
 
-static std::string_view take(std::string_view &input, size_t count) {
-    const std::string_view taken = input.substr(0, count);
-    input.remove_prefix(taken.size());
-    return taken;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static Fixture fixture;
-    std::string_view input(reinterpret_cast<const char *>(data), size);
-    while (input.size() >= 2) {
-        const auto head = static_cast<uint8_t>(take(input, 1)[0]);
+    FuzzInput input(data, size);
+    while (input.left.size() >= 2) {
+        const uint8_t head = input.byte();
         zmsg_t *request = zmsg_new();
         for (int frame = 0; frame <= (head >> 1 & 3); ++frame) {
-            const std::string_view length = take(input, 1);
-            const std::string_view bytes = take(input, length.empty() ? 0 : static_cast<uint8_t>(length[0]));
+            const std::string_view bytes = input.bytes(input.byte());
             zmsg_addmem(request, bytes.data(), bytes.size());
         }
         serve(fixture, (head & 1) != 0, request);

@@ -173,8 +173,9 @@ class RawPeer:
 
     GREETING = b"\xff" + bytes(8) + b"\x7f\x03\x00" + b"NULL".ljust(20, b"\0") + bytes(32)
 
-    def __init__(self, port, kind=b"DEALER", receive_bytes=None, timeout_s=10):
+    def __init__(self, port, kind=b"DEALER", receive_bytes=None, timeout_s=10, address=HOST):
         self.socket, self.sent = socket.socket(), 0
+        self.socket.bind((address, 0))
         if receive_bytes:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_bytes)
         self.socket.settimeout(timeout_s)

@@ -4,8 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/gateway.h"
-#include "harness/remote_client.h"
+#include "harness/fixtures.h"
+
+struct DbusMethods : testing::Test, GatewayFixture {};
 
 // Each message as a line of text.
 static Texts shown(const std::vector<wire::Message> &messages) {
@@ -26,15 +27,14 @@ static Texts shown(const std::vector<wire::Message> &messages) {
     return texts;
 }
 
-struct CallCase {
-    const char *method, *arguments, *heard, *answer;
-    uint32_t changes;
-};
 static constexpr const char *dispatch = "Dispatch", *general = "GeneralDispatch", *snapshot = "SnapshotLoadedDispatch";
 static constexpr const char *speaker_preset = "SpeakerPresetLoadedDispatch";
 static constexpr const char *bad_arguments = "org.freedesktop.DBus.Error.InvalidArgs";
 static constexpr const char *unknown_method = "org.freedesktop.DBus.Error.UnknownMethod";
-static constexpr CallCase calls[] = {
+static constexpr struct {
+    const char *method, *arguments, *heard, *answer;
+    uint32_t changes;
+} calls[] = {
     {dispatch,       "(-1, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(41, 3.5, 2)",             "",                                 "()",           0},
     {dispatch,       "(40, -1.0, 2)",            "",                                 "()",           0},
@@ -54,9 +54,8 @@ static constexpr CallCase calls[] = {
     {"Redispatch",   "()",                       "",                                 unknown_method, 0},
 };
 
-TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
-    Gateway gateway;
-    RemoteClient panel("panel-1"), second("panel-2");
+TEST_F(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
+    RemoteClient second("panel-2");
     for (RemoteClient *client : {&panel, &second}) {
         client->log_in();
         client->subscribe(gateway);
@@ -66,7 +65,7 @@ TEST(DbusMethods, AnswerNothingAndTellEveryClientInTheOrderOfTheCalls) {
     wire::Request question;
     question.mutable_change_count();
     uint32_t counted = 0;
-    for (const CallCase &row : calls) {
+    for (const auto &row : calls) {
         SCOPED_TRACE(std::string(row.method) + row.arguments);
         GVariant *arguments = g_variant_parse(nullptr, row.arguments, nullptr, nullptr, nullptr);
         const Answer answer = gateway.call(row.method, arguments);

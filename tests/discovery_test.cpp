@@ -9,12 +9,16 @@
 #include <regex>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "harness/gateway.h"
-#include "harness/remote_client.h"
+#include "harness/fixtures.h"
+
+struct DiscoveryRequest : testing::Test, GatewayFixture {
+    Discovery discovery;
+};
+using DiscoveryReply = DiscoveryRequest;
+using DiscoveryFiles = DiscoveryRequest;
 
 static constexpr const char *added = "[DISCOVERY] added client: panel-1";
 static constexpr const char *known =
@@ -47,26 +51,9 @@ static std::string text_for(RemoteClient &client, Channel channel) {
     return text;
 }
 
-struct DeviceCase {
-    const char *why;
-    Environment environment;
-    const char *reply, *text, *files;
-};
-static const Environment all_settings = {
-    {"hw_serial",        "H-1"       },
-    {"oem_serial",       "O-2"       },
-    {"hw_model",         "KX4"       },
-    {"oem_manufacter",   "Oem & Co"  },
-    {"oem_model",        "OX"        },
-    {"commercial_model", "Concert"   },
-    {"ENABLE4221",       "off"       },
-    {"HAS_LUMAVERSA",    "on"        },
-    {"KESTO_SLOT_ID",    "3"         },
-    {"KESTO_AMP_NAME",   "Stage left"},
-};
-static const Environment loopback_only = {
-    {"ZMQ_ACCESS_IP", "127.0.0.1"}
-};
+static constexpr const char *all_settings =
+    "export hw_serial=H-1 oem_serial=O-2 hw_model=KX4 oem_manufacter='Oem & Co' oem_model=OX commercial_model=Concert "
+    "ENABLE4221=off HAS_LUMAVERSA=on KESTO_SLOT_ID=3 KESTO_AMP_NAME='Stage left'";
 static constexpr const char *plain_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:60000|ZMQ:61000||?||||QM240817|17|Harbour hall|4221=ON!";
 static constexpr const char *set_reply =
@@ -75,17 +62,19 @@ static constexpr const char *set_text = "@?DKX4|1.12.1.32|O-2|+|Oem & Co|OX|H-1|
 static constexpr const char *set_files = "H-1|KX4|DKX4_P|1.12.1.32|8|Oem & Co|OX|O-2|Concert|+|4221=OFF,LUMAVERSA=ON|";
 static constexpr const char *loopback_reply =
     "@?DKX8-3000|1.12.1.32|QM240817|ZMQ:0|ZMQ:0||?||||QM240817|17|Harbour hall|4221=ON!";
-static const DeviceCase devices[] = {
-    {"nothing set",      {},            plain_reply,    plain_text, plain_files},
-    {"everything set",   all_settings,  set_reply,      set_text,   set_files  },
-    {"on loopback only", loopback_only, loopback_reply, plain_text, plain_files},
+static constexpr struct {
+    const char *settings, *reply, *text, *files;
+} devices[] = {
+    {":",                              plain_reply,    plain_text, plain_files},
+    {all_settings,                     set_reply,      set_text,   set_files  },
+    {"export ZMQ_ACCESS_IP=127.0.0.1", loopback_reply, plain_text, plain_files},
 };
 
 TEST(Discovery, DescribesTheDevice) {
     umask(022);
-    for (const DeviceCase &row : devices) {
-        SCOPED_TRACE(row.why);
-        Gateway gateway({.environment = row.environment});
+    for (const auto &row : devices) {
+        SCOPED_TRACE(row.settings);
+        Gateway gateway({.prepared_by = row.settings});
         EXPECT_EQ(all_files(), row.files);
         EXPECT_EQ(std::filesystem::status(path_of("serial")).permissions(), std::filesystem::perms{0644});
         EXPECT_EQ(Discovery().find("panel-1"), row.reply);
@@ -96,53 +85,55 @@ TEST(Discovery, DescribesTheDevice) {
     }
 }
 
-TEST(Discovery, TakesAnEmptySettingAsItIs) {
-    for (const std::string setting : {"hw_serial", "hw_model", "oem_serial"}) {
-        Gateway gateway({.environment = {{setting, ""}}});
-        EXPECT_EQ(content_of(setting == "hw_serial" ? "serial" : setting.c_str()), "");
+// A name with letters of two bytes from its 255th byte on: it is cut between them.
+static const std::string cut_name(254, 'a'), long_name = cut_name + "éééé",
+                                             in_its_place = "|" + cut_name + "|QM240817|";
+
+static const struct {
+    const char *variable;
+    std::string value, in_reply;
+    const char *file, *content;
+} settings[] = {
+    {"hw_serial",      "",        "|4221=ON!",              "serial",     ""                    },
+    {"hw_model",       "",        "|4221=ON!",              "hw_model",   ""                    },
+    {"oem_serial",     "",        "|4221=ON!",              "oem_serial", ""                    },
+    {"ENABLE4221",     "",        "|4221=ON!",              "extra",      "4221=ON"             },
+    {"ENABLE4221",     "1",       "|4221=ON!",              "extra",      "4221=ON"             },
+    {"ENABLE4221",     "ON",      "|4221=OFF!",             "extra",      "4221=OFF"            },
+    {"HAS_LUMAVERSA",  "",        "|4221=ON!",              "extra",      "4221=ON"             },
+    {"HAS_LUMAVERSA",  "on",      "|4221=ON,LUMAVERSA=ON!", "extra",      "4221=ON,LUMAVERSA=ON"},
+    {"HAS_LUMAVERSA",  "yes",     "|4221=ON!",              "extra",      "4221=ON"             },
+    {"KESTO_AMP_NAME", long_name, in_its_place,             "oem_model",  ""                    },
+};
+
+TEST(Discovery, TakesEachSettingAsItIs) {
+    for (const auto &row : settings) {
+        SCOPED_TRACE(row.variable + ("=" + row.value));
+        Gateway gateway({.environment = {{row.variable, row.value}}});
+        EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr(row.in_reply));
+        EXPECT_EQ(content_of(row.file), row.content);
     }
 }
 
-struct SlotCase {
+static constexpr struct {
     const char *id, *log, *mark, *full_model;
-};
-static constexpr SlotCase slots[] = {
-    {"1",  "slotid: 1 -",                         "-", "DKX8-3000_ND"},
-    {"2",  "slotid: 2 D",                         "D", "DKX8-3000"   },
-    {"3",  "slotid: 3 +",                         "+", "DKX8-3000_P" },
-    {"4",  "not supported retcode for slotid: 4", "?", "DKX8-3000_ND"},
-    {"II", "KESTO_SLOT_ID is not used: *",        "?", "DKX8-3000_ND"},
+} slots[] = {
+    {"1",  "slotid: 1 -",                          "-", "DKX8-3000_ND"},
+    {"2",  "slotid: 2 D",                          "D", "DKX8-3000"   },
+    {"3",  "slotid: 3 +",                          "+", "DKX8-3000_P" },
+    {"4",  "not supported retcode for slotid: 4",  "?", "DKX8-3000_ND"},
+    {"-1", "not supported retcode for slotid: -1", "?", "DKX8-3000_ND"},
+    {"II", "KESTO_SLOT_ID is not used: *",         "?", "DKX8-3000_ND"},
 };
 
 TEST(Discovery, NamesTheSlotAndTheModelInIt) {
-    for (const SlotCase &row : slots) {
+    for (const auto &row : slots) {
         SCOPED_TRACE(row.id);
         Gateway gateway({.environment = {{"KESTO_SLOT_ID", row.id}}});
-        gateway.service().rewind();
-        gateway.expect_log({row.log});
+        gateway.service().rewind().expect_log({row.log});
         EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|ZMQ:61000||" + std::string(row.mark) + "|"));
         EXPECT_EQ(content_of("dante"), row.mark);
         EXPECT_EQ(content_of("full_model"), row.full_model);
-    }
-}
-
-struct ExtraCase {
-    const char *enable_4221, *has_lumaversa, *extra;
-};
-static constexpr ExtraCase extras[] = {
-    {"",   "",    "4221=ON"             },
-    {"1",  "on",  "4221=ON,LUMAVERSA=ON"},
-    {"ON", "yes", "4221=OFF"            },
-};
-
-TEST(Discovery, SaysInItsExtraWhatTheDeviceHas) {
-    for (const ExtraCase &row : extras) {
-        SCOPED_TRACE(row.extra);
-        Gateway gateway({
-            .environment = {{"ENABLE4221", row.enable_4221}, {"HAS_LUMAVERSA", row.has_lumaversa}}
-        });
-        EXPECT_EQ(content_of("extra"), row.extra);
-        EXPECT_THAT(Discovery().find("panel-1"), testing::EndsWith("|" + std::string(row.extra) + "!"));
     }
 }
 
@@ -158,22 +149,13 @@ TEST(Discovery, LeavesOutOrCutsWhatIsTooLong) {
     }
 }
 
-TEST(Discovery, CutsALongAmplifierNameBetweenItsLetters) {
-    std::string name(254, 'a');
-    for (int i = 0; i < 1000; ++i) name += "é";  // from the 255th byte on
-    Gateway gateway({.environment = {{"KESTO_AMP_NAME", name}}});
-    EXPECT_THAT(Discovery().find("panel-1"), testing::HasSubstr("|" + name.substr(0, 254) + "|QM240817|"));
-}
-
-TEST(Discovery, LeavesTheFilesAloneThatAreThere) {
-    Gateway gateway;
+TEST_F(DiscoveryFiles, AreLeftAloneWhenTheyAreThere) {
     gateway.stop_service();
     std::ofstream(path_of("serial")) << "as it was";
     std::filesystem::remove(path_of("hw_model"));
     gateway.start_service();
     EXPECT_EQ(all_files(), "as it was" + std::string(plain_files).substr(8));
     std::filesystem::remove(path_of("serial"));
-    RemoteClient panel("panel-1");
     EXPECT_EQ(text_for(panel, Channel::authentication), plain_text);
     EXPECT_FALSE(std::filesystem::exists(path_of("serial")));  // a start writes them, not a request
 }
@@ -182,14 +164,11 @@ TEST(Discovery, WritesNoFileThroughALink) {
     Gateway gateway({.with_service = false});
     std::filesystem::create_symlink("/tmp/elsewhere", path_of("serial"));
     gateway.start_service();
-    gateway.service().rewind();
-    gateway.expect_log({"error writing on " + path_of("serial")});
+    gateway.service().rewind().expect_log({"error writing on " + path_of("serial")});
     EXPECT_FALSE(std::filesystem::exists("/tmp/elsewhere"));
 }
 
-TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryReply, HasTheProjectOfNowAndTheIdentityOfTheStart) {
     EXPECT_THAT(discovery.find("panel-1"), testing::EndsWith("|17|Harbour hall|4221=ON!"));
     gateway.control("Change", "('/Device/Config/PROJECT_INFO', 'Opera', '')");
     gateway.control("Change", "('/Device/Config/EASY_SWAP_ID', '18', '')");
@@ -203,12 +182,6 @@ TEST(Discovery, ReadsTheProjectForEachReplyAndTheIdentityOnce) {
     EXPECT_THAT(discovery.find("panel-1"), testing::AllOf(testing::SizeIs(8191), testing::EndsWith("pppp")));
 }
 
-struct RequestCase {
-    const char *why;
-    std::string datagram;
-    bool answered;
-    std::string log;
-};
 static const std::string bad_length = "[DISCOVERY] discarded... (r < 3) || (r >= BUFSIZ) ",
                          bad_frame = "[DISCOVERY] discarded... ";
 static const std::string too_long = "@?" + std::string(8189, 'x') + "!", id_added = "[DISCOVERY] added client: ";
@@ -216,7 +189,12 @@ static const std::string longest_id(8191 - discovery_request("").size(), 'i'), n
 static const std::string of_a_device =
     "@?DKX\0341.0\034\034ZMQ:60000\034ZMQ:61000\034\034?\034\034\034\034serial\034\034\0344221=ON!";
 static const std::string of_a_device_log = bad_frame + "(" + std::to_string(of_a_device.size()) + " @ ? !)";
-static const RequestCase requests[] = {
+static const struct {
+    const char *why;
+    std::string datagram;
+    bool answered;
+    std::string log;
+} requests[] = {
     {"too short",            "@!",                     false,                            bad_length + "(2)"         },
     {"wrong first byte",     "!?panel!",               false,                            bad_frame + "(8 ! ? !)"    },
     {"cut before its mark",  too_long,                 false,                            bad_frame + "(8191 @ ? x)" },
@@ -231,10 +209,8 @@ static const RequestCase requests[] = {
     {"not UTF-8",                      discovery_request("pa\xffnel\xc3"),                                    true,             id_added + "pa\xffnel\xc3"},
 };
 
-TEST(Discovery, AnswersAnyBytesInsideTheFrameAndNothingElse) {
-    Gateway gateway;
-    Discovery discovery;
-    for (const RequestCase &row : requests) {
+TEST_F(DiscoveryRequest, MayHaveAnyBytesInsideItsFrame) {
+    for (const auto &row : requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(discovery.ask(row.datagram).has_value(), row.answered);
         gateway.expect_log({row.log});
@@ -248,9 +224,7 @@ static constexpr int visitors_most = 1024;  // clients that are remembered witho
 
 static std::string visitor(int number) { return "visitor-" + std::to_string(number); }
 
-TEST(Discovery, ForgetsTheOldestOfTooManyClients) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryRequest, ComesFromAClientUntilTooManyLaterOnesHaveCome) {
     for (int i = 0; i < visitors_most; i++) discovery.find(visitor(i), i == 0 ? KeyPair().public_pem() : "");
     discovery.find(visitor(0));
     gateway.expect_log({"[DISCOVERY] client: visitor-0 already discovered and active (never logged out) (visitor-0)"});
@@ -277,9 +251,7 @@ static std::string locked_key() {
                       "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
 }
 
-TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryRequest, WithoutAProperKeyIsNotAnswered) {
     for (const std::string &key : Texts{"no key", elliptic_key, locked_key()}) {
         SCOPED_TRACE(key);
         EXPECT_FALSE(discovery.ask(discovery_request("panel-1", key)));
@@ -291,9 +263,7 @@ TEST(Discovery, SaysNothingToAClientWithoutAProperKey) {
     gateway.expect_log({added});  // none of them had left a record
 }
 
-TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
-    Gateway gateway;
-    Discovery discovery;
+TEST_F(DiscoveryReply, WrapsTheSharedKeyForEachRequestOfAClientThatIsKnown) {
     for (const char *log : {added, known}) {
         const KeyPair key;
         const std::string reply = discovery.find("panel-1", key.public_pem());
@@ -306,7 +276,6 @@ TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
     EXPECT_EQ(discovery.find("panel-1"), plain_reply);  // nothing to wrap it with, whatever the record has
     gateway.expect_log({known, dropped});
 
-    RemoteClient panel("panel-1");
     EXPECT_EQ(panel.log_in(), (Ports{62001, 63001}));
     gateway.expect_log({"login known client: panel-1"});
     panel.log_out();
@@ -314,23 +283,21 @@ TEST(Discovery, WrapsTheSharedKeyForEachRequestAndKeepsTheFirstRecord) {
     gateway.expect_log({added});
 }
 
-struct FirstRequestCase {
+static const struct {
     const char *why;
     Channel channel;
     OptionalText discovery;
     wire::Status status;
-};
-static const FirstRequestCase first_requests[] = {
+} first_requests[] = {
     {"any on the authentication socket",    Channel::authentication, std::nullopt,        wire::STATUS_OK     },
     {"a login with a text on the commands", Channel::command,        "of another device", wire::STATUS_REFUSED},
 };
 
 TEST(Discovery, WaitsForTheIdentityAndTheFilesForTheFirstRequestAfterIt) {
-    for (const FirstRequestCase &row : first_requests) {
+    for (const auto &row : first_requests) {
         SCOPED_TRACE(row.why);
         Gateway gateway({.with_device = false});
-        gateway.service().rewind();
-        gateway.expect_log({"result: 0", "NOT POSSIBLE COMPUTE STATIC DISCOVERY"});
+        gateway.service().rewind().expect_log({"result: 0", "NOT POSSIBLE COMPUTE STATIC DISCOVERY"});
         Discovery discovery;
         discovery.send(discovery_request("panel-1"));
         gateway.expect_log({"error reading CHANNELS. it can failt will be reread later",

@@ -1,21 +1,24 @@
 // Who gets in on the authentication socket, who does not, and how a client leaves.
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "harness/logged_in_fixture.h"
+#include "harness/fixtures.h"
 #include "harness/port.h"
+
+struct Login : testing::Test, GatewayFixture {};
+struct RunningSession : testing::Test, LoggedInFixture {};
+using Logout = Login;
+using Authentication = Login;
 
 static constexpr const char *added = "[AUTH] added non discovered client";
 
-struct CredentialsCase {
+static const struct {
     const char *id;
     OptionalText user_name, password;
     Ports ports;  // Ports{}: refused, which takes none
-};
-static const CredentialsCase credentials[] = {
+} credentials[] = {
     {"second user",              "quillmont",  "tandrivel",  {62001, 63001}},
     {"user in another case",     "Root",       "vormi",      {}            },
     {"password in another case", "root",       "Vormi",      {}            },
@@ -28,9 +31,8 @@ static const CredentialsCase credentials[] = {
     {"first user",               "root",       "vormi",      {62002, 63002}},
 };
 
-TEST(Login, TakesTheTwoUsersAndNobodyElse) {
-    Gateway gateway;
-    for (const CredentialsCase &row : credentials) {
+TEST_F(Login, TakesTheTwoUsersAndNobodyElse) {
+    for (const auto &row : credentials) {
         SCOPED_TRACE(row.id);
         RemoteClient client(row.id);
         EXPECT_EQ(client.log_in({.user_name = row.user_name, .password = row.password}), row.ports);
@@ -39,48 +41,11 @@ TEST(Login, TakesTheTwoUsersAndNobodyElse) {
     }
 }
 
-TEST(Login, RenewalKeepsPortsAndFlags) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
-    panel.log_in({.hide_secure_info = true});
-    EXPECT_EQ(panel.log_in({.no_lock = true}), (Ports{62001, 63001}));
-    gateway.expect_log({"login known client: panel-1", "[panel-1] alredy exist a connection, reuse it (0)"});
-    EXPECT_EQ(gateway.service().log_until("clientAuthenticated no_lock:0 id:panel-1"),
-              (Texts{"[panel-1] hide_secure_info stays 1, requested 0", "[panel-1] no_lock stays 0, requested 1"}));
-    EXPECT_EQ(panel.read("/Device/Config/Networking/Wifi/Passphrase").value().text(), "********");
-}
-
-struct RenewalCase {
-    const char *user_name, *password;
-    int port;  // 0: refused
-    const char *log;
-};
-static constexpr RenewalCase renewals[] = {
-    {"root",      "no",        0,     "but there is already a client connected with same client id, so I cannot remove"},
-    {"quillmont", "tandrivel", 0,     "more the one login on root quillmont"                                           },
-    {"root",      "vormi",     62001, "[panel-1] authenticating username=[root], password=[vormi] done"                },
-};
-
-TEST(Login, RefusedLeavesARunningSessionAlone) {
-    LoggedInFixture fixture;
-    for (const Channel channel : {Channel::authentication, Channel::command})
-        for (const RenewalCase &row : renewals) {
-            SCOPED_TRACE(row.log);
-            const wire::Request request = login_request({.user_name = row.user_name, .password = row.password});
-            EXPECT_EQ(fixture.panel.ask(channel, request).session().command_port(), row.port);
-            fixture.gateway.service().expect_no_log_before("free client*", row.log);
-            EXPECT_EQ(fixture.panel.write("/Device/Config/Hardware/Model/Serial", "as root").status(), wire::STATUS_OK);
-        }
-    EXPECT_EQ(fixture.gateway.audio_calls(), Texts(2, "ClientAuthenticated ('panel-1',)"));
-}
-
-TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
+TEST_F(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     const std::string own = "@?DKX8-3000\0341.12.1.32\034QM240817\034?\034\034\034QM240817\0344221=ON!";
     Texts others = {"", own.substr(0, own.size() - 1), own + "!"};
     for (const size_t place : {size_t{0}, own.find('K'), own.find('\034'), own.size() - 1})
         others.emplace_back(own).at(place) ^= 0x20;  // changes the case of a letter
-    Gateway gateway;
-    RemoteClient panel("panel-1");
     for (const std::string &text : others) {
         SCOPED_TRACE(text);
         EXPECT_EQ(panel.log_in({.discovery = text}), Ports{});
@@ -91,23 +56,20 @@ TEST(Login, ComparesTheDiscoveryTextIfThereIsOne) {
     EXPECT_EQ(panel.log_in({.discovery = own}), (Ports{62001, 63001}));  // the refused ones have taken none
 }
 
-struct LogoutCase {
+static constexpr struct {
     bool monitor, no_lock;
     Channel channel;
     const char *told_id;
-};
-static constexpr LogoutCase logouts[] = {
+} logouts[] = {
     {false, false, Channel::authentication, "panel-1"   },
     {false, true,  Channel::command,        "@localhost"},
     {true,  false, Channel::command,        "panel-1"   },
     {true,  true,  Channel::authentication, "@localhost"},
 };
 
-TEST(Logout, AnswersThenReleasesAndFreesTheId) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
+TEST_F(Logout, AnswersThenReleasesAndFreesTheId) {
     Ports ports = {62001, 63001};
-    for (const LogoutCase &row : logouts) {
+    for (const auto &row : logouts) {
         SCOPED_TRACE(ports.command);
         EXPECT_EQ(panel.log_in({.monitor = row.monitor, .no_lock = row.no_lock}), ports);
         gateway.expect_log({added, row.monitor ? "first same connection: (panel-1) 1" : "[AUTH] > zmq_msg_send"});
@@ -123,24 +85,22 @@ TEST(Logout, AnswersThenReleasesAndFreesTheId) {
     }
 }
 
-struct BadRequestCase {
-    const char *why;
-    Texts frames;
-    const char *log;
-};
 static const std::string no_id = "\n\x0fR\x0d\n\x04root\x12\x05vormi";
 static constexpr size_t longest_id = 8185;
 
 static std::string login_of(size_t id_length) {
     wire::Message message;
+    *message.mutable_request() = login_request();
     message.mutable_request()->set_client_id(std::string(id_length, 'i'));
-    message.mutable_request()->mutable_login()->set_user_name("root");
-    message.mutable_request()->mutable_login()->set_password("vormi");
     return message.SerializeAsString();
 }
 
 static const std::string too_long_id = login_of(longest_id + 1);
-static const BadRequestCase bad_requests[] = {
+static const struct {
+    const char *why;
+    Texts frames;
+    const char *log;
+} bad_requests[] = {
     {"no message",   {"\xff\xff\xff"}, "*:server_auth:* - error data not parsable"},
     {"empty",        {""},             "*:server_auth:* - error data not parsable"},
     {"two frames",   {no_id, ""},      "*:server_auth:* - error data not parsable"},
@@ -148,10 +108,8 @@ static const BadRequestCase bad_requests[] = {
     {"id too long",  {too_long_id},    "*:server_auth:* - invalid client id"      },
 };
 
-TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
-    Gateway gateway;
-    RemoteClient panel("panel-1");
-    for (const BadRequestCase &row : bad_requests) {
+TEST_F(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
+    for (const auto &row : bad_requests) {
         SCOPED_TRACE(row.why);
         EXPECT_EQ(panel.exchange(Channel::authentication, row.frames), "");
         EXPECT_EQ(panel.log_out().status(), wire::STATUS_OK);  // the socket is ready for the next request at once
@@ -161,15 +119,13 @@ TEST(Authentication, AnswersWhatIsNoRequestWithOneEmptyFrame) {
     }
 }
 
-TEST(Authentication, TakesTheLongestId) {
-    Gateway gateway;
+TEST_F(Authentication, TakesTheLongestId) {
     EXPECT_EQ(RemoteClient(std::string(longest_id, 'i')).log_in(), (Ports{62001, 63001}));
 }
 
-TEST(Authentication, OffersNoDataAccess) {
-    LoggedInFixture fixture;
-    fixture.panel.read(name_key);  // what a session may do does not stay behind for the next one who asks
-    fixture.gateway.device().expect_log({"Read *"});
+TEST_F(RunningSession, OffersNoDataAccessOnTheAuthenticationSocket) {
+    panel.read(name_key);  // what a session may do does not stay behind for the next one who asks
+    gateway.device().expect_log({"Read *"});
     wire::Request read, write, multi_write, authorize;
     read.mutable_read()->set_key(name_key);
     write.mutable_write()->set_key(name_key);
@@ -177,6 +133,6 @@ TEST(Authentication, OffersNoDataAccess) {
     authorize.mutable_authorize()->set_key(name_key);
     for (const wire::Request &request : {read, write, multi_write, authorize}) {
         SCOPED_TRACE(request.operation_case());
-        EXPECT_EQ(fixture.panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
+        EXPECT_EQ(panel.ask(Channel::authentication, request).status(), wire::STATUS_UNSUPPORTED);
     }
 }

@@ -2,6 +2,8 @@
  * stop without a start, a callback without its handle or arguments, a text that is not UTF-8, an event of an unknown
  * kind. The tests call the service's own functions. */
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdarg>
 #include <string>
 #include <thread>
@@ -27,6 +29,14 @@
 #include "net/transport/frame.h"
 
 static Texts recorded;
+static std::atomic<gint64> clock_step_us = 0;  // how far each look at the clock moves it; 0: the clock is right
+
+// In front of GLib's.
+gint64 g_get_monotonic_time() {
+    static std::atomic<gint64> moved_us = 0;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count() + (moved_us += clock_step_us);
+}
 
 // Keeps the line's message; of "file:function:line - what" only what follows the dash.
 [[gnu::format(printf, 1, 2)]] static void record(const char *format, ...) {
@@ -98,6 +108,17 @@ TEST_F(Misuse, AnEventOfAnUnknownKindIsPassedOverAndOneBehindTheStopIsLeft) {
                                "DISPACH CHANGE TO ALL CLIENTS", "not valid client event (panel) for key 'panel'",
                                "broadcast to 0 client", "request to stop"}));
     EXPECT_EQ(g_async_queue_length(priv.mq), 1);
+}
+
+TEST_F(Misuse, ATickDeliversTenEventsHoweverLongTheyTakeAndTheNextOneTheRest) {
+    for (int number = 0; number < 14; ++number) push(BUS_EVENT_COMMAND, BUS_COMMAND_SPEAKER_PRESET_LOADED);
+    clock_step_us = G_USEC_PER_SEC;
+    EXPECT_EQ(server_mq_timer(nullptr, 1, &server), 0);
+    EXPECT_EQ(g_async_queue_length(priv.mq), 4);
+    EXPECT_EQ(server_mq_timer(nullptr, 1, &server), 0);
+    EXPECT_EQ(g_async_queue_length(priv.mq), 0);
+    clock_step_us = 0;
+    EXPECT_EQ(std::ranges::count(recorded, "DISPACH CHANGE TO ALL CLIENTS"), 14);
 }
 
 TEST_F(Misuse, ACallbackWithoutItsHandleOrClientRefuses) {

@@ -15,8 +15,8 @@
 #include "harness/port.h"
 #include "harness/remote_client.h"
 
-static constexpr size_t usual_seed = 20261124;
-static constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
+static constexpr const char *usual_seed = "20261124", *default_steps = "2000";
+static constexpr size_t walk_length = 1000;  // the steps that one gateway sees
 static constexpr std::chrono::seconds cutting_time{30};
 
 // The observer stays connected and writes after each step: what is heard before its echo belongs to the step.
@@ -36,7 +36,7 @@ static const OptionalText users[] = {"root", "quillmont", std::nullopt};
 static const OptionalText passwords[] = {"vormi", "tandrivel", std::nullopt};
 static constexpr size_t root = 0, quillmont = 4, log_out = 8, with_text = 9, with_wrong_text = 18;
 static constexpr size_t logins[] = {0, 8, 4, 9, 13, 0, 8, 4, 9, 8, 4, 0, 1, 2, 3, 5, 6, 7, 18, 22};
-enum Flag : size_t { monitor = 1, discard_my_feedback = 2, hide_secure_info = 4, no_lock = 8, flag_sets = 16 };
+enum Flag : int32_t { monitor = 1, discard_my_feedback = 2, hide_secure_info = 4, no_lock = 8, flag_sets = 16 };
 
 static constexpr const char *events[][3] = {
   // method, arguments, what is heard of it
@@ -64,6 +64,7 @@ struct Step {
     size_t client() const { return remote / 2; }
     const std::string &id() const { return client_ids[client()]; }
     size_t login() const { return logins[what]; }
+    int32_t flags() const { return static_cast<int32_t>(how) % flag_sets; }  // any number but 0 sets one
     size_t key(size_t next = 0) const { return (what + next) % key_count; }
     uint32_t type() const { return kind == Kind::multi_write ? 1 : write_types[how % std::size(write_types)]; }
     const char *const *event() const { return events[what % std::size(events)]; }
@@ -84,9 +85,13 @@ static std::string text_of(const wire::Reply &reply) {
     return text(reply.client_id(), " status ", reply.status(), " changes ", reply.change_count(), " ", result);
 }
 
+static std::string text_with_bytes(const wire::Reply &reply) {
+    return text(text_of(reply), ": ", testing::PrintToString(reply.SerializeAsString()));
+}
+
 static std::string text_of(const wire::Message &message) {
     const wire::Event &event = message.event();
-    if (message.has_reply()) return text_of(message.reply());
+    if (message.has_reply()) return text_with_bytes(message.reply());
     return text("event ", event.kind_case(), " ", event.alarm().value(), " ", event.snapshot_loaded().slot(), " ",
                 event.change().value());
 }
@@ -118,7 +123,7 @@ static std::string text_of(const Step &step) {
 struct Record {
     OptionalText user;
     Ports ports;  // Ports{}: no session
-    size_t flags = 0;
+    int32_t flags = 0;
 
     bool has(Flag flag) const { return (flags & flag) != 0; }
 };
@@ -161,7 +166,7 @@ static bool open_session(Model &model, const Step &step) {
     for (const Record &other : model.records)
         if (other.ports == ports) return false;
     model.records[step.client()].ports = ports;
-    model.records[step.client()].flags = step.how % flag_sets & ~(is_local ? size_t{monitor} : 0);
+    model.records[step.client()].flags = step.flags() & ~(is_local ? monitor : 0);
     return true;
 }
 
@@ -241,37 +246,36 @@ struct Trial {
 
 static wire::Reply log_in_or_out(RemoteClient &remote, const Step &step, const std::string &own_text) {
     const OptionalText discovery_texts[] = {std::nullopt, own_text, "another device's"};
-    wire::Request request = login_request({.user_name = users[step.login() % 3],
-                                           .password = passwords[step.login() / 3 % 3],
-                                           .discovery = discovery_texts[step.login() / with_text]});
-    wire::Login &login = *request.mutable_login();  // any number but 0 sets a flag
-    login.set_monitor(static_cast<int32_t>(step.how & monitor));
-    login.set_discard_my_feedback(static_cast<int32_t>(step.how & discard_my_feedback));
-    login.set_hide_secure_info(static_cast<int32_t>(step.how & hide_secure_info));
-    login.set_no_lock(static_cast<int32_t>(step.how & no_lock));
-    return remote.ask(step.on_command ? Channel::command : Channel::authentication, request);
+    const LoginOptions options = {.user_name = users[step.login() % 3],
+                                  .password = passwords[step.login() / 3 % 3],
+                                  .monitor = step.flags() & monitor,
+                                  .discard_my_feedback = step.flags() & discard_my_feedback,
+                                  .hide_secure_info = step.flags() & hide_secure_info,
+                                  .no_lock = step.flags() & no_lock,
+                                  .discovery = discovery_texts[step.login() / with_text]};
+    return remote.ask(step.on_command ? Channel::command : Channel::authentication, login_request(options));
 }
 
-static std::string apply_to_service(Trial &trial, const Step &step, const Record &before) {
+static wire::Reply apply_to_service(Trial &trial, const Step &step, const Record &before) {
     RemoteClient &remote = trial.remotes[step.remote];
     const std::string &key = keys[step.key()], &next_key = keys[step.key(1)], value = step.value();
     const bool connects = step.kind == Kind::connect;
     switch (step.kind) {
-        case Kind::log_in: return text_of(log_in_or_out(remote, step, trial.discovery_text));
-        case Kind::read: return text_of(remote.read(key));
-        case Kind::write: return text_of(remote.write(key, value, step.type()));
-        case Kind::multi_write: return text_of(remote.multi_write({std::pair(key, value), std::pair(next_key, value)}));
+        case Kind::log_in: return log_in_or_out(remote, step, trial.discovery_text);
+        case Kind::read: return remote.read(key);
+        case Kind::write: return remote.write(key, value, step.type());
+        case Kind::multi_write: return remote.multi_write({std::pair(key, value), std::pair(next_key, value)});
         case Kind::discover: trial.discovery.ask(discovery_request(step.id())); break;  // and one for its fence
         case Kind::drop: remote.hang_up(); break;
         case Kind::connect: remote.connect_to(before.ports); break;
         default:
-            trial.gateway.call(step.event()[0], g_variant_parse(nullptr, step.event()[1], nullptr, nullptr, nullptr));
+            trial.gateway.call(step.event()[0], g_variant_new_parsed(step.event()[1]));
             trial.gateway.expect_log({"DBUS: *"});
     }
     if (before.has(monitor) && (connects || step.kind == Kind::drop))
         trial.gateway.expect_log({connects ? "ACCEPTED socket" : "DISCONNECTED socket"});
     if (connects) remote.subscribe(trial.gateway);
-    return "";
+    return {};
 }
 
 static void compare(const std::string &what, const Texts &model, const Texts &service) {
@@ -284,7 +288,9 @@ static void compare(const std::string &what, const Texts &model, const Texts &se
 static void perform(Trial &trial, const Step &step) {
     const Record before = trial.model.records[step.client()], &after = trial.model.records[step.client()];
     const std::string answer = apply_to_model(trial.model, step);
-    compare("the answer", {answer}, {apply_to_service(trial, step, before)});
+    const wire::Reply reply = apply_to_service(trial, step, before);
+    compare("the answer", {answer}, {step.kind < Kind::log_in ? "" : text_of(reply)});
+    for (Texts &heard : trial.model.heard) std::ranges::replace(heard, answer, text_with_bytes(reply));  // its echo
     if (before.ports == after.ports || before.ports == Ports{}) return;
     for (size_t remote = 2 * step.client(); remote / 2 == step.client(); remote++) trial.remotes[remote].hang_up();
     if (step.client() == local) wait_until_closed(before.ports.command);  // the next session needs it again
@@ -377,22 +383,17 @@ static std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
     return steps;
 }
 
-static size_t number_from(const char *variable, size_t otherwise) {
-    const char *setting = getenv(variable);
-    return setting != nullptr ? strtoul(setting, nullptr, 10) : otherwise;
-}
-
-static unsigned seed_of_this_run() {
-    const char *wanted = getenv("KESTO_MODEL_SEED");
-    if (wanted != nullptr && std::string_view(wanted) == "random") return std::random_device{}();
-    return static_cast<unsigned>(number_from("KESTO_MODEL_SEED", usual_seed));
+static std::string setting(const char *variable, const char *otherwise) {
+    const char *value = getenv(variable);
+    return value != nullptr ? value : otherwise;
 }
 
 TEST(Model, AgreesWithTheServiceOnRandomSteps) {
-    const unsigned seed = seed_of_this_run();
+    const std::string wanted = setting("KESTO_MODEL_SEED", usual_seed);
+    const unsigned long seed = wanted == "random" ? std::random_device{}() : std::stoul(wanted);
     std::mt19937 random(seed);
     std::cout << "KESTO_MODEL_SEED=" << seed << std::endl;
-    for (size_t left = number_from("KESTO_MODEL_STEPS", default_steps), count = 0; left > 0; left -= count) {
+    for (size_t left = std::stoul(setting("KESTO_MODEL_STEPS", default_steps)), count = 0; left > 0; left -= count) {
         count = std::min(left, walk_length);
         std::vector<Step> steps = random_steps(random, count);
         std::string difference = walk(steps);

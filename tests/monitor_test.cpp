@@ -6,19 +6,18 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/gateway.h"
+#include "harness/fixtures.h"
 #include "harness/port.h"
-#include "harness/remote_client.h"
+
+struct Monitor : testing::Test, GatewayFixture {};
 
 static const std::string came = "ClientAuthenticated ", went = "ClientDeauthenticated ", panel_1 = "('panel-1',)",
                          panel_2 = "('panel-2',)";
 static const std::string log_off = "no other command connection opened, so auto-logoff ";
 static const LoginOptions monitored = {.monitor = true}, monitored_from_afar = {.monitor = true, .connect = false};
 
-TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
+TEST_F(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
     constexpr Ports ports = {62001, 63001};
-    Gateway gateway;
-    RemoteClient panel("panel-1");
     EXPECT_EQ(panel.log_in(monitored_from_afar), ports);
     EXPECT_EQ(panel.log_in(monitored_from_afar), ports);
     EXPECT_EQ(gateway.audio_calls(), Texts{});
@@ -45,25 +44,23 @@ TEST(Monitor, AnnouncesWithTheFirstConnectionAndLogsOffWithTheLast) {
 }
 
 // On a monitored session's command port any TCP connection counts as the client's; on another one, none does.
-TEST(Monitor, TakesAPortScannerForTheClient) {
-    Gateway gateway;
-    RemoteClient plain("panel-1"), watched("panel-2");
-    plain.log_in();
+TEST_F(Monitor, TakesAPortScannerForTheClient) {
+    RemoteClient watched("panel-2");
+    panel.log_in();
     watched.log_in(monitored_from_afar);
-    plain.hang_up();
+    panel.hang_up();
     EXPECT_TRUE(is_open(62001));
     EXPECT_TRUE(is_open(62002));
     gateway.expect_log({"first same connection: (panel-2) 1"});
     gateway.service().expect_no_log_before(log_off + "(panel-1)", log_off + "(panel-2)");
-    EXPECT_EQ(plain.log_in(), (Ports{62001, 63001}));
+    EXPECT_EQ(panel.log_in(), (Ports{62001, 63001}));
     EXPECT_EQ(gateway.audio_calls(), (Texts{came + panel_1, came + panel_2, went + panel_2, came + panel_1}));
     EXPECT_EQ(watched.log_in(monitored), (Ports{62003, 63003}));
     gateway.expect_log({"first same connection: (panel-2) 1"});
 }
 
 // A monitor that is torn down while the process is interrupted, once and again, must not take the process with it.
-TEST(Monitor, SurvivesTheStopOfTheService) {
-    Gateway gateway;
+TEST_F(Monitor, SurvivesTheStopOfTheService) {
     std::vector<RemoteClient> panels;
     for (int i = 1; i <= 10; i++) {
         const std::string id = "panel-" + std::to_string(i);

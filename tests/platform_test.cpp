@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <future>
+#include <latch>
 #include <string>
 #include <unistd.h>
 
@@ -33,16 +34,19 @@ TEST(CrashDumpDeathTest, IsItsOwnersFollowsNoLinkAndLeavesTheSignalItsEffect) {
 }
 
 TEST(Log, KeepsTheMessagesOfTwoThreadsWholeInAFullPipe) {
-    const std::string texts[] = {std::string(1'000'000, 'a'), std::string(1'000'000, 'b')};
+    const std::string texts[] = {std::string(5'000'000, 'a'), std::string(5'000'000, 'b')};
     const int standard_error = dup(STDERR_FILENO);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);  // so that there are many pieces
     dup2(ends[1], STDERR_FILENO);
     close(ends[1]);
-    const auto log = [](const std::string &text) { _kesto_log_printf("%s", text.c_str()); };
+    std::latch begin(3);  // both are there before the pipe is read
+    const auto log = [&](const std::string &text) { begin.arrive_and_wait(), _kesto_log_printf("%s", text.c_str()); };
     auto first = std::async(std::launch::async, log, texts[0]), second = std::async(std::launch::async, log, texts[1]);
     auto end = std::async(std::launch::async, [&] { first.get(), second.get(), dup2(standard_error, STDERR_FILENO); });
+    begin.arrive_and_wait();
     std::string seen;
     char piece[4096];
     for (ssize_t n = 0; (n = read(ends[0], piece, sizeof piece)) > 0;) seen.append(piece, static_cast<size_t>(n));

@@ -2,16 +2,16 @@
 #include <algorithm>
 #include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "harness/discovery.h"
-#include "harness/gateway.h"
+#include "harness/fixtures.h"
 #include "harness/port.h"
-#include "harness/remote_client.h"
 
-TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
+struct Session : testing::Test, GatewayFixture {};
+
+TEST(Ports, RotateAtTheEndOfTheirRanges) {
     constexpr int sessions = 998;
     // Too few descriptors for sessions that leave anything behind.
     Gateway gateway({.environment = {{"ZSYS_MAX_SOCKETS", ""}}, .prepared_by = "ulimit -n 256"});
@@ -26,8 +26,7 @@ TEST(Session, PortsRotateAtTheEndOfTheirRanges) {
     EXPECT_EQ(RemoteClient("panel-2").log_in(), (Ports{62003, 63003}));
 }
 
-TEST(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
-    Gateway gateway;
+TEST_F(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
     RemoteClient local("@localhost");
     for (int i = 0; i < 50; i++) {
         ASSERT_EQ(local.log_in(), (Ports{62000, 63000})) << i;
@@ -37,40 +36,24 @@ TEST(Session, OfLocalhostGetsItsPortsAgainAtOnce) {
     }
 }
 
-TEST(Session, RefusesATakenPortAndGoesOnToTheNext) {
-    Gateway gateway;
-    const TakenPort command(SOCK_STREAM, 62001), event(SOCK_STREAM, 63002);
-    RemoteClient panel("panel-1");
-    for (const char *log : {"error bind on port (tcp://*:62001)", "error bind on port (tcp://*:63002)"}) {
-        EXPECT_EQ(panel.log_in({.monitor = true}), Ports{});
-        gateway.expect_log({log, "free cl_id"});
-    }
-    wait_until_closed(62002);
-    EXPECT_EQ(panel.log_in(as_quillmont), (Ports{62003, 63003}));
-    EXPECT_EQ(gateway.audio_calls(), (Texts{"ClientDeauthenticated ('panel-1',)", "ClientDeauthenticated ('panel-1',)",
-                                            "ClientAuthenticated ('panel-1',)"}));
-}
-
-struct OpeningCase {
+static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
+static const LoginOptions everything = {
+    .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};
+static const struct {
     const char *id;
     LoginOptions login;
     Ports ports;
     bool watched;
     const char *flags;
-};
-static const LoginOptions plain = {.connect = false}, monitored = {.monitor = true, .connect = false};
-static const LoginOptions everything = {
-    .monitor = -1, .discard_my_feedback = -1, .hide_secure_info = -1, .no_lock = -1, .connect = false};
-static const OpeningCase openings[] = {
+} openings[] = {
     {"panel-1",     plain,      {62001, 63001}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
     {"panel-2",     everything, {62002, 63002}, true,  "discard_my_feedback:1 hide_secure:1 no_lock:1"},
     {"@localhost",  monitored,  {62000, 63000}, false, "discard_my_feedback:0 hide_secure:0 no_lock:0"},
     {"@localhost2", monitored,  {62003, 63003}, true,  "discard_my_feedback:0 hide_secure:0 no_lock:0"},
 };
 
-TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {
-    Gateway gateway;
-    for (const OpeningCase &row : openings) {
+TEST_F(Session, OpensItsSocketsInOrderWithTheirOptions) {
+    for (const auto &row : openings) {
         SCOPED_TRACE(row.id);
         EXPECT_EQ(RemoteClient(row.id).log_in(row.login), row.ports);
         const Texts log =
@@ -84,18 +67,17 @@ TEST(Session, OpensItsSocketsInOrderWithTheirOptions) {
     }
 }
 
-struct AddressCase {
+static constexpr struct {
     const char *setting, *shown;
     bool elsewhere;  // heard on another address of this machine
-};
-static constexpr AddressCase addresses[] = {
+} addresses[] = {
     {"",          "*",         true },
     {"127.0.0.1", "127.0.0.1", false},
     {"127.0.0.2", "127.0.0.2", true },
 };
 
-TEST(Session, BindsToTheAddressThatIsSet) {
-    for (const AddressCase &row : addresses) {
+TEST(Address, IsTheOneThatIsSet) {
+    for (const auto &row : addresses) {
         SCOPED_TRACE(row.setting);
         Gateway gateway({.environment = {{"ZMQ_ACCESS_IP", row.setting}}});
         const std::string shown = row.shown, address = shown != "*" ? shown : "127.0.0.1";

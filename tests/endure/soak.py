@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Sessions come and go at full speed for a time given, in rounds; after each round all clients have left, and what the
-service then holds must be what it held after the first one. Run it as tests/sandbox tests/endure/soak.py --minutes 30;
+"""Sessions come and go at full speed for a time given, in rounds, beside strangers who do what they should not; after each
+round all have left, and what the service then holds must be what it held after the first one. Run it as tests/sandbox tests/endure/soak.py --minutes 30;
 tests/endure/soak.gnuplot draws docs/soak.svg from what it has sampled."""
 import argparse
 import ctypes
@@ -11,22 +11,27 @@ import os
 import random
 import sys
 import time
+from contextlib import suppress
 from pathlib import Path
 
 import zmq
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.append(str(ROOT))
-from testbed.remote import Remote, connect, discovery_request, discovery_socket, raise_own_limits, wire
+from testbed.remote import (RawPeer, Remote, connect, discovery_request, discovery_socket, enter,
+                            raise_own_limits, wire, zmtp_frame, zmtp_request)
 from testbed.gateway import AUTH_PORT, LISTENING, TestBed, check, tcp_sockets, wait_until
 
-ROUNDS, WORKERS = 10, 2
+ROUNDS, WORKERS, STRANGERS = 10, 2, 3
 SAMPLE_S, RESTART_S, EVENT_S, SETTLE_S = 5, 20, 0.01, 2
-SESSION_PORTS = range(62000, 64000)
+SESSION_PORTS, EVENT_PORTS_BEGIN = range(62000, 64000), 63000
 FLAGS = ("monitor", "discard_my_feedback", "hide_secure_info", "no_lock")
 EVENTS = (("Dispatch", "(idi)", 40, 3.5, 2), ("GeneralDispatch", "(sss)", "/a", "b", "c"),
           ("SnapshotLoadedDispatch", "(u)", 3), ("SpeakerPresetLoadedDispatch",))
-COUNTS = {name: multiprocessing.Value(ctypes.c_ulong) for name in ("opened", "vanished", "refused", "requests", "events")}
+COUNTS = {name: multiprocessing.Value(ctypes.c_ulong)
+          for name in ("opened", "vanished", "refused", "requests", "events", "disturbed")}
+STRANGE_ADDRESS = "127.0.0.2"  # not the clients', whose own connections are served first
+MIB = 1 << 20
 
 
 def count(what):
@@ -34,9 +39,13 @@ def count(what):
         COUNTS[what].value += 1
 
 
+def session_ports():
+    """Those that are listened on; two for each session."""
+    return [port for port, _, _ in tcp_sockets(LISTENING) if port in SESSION_PORTS]
+
+
 def sessions_open():
-    """Each listens on two ports."""
-    return sum(port in SESSION_PORTS for port, _, _ in tcp_sockets(LISTENING)) // 2
+    return len(session_ports()) // 2
 
 
 def visit(number, auth, rng):
@@ -74,6 +83,34 @@ def play_clients(seed, end):
         visit(number, auth, rng)
 
 
+DISTURBANCES = (
+    lambda peer: peer.offer(zmtp_frame(b"", more=True), *[zmtp_frame(bytes(MIB), more=True)] * 40),  # it never ends
+    lambda peer: peer.offer(zmtp_frame(b"", more=True), zmtp_frame(bytes(9 * MIB))[:-1]),
+    lambda peer: peer.offer(zmtp_frame(b"no envelope")),
+    lambda peer: peer.offer(zmtp_frame(b"\x01" + bytes(2 * MIB))),  # for an event port a subscription
+    lambda peer: peer.offer(*[zmtp_frame(b"\x01" + bytes(1000))] * 1000),
+    lambda peer: peer.offer(*[zmtp_request(b"garbage")] * 1000),  # whose answers are not taken
+    lambda peer: time.sleep(0.1))
+
+
+def disturb(rng, victim_port):
+    """The command ports of the other sessions are left alone: a connection that is closed there before the client has come
+    ends a monitored session, as it should."""
+    event_ports = [port for port in session_ports() if port >= EVENT_PORTS_BEGIN]
+    port = rng.choice([AUTH_PORT, victim_port, *event_ports])
+    peer = RawPeer(port, b"SUB" if port >= EVENT_PORTS_BEGIN else b"DEALER", timeout_s=1, address=STRANGE_ADDRESS)
+    rng.choice(DISTURBANCES)(peer)
+    peer.close()
+
+
+def play_stranger(seed, end, victim_port):
+    rng = random.Random(seed)
+    while time.monotonic() < end:
+        with suppress(OSError):  # it was refused, or the session is over
+            disturb(rng, victim_port)
+        count("disturbed")
+
+
 def play_platform(bed, end):
     while time.monotonic() < end:
         for event in EVENTS:
@@ -83,8 +120,9 @@ def play_platform(bed, end):
 
 
 def work_round(bed, number, seconds, sample):
-    end, restart = time.monotonic() + seconds, time.monotonic() + RESTART_S
+    end, restart, victim = time.monotonic() + seconds, time.monotonic() + RESTART_S, enter("victim", monitor=1)
     work = [(play_clients, (WORKERS * number + n, end)) for n in range(WORKERS)] + [(play_platform, (bed, end))]
+    work += [(play_stranger, (STRANGERS * number + n, end, victim.ports[0])) for n in range(STRANGERS)]
     workers = [multiprocessing.Process(target=target, args=arguments) for target, arguments in work]
     for worker in workers:
         worker.start()
@@ -96,6 +134,8 @@ def work_round(bed, number, seconds, sample):
             bed.kill(bed.device)
             bed.start_device()
     check(not any(worker.exitcode for worker in workers), "a client failed; see above")
+    check(victim.is_served(), "the session that strangers came to is not served any more")
+    victim.log_out()
     wait_until(lambda: sessions_open() == 0, "all sessions are gone")
     time.sleep(SETTLE_S)
 

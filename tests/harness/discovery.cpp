@@ -14,12 +14,6 @@
 static constexpr int discovery_port = 8004;
 static constexpr char separator = '\x1c';
 
-static int open_socket(const std::string &address) {
-    const int descriptor = connected_socket(SOCK_DGRAM, discovery_port, address);
-    if (descriptor == -1) throw Abandoned("no UDP socket for the test");
-    return descriptor;
-}
-
 static std::optional<std::string> receive_from(int descriptor) {
     char bytes[65536];
     const ssize_t count = recv(descriptor, bytes, sizeof bytes, MSG_DONTWAIT);
@@ -34,7 +28,7 @@ std::string discovery_request(std::string_view id, std::string_view public_key) 
     return request += '!';
 }
 
-Discovery::Discovery(const std::string &address) : socket_(open_socket(address)) {}
+Discovery::Discovery(const std::string &address) : socket_(connected_socket(SOCK_DGRAM, discovery_port, address)) {}
 
 Discovery::~Discovery() { close(socket_); }
 

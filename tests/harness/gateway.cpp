@@ -30,9 +30,8 @@ Gateway::~Gateway() {
 }
 
 void Gateway::start_device() {
-    const Environment environment = {
-        {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}
-    };
+    Environment environment = {};
+    environment["DBUS_SESSION_BUS_ADDRESS"] = bus_.address();
     device_.emplace(Texts{KESTO_DEVICE_PROGRAM, "--trace"}, environment);
     device_->expect_log({"kesto-device: serving *"});
 }

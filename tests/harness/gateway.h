@@ -5,7 +5,6 @@
  * fixed, so that a test has one gateway at a time. */
 #pragma once
 
-#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,9 +45,7 @@ class Gateway {
     void stop_service();
 
     /* The service's log, and its D-Bus methods. */
-    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current()) {
-        service_->expect_log(messages, where);
-    }
+    void expect_log(const Texts &messages, Where where = Where::current()) { service_->expect_log(messages, where); }
     Answer call(const char *method, GVariant *arguments = nullptr, Where where = Where::current());
 
     /* Calls a method of the device's control interface, which must succeed: control("LoadSnapshot", "(uint32 4,)"). */

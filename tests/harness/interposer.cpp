@@ -11,75 +11,38 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <link.h>
+#include <string>
+#include <sys/auxv.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-struct Program {
-    uintptr_t first, end;
-};
-
-static int note_program(dl_phdr_info *info, size_t, void *argument) {
-    auto *program = static_cast<Program *>(argument);
-    for (int i = 0; i < info->dlpi_phnum; ++i) {
-        const auto &part = info->dlpi_phdr[i];
-        if (part.p_type != PT_LOAD || (part.p_flags & PF_X) == 0) continue;
-        program->first = info->dlpi_addr + part.p_vaddr;
-        program->end = program->first + part.p_memsz;
-    }
-    return 1;  // the first entry is the program
-}
-
 static bool from_program(const void *caller) {
-    static const Program program = [] {
-        Program found = {};
-        dl_iterate_phdr(note_program, &found);
-        return found;
-    }();
-    const auto address = reinterpret_cast<uintptr_t>(caller);
-    return address >= program.first && address < program.end;
-}
-
-struct FailingCall {
-    char name[64];
-    long number;
-    bool stops;
-};
-
-static FailingCall read_setting() {
-    FailingCall failing = {"", 0, false};
-    const char *setting = getenv("KESTO_FAIL");
-    if (setting == nullptr || sscanf(setting, "%63[^:]:", failing.name) != 1) return failing;
-    const char *number = strchr(setting, ':');
-    if (number != nullptr) failing.number = strtol(number + 1, nullptr, 10);
-    failing.stops = strstr(setting, ":stop") != nullptr;
-    return failing;
+    Dl_info calling = {}, program = {};
+    dladdr(caller, &calling);
+    dladdr(reinterpret_cast<const void *>(getauxval(AT_ENTRY)), &program);
+    return calling.dli_fbase == program.dli_fbase;
 }
 
 static bool fails(const char *name, uintptr_t second, uintptr_t third, const void *caller) {
     if (!from_program(caller) && strcmp(name, "zmq_socket_monitor") != 0) return false;
-    static const FailingCall failing = read_setting();  // libraries call before there is an environment
+    static const std::string wanted = getenv("KESTO_FAIL");  // libraries call before there is an environment
     static std::atomic<long> count = 0;
-    if (strcmp(failing.name, "tell") == 0)
-        fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
-    if (strcmp(name, failing.name) != 0 || ++count != failing.number) return false;
-    if (failing.stops) kill(getpid(), SIGTERM), usleep(600'000);  // whoever waits for this thread is interrupted
-    return !failing.stops;
-}
-
-template <typename Function>
-static Function *real(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+    if (wanted == "tell") fprintf(stderr, "%s %d %d\n", name, static_cast<int>(second), static_cast<int>(third));
+    if (!wanted.starts_with(std::string(name) + ':')) return false;
+    const std::string call = std::string(name) + ':' + std::to_string(++count);
+    if (wanted == call + ":stop") kill(getpid(), SIGTERM), usleep(600'000);  // who waits for this thread is interrupted
+    return wanted == call;
 }
 
 /* The arguments of a C function travel in registers whatever their types; none of these has a floating one. */
 using Word = uintptr_t;
+using Function = Word(Word, Word, Word, Word, Word, Word);
 static constexpr Word minus_one = static_cast<Word>(-1), null = 0;
 
 #define FAIL_WITH(name, value)                                                               \
-    extern "C" Word failing_##name(Word, Word, Word, Word, Word, Word) __asm__(#name);       \
+    extern "C" Function failing_##name __asm__(#name);                                       \
     Word failing_##name(Word a, Word b, Word c, Word d, Word e, Word f) {                    \
-        static auto *const next = real<Word(Word, Word, Word, Word, Word, Word)>(#name);     \
+        static auto *const next = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, #name));     \
         if (!fails(#name, b, c, __builtin_return_address(0))) return next(a, b, c, d, e, f); \
         errno = EIO;                                                                         \
         return value;                                                                        \

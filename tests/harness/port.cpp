@@ -16,16 +16,6 @@ static int use_address(int (*use)(int, const sockaddr *, socklen_t), int descrip
     return use(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
 
-TakenPort::TakenPort(int type, uint16_t port) : socket_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
-    // Past what earlier connections left of a TCP port; on UDP it would mean sharing.
-    const int reuse = type == SOCK_STREAM;
-    setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    EXPECT_EQ(use_address(bind, socket_, "0.0.0.0", port), 0);
-    EXPECT_EQ(type == SOCK_STREAM ? listen(socket_, 1) : 0, 0);
-}
-
-TakenPort::~TakenPort() { close(socket_); }
-
 int connected_socket(int type, int port, const std::string &address) {
     const int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, 0), on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);  // the address may be one of all

@@ -11,18 +11,6 @@
 
 #include "harness/wait.h"
 
-/* A port that another program has and does not share. `type` is SOCK_STREAM or SOCK_DGRAM. */
-class TakenPort {
-  public:
-    TakenPort(int type, uint16_t port);
-    ~TakenPort();
-    TakenPort(const TakenPort &) = delete;
-    TakenPort &operator=(const TakenPort &) = delete;
-
-  private:
-    int socket_;
-};
-
 /* A socket that is connected to the port, for the caller to close; -1 when it cannot be connected. */
 int connected_socket(int type, int port, const std::string &address = "127.0.0.1");
 

@@ -8,7 +8,6 @@
 
 #include <condition_variable>
 #include <csignal>
-#include <initializer_list>
 #include <iosfwd>
 #include <map>
 #include <mutex>
@@ -38,7 +37,7 @@ class Process {
     ~Process();  // kills the program if it still runs
 
     /* Waits for these messages in this order; others may stand between them. */
-    void expect_log(std::initializer_list<std::string_view> messages, Where where = Where::current());
+    void expect_log(const Texts &messages, Where where = Where::current());
 
     /* Waits for `fence`, which must come, and fails when `message` stands before it. */
     void expect_no_log_before(std::string_view message, std::string_view fence, Where where = Where::current());
@@ -46,8 +45,8 @@ class Process {
     /* Waits for `fence` and gives the messages from the cursor up to it, the fence excluded. */
     Texts log_until(std::string_view fence, Where where = Where::current());
 
-    /* The cursor back to the first line. */
-    void rewind() { cursor_ = 0; }
+    /* The cursor back to the first line; this process. */
+    Process &rewind() { return cursor_ = 0, *this; }
 
     /* All that was printed on STDOUT_FILENO or STDERR_FILENO until now; after wait_exit, all that it printed. */
     std::string text(int stream);
@@ -60,7 +59,7 @@ class Process {
     void send_signal(int number) { kill(pid_, number); }
     Exit wait_exit(Where where = Where::current());
 
-    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit or been abandoned. Records a failure,
+    /* Sends SIGTERM and expects status 0, unless the test has called wait_exit or failed. Records a failure,
      * never throws. */
     void expect_orderly_end();
 

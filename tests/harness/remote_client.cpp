@@ -193,18 +193,16 @@ void RemoteClient::subscribe(Gateway &gateway, Where where) {
 }
 
 wire::Message RemoteClient::next_event(Where where) {
-    for (;;) {
-        wire::Message message = must_hear(where);
-        if (fence_in(message) == 0) return message;
-    }
+    wire::Message message;
+    do message = must_hear(where);
+    while (fence_in(message) != 0);
+    return message;
 }
 
 std::vector<wire::Message> RemoteClient::events_so_far(Gateway &gateway, Where where) {
     const int32_t fence = publish_fence(gateway, where);
     std::vector<wire::Message> events;
-    for (;;) {
-        const wire::Message message = must_hear(where);
-        if (fence_in(message) == fence) return events;
+    for (wire::Message message; fence_in(message = must_hear(where)) != fence;)
         if (fence_in(message) == 0) events.push_back(message);
-    }
+    return events;
 }

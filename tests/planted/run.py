@@ -9,14 +9,13 @@ mistake. It is planted into a copy of the sources and built, and the tests run u
     means = "every user may write every key"              what a user, peer or operator would have of it
     test = "rights_scenario"    optional: the tests that are to notice it, a regular expression; they run first
     preset = "asan"             optional: the build that is needed to notice it, if not dev
-    endure = "threads"          optional, in the place of these two: the case of tests/endure that is to notice it
+    endure = "sockets-16"       optional, in the place of these two: the case of tests/endure that is to notice it
     unnoticed = "why"           optional: nothing notices it, and why that is accepted
 
-The copies and their builds stay in build/planted, so that a later run builds little; build/planted/N.log has what was built
-and run. Rows with "endure" come last and one after the other, because those cases measure times. The status is 1 when a row
-does not fit the sources or does not compile, or when nothing noticed it although it has no "unnoticed"."""
+The copy and its builds stay in build/planted, so that a later run builds little; build/planted.log has what was built and
+run. The status is 1 when a row does not fit the sources or does not compile, or when nothing noticed it although it has no
+"unnoticed"."""
 import argparse
-import json
 import os
 import re
 import shlex
@@ -25,19 +24,19 @@ import subprocess
 import sys
 import time
 import tomllib
-from collections import deque
-from concurrent.futures import ThreadPoolExecutor
+from functools import cache
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parent.parent
-COPIES = ROOT / "build" / "planted"
+COPY, LOG = ROOT / "build" / "planted", ROOT / "build" / "planted.log"
 NEEDED, OPTIONAL = {"file", "line", "planted", "means"}, {"test", "preset", "endure", "unnoticed"}
 PRESETS = ["dev", "release", "asan", "tsan"]
-ENDURE = "endure"  # where a row is tried, in the place of a preset
-LOG_TEXTS = "log_texts"  # looks at what all the other tests have recorded
-TEST_LIMIT_S = 600
-BUSY_S, TIMES_AS_LONG = 60, 3  # a test that takes that much longer than without a fault does not end
+ENDURE = "endure"
+NONE = "^$"  # of the tests
+SETTINGS = {"GTEST_FAIL_FAST": "1", "G_SLICE": "always-malloc",
+            "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1",
+            "TSAN_OPTIONS": f"suppressions={COPY}/tests/tsan.supp:halt_on_error=1:second_deadlock_stack=1"}
 
 
 def complaint(row):
@@ -54,7 +53,7 @@ def complaint(row):
 
 
 def read_tables():
-    """The rows, and what is wrong with them. Each gets its `place` in the tables and `where` it is tried."""
+    """The rows, and what is wrong with them. Each gets its `place` in the tables and `where` it is tried, a preset."""
     rows, complaints = [], []
     for table in sorted(HERE.glob("*.toml")):
         try:
@@ -66,139 +65,88 @@ def read_tables():
             place = f"{table.name}, row {number}"
             if wrong := complaint(row):
                 complaints.append(f"{place}: {wrong}")
-            rows.append(row | {"place": place, "where": row.get("preset", ENDURE if ENDURE in row else "dev")})
+            rows.append(row | {"place": place, "where": "release" if ENDURE in row else row.get("preset", "dev")})
     return rows, complaints
 
 
-def sources():
-    """The project's files, also those that are not added yet."""
-    command = ["git", "-C", ROOT, "ls-files", "-z", "--cached", "--others", "--exclude-standard"]
-    names = subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True).stdout.split("\0")
-    return {name for name in names if name and (ROOT / name).is_file()}
+def make_copy():
+    """What is the same keeps its time, so that it is not built again; a line that an earlier run has left planted is not."""
+    def copy_other(source, copy):
+        if not Path(copy).is_file() or Path(copy).read_bytes() != Path(source).read_bytes():
+            shutil.copy(source, copy)
+    ignored = shutil.ignore_patterns("build", ".git", "__pycache__")
+    shutil.copytree(ROOT, COPY, copy_function=copy_other, ignore=ignored, dirs_exist_ok=True)
 
 
-class Copy:
-    """A copy of the sources with builds of its own."""
+def run(*command):
+    """The status with which it ends."""
+    with LOG.open("ab", buffering=0) as log:
+        log.write(f"\n$ {shlex.join(command)}\n".encode())
+        return subprocess.run(command, cwd=COPY, env=os.environ | SETTINGS, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                              check=False).returncode
 
-    def __init__(self, number):
-        self.root, self.log_path, self.built = COPIES / str(number), COPIES / f"{number}.log", set()
-        self.root.mkdir(parents=True, exist_ok=True)
-        self.log_path.write_bytes(b"")
-        names = sources()
-        for name in names:  # what is the same keeps its time; a line that an earlier run has left planted is not the same
-            source, copy = ROOT / name, self.root / name
-            if not copy.is_file() or copy.read_bytes() != source.read_bytes():
-                copy.parent.mkdir(parents=True, exist_ok=True)
-                shutil.copy(source, copy)  # its time is now
-        for path in self.root.rglob("*"):
-            name = str(path.relative_to(self.root))
-            if path.is_file() and not name.startswith("build/") and name not in names:
-                path.unlink()
 
-    def run(self, *command, limit_s=None):
-        """The status with which it ends; None when it does not end in time."""
-        settings = {"GTEST_FAIL_FAST": "1", "G_SLICE": "always-malloc",
-                    "ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1",
-                    "TSAN_OPTIONS": f"suppressions={self.root}/tests/tsan.supp:halt_on_error=1:second_deadlock_stack=1"}
-        with self.log_path.open("ab", buffering=0) as log:
-            log.write(f"\n$ {shlex.join(command)}\n".encode())
-            try:
-                return subprocess.run(command, cwd=self.root, env=os.environ | settings, stdin=subprocess.DEVNULL,
-                                      stdout=log, stderr=log, timeout=limit_s, check=False).returncode
-            except subprocess.TimeoutExpired:
-                return None
+def builds(row):
+    programs = ["--target", "kesto-access", "kesto-device"] if ENDURE in row else []
+    return run("cmake", "--preset", row["where"]) == 0 and run("cmake", "--build", "--preset", row["where"], *programs) == 0
 
-    def builds(self, where):
-        what = ["release", "--target", "kesto-access", "kesto-device"] if where == ENDURE else [where]
-        return self.run("cmake", "--build", "--preset", *what) == 0
 
-    def prepare(self, where):
-        """The first build, without a fault."""
-        preset = "release" if where == ENDURE else where
-        if where not in self.built and (self.run("cmake", "--preset", preset) != 0 or not self.builds(where)):
-            raise SystemExit(f"the build fails without any fault; the whole output is in {self.log_path.relative_to(ROOT)}")
-        self.built.add(where)
+def failing_tests(where, *selection):
+    """Of the tests that ctest selects so; they run one after the other."""
+    if run("ctest", "--test-dir", f"build/{where}", "--output-on-failure", *selection) == 0:
+        return []
+    failed = COPY / "build" / where / "Testing" / "Temporary" / "LastTestsFailed.log"
+    return [line.split(":")[1] for line in failed.read_text().splitlines()]
 
-    def tests(self, preset):
-        """Their names, log_texts last. Clears what earlier runs have recorded."""
-        for recording in (self.root / "build" / preset / "recordings").glob("*"):
-            recording.unlink()
-        command = ["ctest", "--test-dir", self.root / "build" / preset, "--show-only=json-v1"]
-        shown = json.loads(subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout)
-        return sorted((test["name"] for test in shown["tests"]), key=lambda name: name == LOG_TEXTS)
 
-    def passes(self, where, test, limit_s):
-        if where != ENDURE:
-            return self.run("ctest", "--test-dir", f"build/{where}", "--output-on-failure", "-R", f"^{re.escape(test)}$",
-                            limit_s=limit_s) == 0
-        status = self.run("tests/endure/run.py", "--bin", "build/release/bin", test)  # it has a limit of its own
+@cache
+def fails_anyway(where):
+    """A regular expression of the tests that fail without any fault."""
+    if run("cmake", "--preset", where) != 0 or run("cmake", "--build", "--preset", where) != 0:
+        raise SystemExit(f"the build fails without any fault; the whole output is in {LOG.relative_to(ROOT)}")
+    failing = failing_tests(where)
+    if failing:
+        print(f"{where}: without any fault these fail, so they do not count: {', '.join(failing)}", flush=True)
+        failing.append("log_texts")  # it would miss what those have to say
+    return "|".join([NONE, *(f"^{name}$" for name in failing)])
+
+
+def noticing_test(row, not_counting):
+    """The first that notices the row, or None. Those that the row names come first; then the others, log_texts the last."""
+    if ENDURE in row:
+        status = run("tests/endure/run.py", "--bin", "build/release/bin", row[ENDURE])
         if status not in (0, 1):
-            raise SystemExit(f"tests/endure/run.py {test} ends with status {status}, see {self.log_path.relative_to(ROOT)}")
-        return status == 0
+            raise SystemExit(f"tests/endure/run.py {row[ENDURE]} ends with status {status}, see {LOG.relative_to(ROOT)}")
+        return row[ENDURE] if status else None
+    for recording in (COPY / "build" / row["where"] / "recordings").glob("*"):
+        recording.unlink()
+    named = row.get("test", NONE)
+    for selection in (("-R", named, "-E", not_counting), ("-E", f"{named}|{not_counting}")):
+        if failing := failing_tests(row["where"], "--stop-on-failure", *selection):
+            return failing[0]
+    return None
 
 
-class Trial:
-    """Tries rows; knows what fails without any fault, and how long the other tests take."""
-
-    def __init__(self):
-        self.failing, self.limits_s = set(), {}  # (where, test)
-
-    def run_unplanted(self, copy, rows):
-        for where in sorted({row["where"] for row in rows}):
-            copy.prepare(where)
-            for test in sorted({row[ENDURE] for row in rows if ENDURE in row}) if where == ENDURE else copy.tests(where):
-                begin = time.monotonic()
-                if not copy.passes(where, test, TEST_LIMIT_S):
-                    self.failing.add((where, test))
-                    print(f"{where}: {test} fails without any fault, so it does not count", flush=True)
-                self.limits_s[where, test] = BUSY_S + TIMES_AS_LONG * (time.monotonic() - begin)
-
-    def tests_for(self, row, copy):
-        """In their order, those that the row names first; none when none of those counts."""
-        where, failing = row["where"], {test for where, test in self.failing if where == row["where"]}
-        if failing:
-            failing = failing | {LOG_TEXTS}  # it would miss what those have to say
-        tests = [test for test in ([row[ENDURE]] if where == ENDURE else copy.tests(where)) if test not in failing]
-        named = [test for test in tests if re.search(row.get("test", ""), test)]
-        return sorted(tests, key=lambda test: (test == LOG_TEXTS, test not in named)) if named else []
-
-    def outcome(self, row, copy):
-        """(What becomes of the row, whether it was noticed, whether that is as it should be.)"""
-        if not copy.builds(row["where"]):
-            return "does not compile", False, False
-        tests, begin = self.tests_for(row, copy), time.monotonic()
-        for test in tests:
-            if not copy.passes(row["where"], test, self.limits_s.get((row["where"], test), TEST_LIMIT_S)):
-                return f"noticed by {test} in {time.monotonic() - begin:.0f} s", True, True
-        return "NOT NOTICED" if tests else "there is no such test that counts", False, bool(tests) and "unnoticed" in row
-
-    def run(self, row, copy):
-        """Says what becomes of the row; (row, and the outcome as above)."""
-        copy.prepare(row["where"])
-        path = copy.root / row["file"]
-        text = path.read_text()
-        try:
-            path.write_text(text.replace(row["line"], row["planted"]))
-            outcome, noticed, good = self.outcome(row, copy)
-        finally:
-            path.write_text(text)
-        print(f"{row['place']}: {outcome}: {row['means']}", flush=True)
-        return row, outcome, noticed, good
-
-    def run_all(self, rows, copies):
-        """Each copy takes the next row that is left, until none is; an interrupt leaves none."""
-        left = iter(rows)
-        with ThreadPoolExecutor(len(copies)) as pool:
-            try:
-                return sum(pool.map(lambda copy: [self.run(row, copy) for row in left], copies), [])
-            finally:
-                deque(left, maxlen=0)
+def try_row(row, trust):
+    """What becomes of the row, and whether that is as it should be."""
+    not_counting = NONE if trust or ENDURE in row else fails_anyway(row["where"])
+    path, begin = COPY / row["file"], time.monotonic()
+    text = path.read_text()
+    try:
+        path.write_text(text.replace(row["line"], row["planted"]))
+        if not builds(row):
+            return "does not compile", False
+        noticing = noticing_test(row, not_counting)
+    finally:
+        path.write_text(text)
+    if noticing:
+        return f"noticed by {noticing} in {time.monotonic() - begin:.0f} s", True
+    return f"NOT NOTICED: {row.get('unnoticed', '')}", "unnoticed" in row
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--only", metavar="REGEX", default="", help="the rows whose file or meaning matches")
-    parser.add_argument("--jobs", metavar="N", type=int, default=1, help="so many side by side, where namespaces are allowed")
     parser.add_argument("--trust", action="store_true", help="do not run the tests without a fault first")
     parser.add_argument("--list", action="store_true", help="only print the rows")
     parser.add_argument("--check", action="store_true", help="only look whether the rows fit the sources")
@@ -214,18 +162,18 @@ def main():
     if options.list:
         print("\n".join(f"{row['place']}: {row['file']}: {row['means']}" for row in rows))
         return 0
-    os.environ.setdefault("CMAKE_BUILD_PARALLEL_LEVEL", str(max(1, (os.cpu_count() or 1) // options.jobs)))
-    copies, trial = [Copy(number) for number in range(1, options.jobs + 1)], Trial()
-    if not options.trust:
-        trial.run_unplanted(copies[0], rows)
-    results = trial.run_all([row for row in rows if ENDURE not in row], copies)
-    results += trial.run_all([row for row in rows if ENDURE in row], copies[:1])
-    count = sum(noticed for _, _, noticed, _ in results)
+    make_copy()
+    LOG.write_bytes(b"")
+    results = []
+    for row in rows:
+        outcome, good = try_row(row, options.trust)
+        line = f"{row['place']}: {row['file']}: {row['means']}: {outcome}"
+        print(line, flush=True)
+        results.append((line, outcome.startswith("noticed"), good))
+    count = sum(noticed for _, noticed, _ in results)
     print(f"{count} of {len(results)} faults were noticed, {100 * count / len(results):.1f} %")
-    for row, outcome, noticed, good in results:
-        if not noticed:
-            print(f"{row['place']}: {row['file']}: {row['means']}: {row['unnoticed'] if good else outcome}")
-    return 0 if all(good for _, _, _, good in results) else 1
+    print("\n".join(line for line, noticed, _ in results if not noticed))
+    return 0 if all(good for _, _, good in results) else 1
 
 
 if __name__ == "__main__":

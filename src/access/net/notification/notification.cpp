@@ -14,6 +14,7 @@
 static constexpr int32_t broadcast_alarm_code = 40;
 static constexpr int not_encoded = -1;
 static constexpr gint64 delivery_us = gint64{queue_period_ms} * 1000;
+static constexpr int never_postponed = 10;  // events of a tick, whatever time they take
 
 using OwnedEvent = std::unique_ptr<BusEvent, ByPointer<bus_event_free>>;
 
@@ -86,8 +87,10 @@ int server_mq_timer(zloop_t *, int, void *argument) {
     }
     // What is queued meanwhile, or finds no time, waits for the next tick, or a busy device would keep the loop from
     // all else.
-    int left = g_async_queue_length(priv->mq);
-    for (const gint64 end = g_get_monotonic_time() + delivery_us; left > 0 && g_get_monotonic_time() < end; --left) {
+    const int queued = g_async_queue_length(priv->mq);
+    const gint64 end = g_get_monotonic_time() + delivery_us;
+    for (int number = 0; number < queued; ++number) {
+        if (number >= never_postponed && g_get_monotonic_time() >= end) break;
         const OwnedEvent event{bus_event_try_pop(priv->mq)};
         if (!event) break;
         if (event->kind == BUS_EVENT_STOP) {

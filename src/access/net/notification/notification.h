@@ -19,12 +19,12 @@ struct BroadcastContext {
     uint32_t count; /* clients to which the message was handed */
 };
 
-/* The timer's period, and how long one tick delivers. */
+/* The timer's period, and how long one tick delivers when it has more than ten events. */
 constexpr uint32_t queue_period_ms = 33;
 
-/* Reactor timer handler: encodes and broadcasts what is queued, in order; what one tick has no time for waits for the
- * next. `server` is the AccessServer. 0, also without a queue; -1, which ends the loop, for NULL and on a stop event:
- * what is queued behind it stays there. */
+/* Reactor timer handler: encodes and broadcasts what is queued, in order. Only when more than ten events take longer
+ * than the period, the rest waits for the next tick. `server` is the AccessServer. 0, also without a queue; -1, which
+ * ends the loop, for NULL and on a stop event: what is queued behind it stays there. */
 int server_mq_timer(zloop_t *loop, int timer_id, void *server);
 
 /* Visit function for the table of clients: sends the context's message to one of them, unless the client has no event

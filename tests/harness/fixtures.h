@@ -1,4 +1,4 @@
-/* logged_in_fixture.h - a gateway with one logged-in client, "panel-1", for tests that begin there. */
+/* fixtures.h - what many tests begin with: a gateway and a client, "panel-1". */
 #pragma once
 
 #include <string_view>
@@ -6,10 +6,13 @@
 #include "harness/gateway.h"
 #include "harness/remote_client.h"
 
-struct LoggedInFixture {
+struct GatewayFixture {
     Gateway gateway;
     RemoteClient panel{"panel-1"};
+};
 
+/* The client has logged in, and the device has been told. */
+struct LoggedInFixture : GatewayFixture {
     explicit LoggedInFixture(const LoginOptions &user = {}) {
         panel.log_in(user);
         gateway.device().expect_log({"client authenticated: panel-1"});
