@@ -117,6 +117,9 @@ void WatchAll::follow(const kesto::Device &device) {
     const std::string text = device.cut ? "" : kesto::static_text_of(device);
     if (followed.client && followed.login == login && followed.static_text == text) return;
     const Source source = {device.addresses.front(), device.model, device.serial};
+    if (followed.client && followed.login != login) {
+        print_output(options_.json, format_notice(source, "moved", "now at " + kesto::endpoint_text(login)));
+    }
     kesto::ClientOptions client;
     client.login = login;
     client.client_id = options_.client_id;
