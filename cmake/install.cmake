@@ -33,6 +33,7 @@ install(FILES docs/man/kesto-access.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT access OPTIONAL)
 
 if(ACCESS_TOOLS)
+  install(DIRECTORY examples/cpp/ DESTINATION ${install_docs}/libkesto-client-dev/examples COMPONENT client-dev)
   install(FILES proto/access.proto DESTINATION ${CMAKE_INSTALL_DATADIR}/kesto COMPONENT tools)
   install(FILES docs/protocol.md DESTINATION ${install_docs}/kesto-tools COMPONENT tools OPTIONAL)
   foreach(program kesto-client kesto-device)
