@@ -80,13 +80,42 @@ visit() {
     [ -z "$reason" ]
 }
 
+# comes PATTERN FILE PROCESS: waits for a line, as long as the process runs.
+comes() {
+    until grep -q "$1" "$2"; do
+        kill -0 "$3" 2>/dev/null || return
+        sleep 0.05
+    done
+}
+
+start_service() { KESTO_DEBUG=1 start service zsys_catch_interrupts "$bin/kesto-access"; }
+
+# visit_over_restart NAME COMMAND...: one line about how an example takes that the service ends and comes back.
+visit_over_restart() {
+    local name=$1 output=$work/$1-over-restart.out example result=OK
+    shift
+    timeout $visit_limit_s "$@" --address 127.0.0.1 --seconds $visit_limit_s --timeout 1 >"$output" 2>&1 &
+    example=$!
+    comes '^heard' "$output" $example
+    kill -KILL "${children[-1]}"
+    wait "${children[-1]}" 2>/dev/null
+    unset 'children[-1]'
+    start_service
+    { comes '^recovered: command port' "$output" $example && comes '^read /Device/Config/PROJECT_INFO' "$output" $example &&
+        comes "\[$name-example-.*\] authenticating .* done" "$work/service.log" $example; } || result=FAILED
+    kill $example 2>/dev/null
+    wait $example 2>/dev/null
+    printf '%-8s %-7s %s\n' "$name" $result "over a restart: $(grep -E '^(connection lost|recovered)' "$output" | paste -sd ';')"
+    [ $result = OK ]
+}
+
 visit_all() {
     local result=0
     work=$(mktemp -d)
     trap 'stop_children; rm -rf "$work"' EXIT
     start_bus
     start device serving "$bin/kesto-device" --alarm-every 0.2 --change-every 0.3
-    KESTO_DEBUG=1 start service zsys_catch_interrupts "$bin/kesto-access"
+    start_service
     for project in "${projects[@]}"; do
         gdbus call --session -d com.quillmont.kesto.Data -o /com/quillmont/kesto/Device \
             -m com.quillmont.kesto.Device.Control.Change /Device/Config/PROJECT_INFO "$project" string >/dev/null ||
@@ -95,6 +124,8 @@ visit_all() {
         visit node node "$copy/examples/node/client.js" || result=$failure
         visit cpp "$copy/cpp/client" || result=$failure
     done
+    visit_over_restart python /usr/bin/python3 "$copy/examples/python/client.py" || result=$failure
+    visit_over_restart node node "$copy/examples/node/client.js" || result=$failure
     return $result
 }
 

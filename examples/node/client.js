@@ -1,12 +1,14 @@
 #!/usr/bin/env node
-// A small remote control client: discovers a device, logs in, reads, writes, watches, logs out.
+// A small remote control client: discovers a device, logs in, reads, writes, watches, logs out. When the device no longer
+// answers while it watches, it gets its session back.
 //
-//     node client.js [--address ADDRESS] [--user NAME] [--password TEXT] [--seconds N]
+//     node client.js [--address ADDRESS] [--user NAME] [--password TEXT] [--seconds N] [--timeout N]
 
 import { constants, generateKeyPairSync, privateDecrypt } from "node:crypto";
 import { createSocket } from "node:dgram";
 import { once } from "node:events";
 import { hostname } from "node:os";
+import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import { parseArgs } from "node:util";
 
@@ -22,7 +24,9 @@ const [LOGIN_PORT, WRAPPED_KEY, SERIAL, PROJECT] = [3, 5, 10, 12]; // of the 14 
 const SERIAL_KEY = "/Device/Config/Hardware/Model/Serial";
 const PROJECT_KEY = "/Device/Config/PROJECT_INFO";
 const THIS_KEY_ALONE = 0x2000;
-const ANSWER_TIMEOUT_MS = 70_000; // a multi-write may take 65 s, and others' requests are served first
+const ANSWER_TIMEOUT_S = 70; // a multi-write may take 65 s, and others' requests are served first
+const SIGN_OF_LIFE_MS = 2000;
+const PAUSE_MS = 1000; // between two attempts to get a session back
 
 const contract = protobuf.loadSync(fileURLToPath(new URL("../../proto/access.proto", import.meta.url)));
 const Message = contract.lookupType("kesto.access.v1.Message");
@@ -64,17 +68,21 @@ async function discover(address, clientId) {
   }
 }
 
-// One session. A request socket that got no answer is of no use any more: end the client and log in again.
+// One session after the other. A request socket that got no answer is of no use any more: the session has to be
+// recovered.
 class Client {
-  constructor(device, loginPort, clientId) {
-    Object.assign(this, { device, clientId, sequence: 0 });
-    this.loginSocket = this.#connect(new Request({ receiveTimeout: ANSWER_TIMEOUT_MS }), loginPort);
+  constructor(device, loginPort, clientId, login, timeoutMs) {
+    Object.assign(this, { device, loginPort, clientId, login, timeoutMs, sequence: 0 });
   }
 
   #connect(socket, port) {
     socket.linger = 0;
     socket.connect(`tcp://${this.device}:${port}`);
     return socket;
+  }
+
+  #connectForRequests(port) {
+    return this.#connect(new Request({ receiveTimeout: this.timeoutMs }), port);
   }
 
   async #ask(socket, operation) {
@@ -90,13 +98,42 @@ class Client {
     return reply;
   }
 
-  async logIn(userName, password) {
-    const login = { userName, password, monitor: 1, discardMyFeedback: 1 };
-    const { session } = await this.#ask(this.loginSocket, { login });
-    this.commands = this.#connect(new Request({ receiveTimeout: ANSWER_TIMEOUT_MS }), session.commandPort);
+  async #askLoginPort(login) {
+    const socket = this.#connectForRequests(this.loginPort);
+    try {
+      return await this.#ask(socket, { login });
+    } finally {
+      socket.close();
+    }
+  }
+
+  async logIn() {
+    const { session } = await this.#askLoginPort({ ...this.login, monitor: 1, discardMyFeedback: 1 });
+    this.commands = this.#connectForRequests(session.commandPort);
     this.events = this.#connect(new Subscriber(), session.eventPort);
     this.events.subscribe();
     return session;
+  }
+
+  logOut() {
+    return this.#askLoginPort({});
+  }
+
+  close() {
+    for (const socket of [this.commands, this.events]) socket?.close();
+  }
+
+  // A new session, on other ports. What was read before may have changed meanwhile: read it again.
+  async recover() {
+    this.close();
+    for (;;) {
+      try {
+        await this.logOut(); // or a session that is about to end may be given once more
+        return await this.logIn();
+      } catch {
+        await sleep(PAUSE_MS);
+      }
+    }
   }
 
   async read(key) {
@@ -108,16 +145,39 @@ class Client {
     return this.#ask(this.commands, { write: { key, value } });
   }
 
-  // What the device and the other clients change: events, and the replies to others' writes.
-  async *watch(milliseconds) {
-    const timer = setTimeout(() => this.events.close(), milliseconds);
-    for await (const [frame] of this.events) yield Message.decode(frame);
-    clearTimeout(timer);
+  async #askForSignsOfLife(signal) {
+    for (;;) {
+      await sleep(SIGN_OF_LIFE_MS, undefined, { signal });
+      await this.#ask(this.commands, { changeCount: {} });
+    }
   }
 
-  async logOut() {
-    await this.#ask(this.loginSocket, { login: {} });
-    for (const socket of [this.loginSocket, this.commands, this.events]) socket.close();
+  // What the device and the other clients change: events, and the replies to others' writes. Ends with an error when the
+  // device does not answer any more.
+  async *watch(milliseconds) {
+    const over = new AbortController();
+    const timer = setTimeout(() => over.abort(), milliseconds);
+    const end = this.#askForSignsOfLife(over.signal).catch((error) => {
+      this.events.close();
+      if (!over.signal.aborted) throw error;
+    });
+    for await (const [frame] of this.events) yield Message.decode(frame);
+    clearTimeout(timer);
+    await end;
+  }
+}
+
+async function* watchAndRecover(client, end) {
+  for (;;) {
+    try {
+      yield* client.watch(Math.max(0, end - Date.now()));
+      return;
+    } catch (error) {
+      console.log(`connection lost: ${error.message}`);
+      const session = await client.recover();
+      console.log(`recovered: command port ${session.commandPort}, event port ${session.eventPort}`);
+      console.log(`read ${PROJECT_KEY} = ${await client.read(PROJECT_KEY)}`);
+    }
   }
 }
 
@@ -127,8 +187,9 @@ async function visit(options) {
   const loginPort = Number(fields[LOGIN_PORT].replace("ZMQ:", "")) || LOGIN_PORT_ON_LOOPBACK;
   console.log(`discovered ${fields[0]}, serial ${fields[SERIAL]}, at ${device}:${loginPort}; shared key ${sharedKey}`);
 
-  const client = new Client(device, loginPort, clientId);
-  const session = await client.logIn(options.user, options.password);
+  const login = { userName: options.user, password: options.password };
+  const client = new Client(device, loginPort, clientId, login, Number(options.timeout) * 1000);
+  const session = await client.logIn();
   try {
     console.log(`logged in: command port ${session.commandPort}, event port ${session.eventPort}`);
     console.log(`read ${SERIAL_KEY} = ${await client.read(SERIAL_KEY)}`);
@@ -136,11 +197,12 @@ async function visit(options) {
     await client.write(PROJECT_KEY, "written by the Node example");
     console.log(`wrote ${PROJECT_KEY} = ${await client.read(PROJECT_KEY)}`);
     await client.write(PROJECT_KEY, before);
-    for await (const message of client.watch(Number(options.seconds) * 1000)) {
+    for await (const message of watchAndRecover(client, Date.now() + Number(options.seconds) * 1000)) {
       console.log("heard", JSON.stringify(message));
     }
   } finally {
     await client.logOut();
+    client.close();
   }
   console.log("logged out");
 }
@@ -152,6 +214,7 @@ try {
       user: { type: "string", default: "quillmont" },
       password: { type: "string", default: "tandrivel" },
       seconds: { type: "string", default: "5" },
+      timeout: { type: "string", default: String(ANSWER_TIMEOUT_S) },
     },
   });
   await visit(options);
