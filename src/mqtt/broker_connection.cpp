@@ -10,7 +10,7 @@
 
 static constexpr int keepalive_s = 15;
 static constexpr int connect_limit_ms = 20000;
-static constexpr int first_pause_ms = 1000, longest_pause_ms = 30000;
+static constexpr int first_pause_ms = 1000, ms_per_s = 1000;
 static constexpr int at_least_once = 1, at_most_once = 0;
 static constexpr const char *authorities_of_machine = "/etc/ssl/certs";
 
@@ -144,7 +144,7 @@ void BrokerConnection::check(int result) {
 void BrokerConnection::drop_when_broken(std::int64_t now_ms) {
     if (!broken_) return;
     const std::string why = *broken_;
-    if (is_connected() && now_ms - connected_at_ms_ >= longest_pause_ms) pause_ms_ = first_pause_ms;
+    if (is_connected() && now_ms - connected_at_ms_ >= longest_pause_ms()) pause_ms_ = first_pause_ms;
     stage_ = Stage::away;
     broken_.reset();
     handle_.reset();
@@ -152,9 +152,11 @@ void BrokerConnection::drop_when_broken(std::int64_t now_ms) {
     callbacks_.lost(why);
 }
 
+int BrokerConnection::longest_pause_ms() const { return options_.longest_pause_s * ms_per_s; }
+
 void BrokerConnection::pause(std::int64_t now_ms) {
     retry_at_ms_ = now_ms + pause_ms_;
-    pause_ms_ = std::min(2 * pause_ms_, longest_pause_ms);
+    pause_ms_ = std::min(2 * pause_ms_, longest_pause_ms());
 }
 
 pollfd BrokerConnection::to_poll() const {

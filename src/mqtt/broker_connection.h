@@ -76,6 +76,7 @@ class BrokerConnection {
     void check(int result);
     void drop_when_broken(std::int64_t now_ms);
     void pause(std::int64_t now_ms);
+    int longest_pause_ms() const;
 
     const Options &options_;
     const std::string client_id_;

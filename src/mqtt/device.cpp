@@ -86,10 +86,9 @@ void MirroredDevice::take_message(const Message &message) {
     else if (const auto key = key_of_topic(serial_, "state", message.topic)) session_.mirror().seen_on_broker(*key);
 }
 
-/* Another bridge's last will, for instance. */
+/* Another bridge's last will, for instance. Not at once: two bridges that do not agree would never come to an end. */
 void MirroredDevice::take_availability(const Message &message) {
-    if (message.retained || !said_ || message.payload == *said_) return;
-    if (clock_ms() - availability_at_ms_ >= repair_pause_ms) said_ = "";
+    if (!message.retained && said_ && message.payload != *said_) is_contradicted_ = true;
 }
 
 /* What is retained may be from a bridge that had the device before. One that is there answers. */
@@ -179,6 +178,7 @@ bool MirroredDevice::publish_next() {
     else if (!alarms_.empty()) publish_first(alarms_);
     else if (session_.mirror().waits()) publish_next_key();
     else if (is_live && *said_ != online && broker_.is_idle()) publish_availability(online);
+    else if (is_contradicted_ && clock_ms() - availability_at_ms_ >= repair_pause_ms) say_all_again();
     else return false;
     return true;
 }
@@ -199,10 +199,18 @@ void MirroredDevice::publish_info() {
     publish({topic("info"), info_, true});
 }
 
-void MirroredDevice::publish_availability(const char *availability) {
+/* Whoever contradicts the availability may have removed values, too. */
+void MirroredDevice::say_all_again() {
+    is_contradicted_ = false;
+    session_.mirror().start_over();
+    publish({topic("availability"), *said_, true});
+    availability_at_ms_ = clock_ms();
+}
+
+void MirroredDevice::publish_availability(const std::string &availability) {
     said_ = availability;
     availability_at_ms_ = clock_ms();
-    publish({topic("availability"), availability, true});
+    publish({topic("availability"), *said_, true});
 }
 
 void MirroredDevice::publish_next_key() {

@@ -48,7 +48,8 @@ class MirroredDevice {
     void publish_info();
     void publish_holder();
     void publish_next_key();
-    void publish_availability(const char *availability);
+    void say_all_again();
+    void publish_availability(const std::string &availability);
     void publish(const Publication &publication);
     std::string topic(const std::string &rest) const { return device_topic(serial_, rest); }
 
@@ -59,6 +60,7 @@ class MirroredDevice {
     BrokerConnection broker_;
 
     std::optional<std::string> said_;  // of the availability, on this connection
+    bool is_contradicted_ = false;     // by somebody else's message
     std::string info_;                 // JSON
     bool info_waits_ = false, holder_waits_ = false;
     std::deque<Publication> alarms_, answers_;

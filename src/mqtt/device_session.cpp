@@ -8,6 +8,7 @@
 
 static constexpr int read_pause_ms = 1000;         // from the end of a whole read to the next
 static constexpr int failed_read_pause_ms = 5000;  // the device's data service may be starting
+static constexpr int ms_per_s = 1000;
 static constexpr int partial_read_pause_ms = 60000;
 
 DeviceSession::DeviceSession(kesto::Loop &loop, const Options &options, Counts &counts, std::string serial,
@@ -24,6 +25,7 @@ kesto::ClientOptions DeviceSession::client_options(const kesto::Device &device) 
     client.client_id = kesto_client_id(options_);
     client.user = options_.user;
     client.password = options_.password;
+    client.longest_pause_ms = options_.longest_pause_s * ms_per_s;
     // The echo of one's own writes stands in the right place among those of others.
     client.flags.discard_my_feedback = false;
     client.flags.hide_secure_info = true;

@@ -12,19 +12,23 @@
 #include "topics.h"
 
 static constexpr int usual_port = 1883, usual_tls_port = 8883, last_port = 65535;
+static constexpr int longest_pause_most_s = 3600;
 static constexpr int usage_status = 64;
 static constexpr const char *usual_file = "/etc/kesto-mqtt.conf";
 
 using Text = std::string Options::*;
 using Flag = bool Options::*;
 using List = std::vector<std::string> Options::*;
+using Number = int Options::*;
 
-/* One of the members is set; none of them: the port. */
+/* One of the last four is set. */
 struct Setting {
     const char *name, *word, *help;
     Text text = nullptr;
     Flag flag = nullptr;
     List list = nullptr;
+    Number number = nullptr;
+    int largest = 0;
 };
 
 static Setting text_setting(const char *name, const char *word, Text text, const char *help) {
@@ -36,10 +40,13 @@ static Setting flag_setting(const char *name, Flag flag, const char *help) {
 static Setting list_setting(const char *name, const char *word, List list, const char *help) {
     return {name, word, help, nullptr, nullptr, list};
 }
+static Setting number_setting(const char *name, const char *word, Number number, int largest, const char *help) {
+    return {name, word, help, nullptr, nullptr, nullptr, number, largest};
+}
 
 static const Setting settings[] = {
     text_setting("broker", "HOST", &Options::broker, "Broker (default: 127.0.0.1)"),
-    {"port", "N", "Port of the broker (default: 1883, with TLS 8883)"},
+    number_setting("port", "N", &Options::port, last_port, "Port of the broker (default: 1883, with TLS 8883)"),
     text_setting("broker-user", "NAME", &Options::broker_user, "User name at the broker"),
     text_setting("broker-password", "TEXT", &Options::broker_password, "Password at the broker"),
     flag_setting("tls", &Options::tls, "Encrypt; the machine's authorities vouch for the broker"),
@@ -49,6 +56,8 @@ static const Setting settings[] = {
     text_setting("id", "ID", &Options::id, "Name of this bridge, no other's (default: this host's name)"),
     text_setting("user", "NAME", &Options::user, "User name at the devices (default: quillmont)"),
     text_setting("password", "TEXT", &Options::password, "Password at the devices (default: $KESTO_PASSWORD)"),
+    number_setting("longest-pause", "S", &Options::longest_pause_s, longest_pause_most_s,
+                   "Seconds between two attempts to reach the broker or a device (default: 30)"),
     flag_setting("read-only", &Options::read_only, "Take no sets"),
     list_setting("address", "ADDRESS", &Options::addresses,
                  "Ask this address, and do not ask by broadcast; can be repeated"),
@@ -79,10 +88,10 @@ static void print_line(const std::string &left, const char *help) { printf("  %-
     exit(0);
 }
 
-static std::optional<int> number_of(const std::string &text, int first, int last) {
+static std::optional<int> positive_number(const std::string &text, int largest) {
     int number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < first || number > last) return {};
+    if (error != std::errc() || end != text.data() + text.size() || number < 1 || number > largest) return {};
     return number;
 }
 
@@ -99,9 +108,9 @@ static std::string take_value(Options &options, const Setting &setting, const st
     } else if (setting.list != nullptr) {
         (options.*setting.list).push_back(value);
     } else {
-        const std::optional<int> port = number_of(value, 1, last_port);
-        if (!port) return "'" + value + "' is no port";
-        options.port = *port;
+        const std::optional<int> number = positive_number(value, setting.largest);
+        if (!number) return name + " is a number from 1 to " + std::to_string(setting.largest);
+        options.*setting.number = *number;
     }
     return "";
 }

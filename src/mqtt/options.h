@@ -14,6 +14,7 @@ struct Options {
     std::string id;  // of the bridge: one topic level; the host's name unless told otherwise
     std::string user = "quillmont", password;
     bool read_only = false;
+    int longest_pause_s = 30;  // between two attempts to reach the broker or a device
     std::vector<std::string> addresses, interfaces, serials, branches;
 };
 
