@@ -11,7 +11,7 @@
 #include "service_manager.h"
 
 static constexpr int turn_ms = 500;  // the connections to the broker are looked after so often at the least
-static constexpr int counts_pause_ms = 10000;
+static constexpr int counts_pause_ms = 10000, drops_pause_ms = 60000;
 static constexpr size_t devices_most = 1000, orphans_most = 4096;
 
 static int signal_descriptor() {
@@ -119,7 +119,15 @@ void Bridge::go_on() {
     while (broker_.can_publish() && publish_next()) {
     }
     for (BrokerConnection *connection : brokers()) connection->look_after(now_ms);
+    say_drops(now_ms);
     report();
+}
+
+void Bridge::say_drops(std::int64_t now_ms) {
+    if (drops(counts_) == drops_said_ || now_ms < drops_at_ms_) return;
+    drops_said_ = drops(counts_);
+    drops_at_ms_ = now_ms + drops_pause_ms;
+    say("so far " + counts_sentence(counts_));
 }
 
 bool Bridge::publish_next() {

@@ -25,11 +25,13 @@ class Bridge {
     std::vector<BrokerConnection *> brokers();
     void go_on();
     bool publish_next();
+    void say_drops(std::int64_t now_ms);
     void report();
     void close();
 
     const Options &options_;
-    Counts counts_, counts_published_, counts_said_;
+    Counts counts_, counts_published_;
+    std::uint64_t drops_said_ = 0;
     kesto::Loop loop_;
     int signals_ = -1;
     bool stopping_ = false;
@@ -39,6 +41,6 @@ class Bridge {
     bool availability_waits_ = false;
     std::set<std::string> orphans_;  // devices that the bridge had before, and has not found
     std::string trouble_, status_;   // said last
-    std::int64_t counts_at_ms_ = 0, sign_of_life_at_ms_ = 0;
+    std::int64_t counts_at_ms_ = 0, drops_at_ms_ = 0, sign_of_life_at_ms_ = 0;
     Search search_;  // the last, so that nothing is found before all is there
 };

@@ -19,6 +19,7 @@ using Properties =
                     decltype([](mosquitto_property *properties) { mosquitto_property_free_all(&properties); })>;
 
 static std::string text_of(int result) {
+    if (result == MOSQ_ERR_KEEPALIVE) return "no sign of life";
     return result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
 }
 
@@ -57,6 +58,11 @@ struct BrokerConnection::Listeners {
         if (code == MQTT_RC_SESSION_TAKEN_OVER)
             connection.broken_ = "another program has come with the client id " + connection.client_id_;
         else connection.broken_ = from_broker ? mosquitto_reason_string(code) : text_of(code);
+    }
+
+    /* For instance what OpenSSL has against a certificate, which no return code tells. */
+    static void logged(mosquitto *, void *object, int level, const char *text) {
+        if (level == MOSQ_LOG_ERR) self(object).detail_ = text;
     }
 
     static void message(mosquitto *, void *object, const mosquitto_message *came,
@@ -109,14 +115,21 @@ std::string BrokerConnection::set_up() {
     mosquitto_disconnect_v5_callback_set(handle, Listeners::disconnected);
     mosquitto_message_v5_callback_set(handle, Listeners::message);
     mosquitto_publish_v5_callback_set(handle, Listeners::published);
+    mosquitto_log_callback_set(handle, Listeners::logged);
     int result = set_will();
     if (result == MOSQ_ERR_SUCCESS && !options_.broker_user.empty())
         result =
             mosquitto_username_pw_set(handle, options_.broker_user.c_str(), text_or_none(options_.broker_password));
-    if (result == MOSQ_ERR_SUCCESS && uses_tls(options_))
-        result = mosquitto_tls_set(handle, text_or_none(options_.ca_file),
-                                   options_.ca_file.empty() ? authorities_of_machine : nullptr,
-                                   text_or_none(options_.certificate), text_or_none(options_.private_key), nullptr);
+    if (result != MOSQ_ERR_SUCCESS) return text_of(result);
+    return uses_tls(options_) ? set_up_tls() : "";
+}
+
+std::string BrokerConnection::set_up_tls() {
+    const char *ca_folder = options_.ca_file.empty() ? authorities_of_machine : nullptr;
+    const int result =
+        mosquitto_tls_set(handle_.get(), text_or_none(options_.ca_file), ca_folder, text_or_none(options_.certificate),
+                          text_or_none(options_.private_key), nullptr);
+    if (result == MOSQ_ERR_INVAL) return "a file for TLS cannot be read, or the certificate has no key with it";
     return result == MOSQ_ERR_SUCCESS ? "" : text_of(result);
 }
 
@@ -129,6 +142,7 @@ void BrokerConnection::begin_attempt(std::int64_t now_ms) {
     stage_ = Stage::connecting;
     in_flight_ = 0;
     broken_.reset();
+    detail_.clear();
     answer_until_ms_ = now_ms + connect_limit_ms;
     handle_.reset(mosquitto_new(client_id_.c_str(), true, this));
     const std::string problem = set_up();
@@ -143,7 +157,7 @@ void BrokerConnection::check(int result) {
 
 void BrokerConnection::drop_when_broken(std::int64_t now_ms) {
     if (!broken_) return;
-    const std::string why = *broken_;
+    const std::string why = detail_.empty() ? *broken_ : *broken_ + " (" + detail_ + ")";
     if (is_connected() && now_ms - connected_at_ms_ >= longest_pause_ms()) pause_ms_ = first_pause_ms;
     stage_ = Stage::away;
     broken_.reset();

@@ -72,6 +72,7 @@ class BrokerConnection {
     struct Listeners; /* the library's callbacks */
     void begin_attempt(std::int64_t now_ms);
     std::string set_up();
+    std::string set_up_tls();
     int set_will();
     void check(int result);
     void drop_when_broken(std::int64_t now_ms);
@@ -86,6 +87,7 @@ class BrokerConnection {
     std::unique_ptr<mosquitto, void (*)(mosquitto *)> handle_;
     Stage stage_ = Stage::away;
     std::optional<std::string> broken_;  // why the connection is to be dropped
+    std::string detail_;                 // what the library has said to that
     int in_flight_ = 0;
     std::vector<std::pair<int, Publication>> kept_;  // with the library's number; not acknowledged yet
     std::int64_t retry_at_ms_ = 0, answer_until_ms_ = 0, connected_at_ms_ = 0;

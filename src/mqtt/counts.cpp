@@ -14,6 +14,10 @@ static constexpr NamedCount named_counts[] = {
     {"sets_not_done",    "sets that were not carried out",  &Counts::sets_not_done   },
 };
 
+std::uint64_t drops(const Counts &counts) {
+    return counts.alarms_dropped + counts.answers_dropped + counts.not_publishable;
+}
+
 std::string counts_json(const Counts &counts) {
     nlohmann::ordered_json object;
     for (const NamedCount &named : named_counts) object[named.name] = counts.*named.count;

@@ -14,5 +14,7 @@ struct Counts {
     bool operator==(const Counts &) const = default;
 };
 
+std::uint64_t drops(const Counts &counts); /* what nobody will get to see */
+
 std::string counts_json(const Counts &counts);
 std::string counts_sentence(const Counts &counts); /* on one line */
