@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""mqtt_test.py BIN: the bridge between a simulated device and a real broker: what it publishes and takes, and that the
-broker holds what the device holds after whatever happens to the broker, the device's programs and the bridge.
+"""mqtt_test.py BIN: the bridge between a simulated device and a real broker, which after whatever happens to them holds what
+the device holds.
 
 $KESTO_MQTT_STEPS: how many steps the random walk has; $KESTO_MQTT_SEED: which walk it is."""
+import contextlib
 import json
 import os
 import random
@@ -17,49 +18,53 @@ sys.dont_write_bytecode = True
 from testbed.gateway import CONTROL, Failure, TestBed, check, wait_until  # noqa: E402
 
 SERIAL, PASSWORD = "QM240817", "tandrivel"
-NAME, LEVEL = "/Device/Config/Name", "/Device/Status/Channels/Channel-1/OutputLevel"
-KEYS = [NAME, LEVEL, "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness"]
+NAME = "/Device/Config/Name"
+KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness"]
+PORT = "18830"  # not the one of a broker that the machine may have
 HIDDEN = ("Password", "Passphrase", "Secret", "Pin")
-TOPIC = f"kesto/{SERIAL}"
-AVAILABILITY = f"{TOPIC}/availability"
+TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
+SETS = [  # key, value, outcome, part of the reason
+    (NAME, "Hall 5", "done", ""),
+    (NAME, "", "done", ""),
+    ("/Device/Config/None", "1", "refused", "did not accept it"),
+    ("/Device/Config/EASY_SWAP_ID", "1", "refused", "may not write this key"),
+    ("/", "1", "refused", ""),
+    (NAME, os.fsdecode(b"a\xff"), "refused", "not UTF-8"),
+]
 
 
 class Hall:
-    """A device, a broker and a bridge."""
-
     def __init__(self, bin_dir, folder):
         self.folder, self.fences = Path(folder), 0
-        store = self.folder / "store"
-        self.bed = TestBed(bin_dir, device=("--store", store))
-        self.device_arguments = ("--store", store)
-        (self.folder / "broker.conf").write_text("listener 1883 127.0.0.1\nallow_anonymous true\n")
+        self.bed = TestBed(bin_dir, device=None)
+        self.start_device()
+        (self.folder / "broker.conf").write_text(f"listener {PORT} 127.0.0.1\nallow_anonymous true\n")
         self.start_broker()
         self.start_bridge()
+
+    def start_device(self):
+        self.bed.start_device("--store", self.folder / "store")
 
     def start_broker(self):
         self.broker = self.bed.start("broker", ["mosquitto", "-c", self.folder / "broker.conf"])
         wait_until(lambda: "running" in self.bed.role_log("broker"), "the broker runs")
 
     def start_bridge(self, name="b1", *options):
-        command = [self.bed.bin / "kesto-mqtt", "--address=127.0.0.1", "--longest-pause=1", f"--id={name}", *options]
-        process = self.bed.start(name, command, {"KESTO_PASSWORD": PASSWORD})
-        if name == "b1":
-            self.bridge = process
-        return process
+        words = ["--address=127.0.0.1", f"--port={PORT}", "--longest-pause=1", f"--id={name}", *options]
+        self.bridge = self.bed.start(name, [self.bed.bin / "kesto-mqtt", *words], {"KESTO_PASSWORD": PASSWORD})
 
     def publish(self, topic, payload, *options):
-        self.bed.load(["mosquitto_pub", "-q", "1", "-t", topic, "-m", payload, *options])
+        self.bed.load(["mosquitto_pub", "-p", PORT, "-q", "1", "-t", topic, "-m", payload, *options])
 
     def retained(self):
         """All that the broker has kept, by topic; a message that is kept, too, marks the end."""
         self.fences += 1
         self.publish("fence", str(self.fences), "-r")
-        command = ["mosquitto_sub", "-t", "kesto/#", "-t", "fence", "-F", "%t\t%p"]
+        command = ["mosquitto_sub", "-p", PORT, "-t", "kesto/#", "-t", "fence", "-F", "%t\t%p"]
         process = self.bed.start("sub", command, stdout=subprocess.PIPE, text=True)
-        lines = iter(process.stdout.readline, f"fence\t{self.fences}\n")
-        kept = dict(line.rstrip("\n").split("\t", 1) for line in lines)
+        with process.stdout as lines:
+            kept = dict(line[:-1].split("\t", 1) for line in iter(lines.readline, f"fence\t{self.fences}\n"))
         self.bed.kill(process)
-        process.stdout.close()
         return kept
 
     def kesto(self, *words):
@@ -77,17 +82,14 @@ class Hall:
 
     def differences(self):
         held, kept = self.held(), self.retained()
-        state = {topic: value for topic, value in kept.items() if topic.startswith(f"{TOPIC}/state/")}
-        if kept.get(AVAILABILITY) != "online":
-            return f"the device is {kept.get(AVAILABILITY)}"
-        return sorted(set(held.items()) ^ set(state.items()))[:4]
+        state = {topic: value for topic, value in kept.items() if topic.startswith((f"{TOPIC}/state/", AVAILABILITY))}
+        return sorted(set(state.items()) ^ {*held.items(), (AVAILABILITY, "online")})[:4]
 
     def expect_equal(self, after):
         try:
             wait_until(lambda: not self.differences(), f"equal after {after}", pause_s=0.2)
         except Failure as failure:
             raise Failure(f"{failure}: {self.differences()}, {self.bed.role_log('b1')[-500:]}") from None
-        check(self.bridge.poll() is None, f"the bridge has ended after {after}")
 
     def expect_kept(self, topic, value):
         wait_until(lambda: self.retained().get(topic) == value, f"{topic} is {value!r}")
@@ -95,23 +97,11 @@ class Hall:
     def expect_log(self, text, name="b1"):
         wait_until(lambda: text in self.bed.role_log(name), f"{name} says {text!r}")
 
-    def set(self, key, value, topic=f"{TOPIC}/set"):
-        """The answer to a set, with what came back as correlation."""
-        command = ["mosquitto_rr", "-V", "5", "-t", topic + key, "-e", "answers/1", "-m", value,
+    def set(self, key, value):
+        """The answer to a set, which comes with the correlation of its request."""
+        command = ["mosquitto_rr", "-p", PORT, "-V", "5", "-t", f"{TOPIC}/set{key}", "-e", "answers/1", "-m", value,
                    "-D", "publish", "correlation-data", "one", "-F", "%D %p"]
-        correlation, answer = self.bed.load(command).strip().split(" ", 1)
-        check(correlation == "one", f"the answer to {key} came with {correlation!r}")
-        return json.loads(answer)
-
-
-SETS = [  # key, value, outcome, part of the reason
-    (NAME, "Hall 5", "done", ""),
-    (NAME, "", "done", ""),
-    ("/Device/Config/None", "1", "refused", "did not accept it"),
-    ("/Device/Config/EASY_SWAP_ID", "1", "refused", "may not write this key"),
-    ("/", "1", "refused", ""),
-    (NAME, os.fsdecode(b"a\xff"), "refused", "not UTF-8"),
-]
+        return json.loads(self.bed.load(command).removeprefix("one "))
 
 
 def check_sets(hall):
@@ -122,115 +112,89 @@ def check_sets(hall):
         hall.expect_equal(f"a set of {key}")
 
 
-def check_retained_set(hall):
-    hall.bed.kill(hall.bridge)
-    hall.publish(f"{TOPIC}/set{NAME}", "again and again", "-r")
-    hall.start_bridge()
-    hall.expect_log("a retained set is not taken")
-    hall.expect_equal("a retained set")
-    check("again and again" not in hall.held().values(), "a retained set was carried out")
-    hall.publish(f"{TOPIC}/set{NAME}", "", "-r")
-
-
-def check_strangers(hall):
-    """Keys that the device does not have, from earlier, and a device that the bridge had and has not found."""
+def check_remains(hall):
+    """What the broker has from earlier: a key that is gone, a set, a device that this bridge had, and one that it had not."""
     hall.bed.kill(hall.bridge)
     hall.expect_kept(AVAILABILITY, "offline")
-    hall.publish(f"{TOPIC}/state/Device/Gone", "1", "-r")
-    hall.publish("kesto/QM0/bridge", "b1", "-r")
-    hall.publish("kesto/QM0/availability", "online", "-r")
-    hall.publish("kesto/QM1/bridge", "b2", "-r")
-    hall.publish("kesto/QM1/availability", "online", "-r")
+    for topic, payload in [("QM0/bridge", "b1"), ("QM0/availability", "online"), ("QM1/bridge", "b2"),
+                           ("QM1/availability", "online"), (f"{SERIAL}/state/Device/Gone", "1"), (f"{SERIAL}/set{NAME}", "again")]:
+        hall.publish(f"kesto/{topic}", payload, "-r")
     hall.start_bridge()
-    hall.expect_equal("a key that is gone")
+    hall.expect_equal("a start with remains")
+    hall.expect_log("a retained set is not taken")
+    check("again" not in hall.held().values(), "a retained set was carried out")
     hall.expect_kept("kesto/QM0/availability", "offline")
     hall.expect_kept("kesto/QM1/availability", "online")
 
 
-def check_away(hall):
+def check_events(hall):
     hall.bed.kill(hall.bed.program)
     hall.expect_kept(AVAILABILITY, "offline")
     answer = hall.set(NAME, "nobody there")
     check(answer == {"outcome": "refused", "reason": "the device is away"}, f"a set on a device that is away: {answer}")
     hall.bed.start_program()
     hall.expect_equal("a restart of the service")
-
+    listener = hall.bed.start("alarm", ["mosquitto_sub", "-p", PORT, "-C", "1", "-t", f"{TOPIC}/alarm/3"], stdout=subprocess.PIPE)
+    while listener.poll() is None:
+        hall.control("Alarm", "40", "91.5", "3")
+    alarm = json.loads(listener.stdout.read())
+    check(alarm | {"time": ""} == {"code": 40, "active": 1, "value": 91.5, "time": ""}, f"an alarm: {alarm}")
 
 def check_second_bridge(hall):
     """Each of the two says so; the one that goes does not take the device offline for long."""
     (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nbranch = /Device/Config\n")
-    second = hall.start_bridge("b2", "--config", hall.folder / "b2.conf")
+    first = hall.bridge
+    hall.start_bridge("b2", "--config", hall.folder / "b2.conf")
     hall.expect_log("there is no setting 'brokr'", "b2")
     hall.expect_log("bridge b2 publishes this device, too")
     hall.expect_log("bridge b1 publishes this device, too", "b2")
     check(hall.set(NAME, "only b1 takes it") == {"outcome": "done"}, "a set with a second bridge that takes none")
-    hall.bed.kill(second)
+    hall.bed.kill(hall.bridge)
+    hall.bridge = first
     hall.expect_equal("the end of the second bridge")
 
 
-def check_alarm(hall):
-    listener = hall.bed.start("alarm", ["mosquitto_sub", "-C", "1", "-t", f"{TOPIC}/alarm/3"], stdout=subprocess.PIPE)
-    while listener.poll() is None:
-        hall.control("Alarm", "40", "91.5", "3")
-    alarm = json.loads(listener.stdout.read())
-    check((alarm["code"], alarm["active"], alarm["value"]) == (40, 1, 91.5), f"an alarm: {alarm}")
-
-
-def restart(hall, role):
-    if role == "bridge":
-        hall.bed.kill(hall.bridge)
-        hall.start_bridge()
-    elif role == "orderly bridge":
-        hall.bridge.send_signal(signal.SIGTERM)
-        check(hall.bridge.wait() == 0, f"the bridge ended with {hall.bridge.returncode}")
-        hall.start_bridge()
-    elif role == "broker":
-        hall.bed.kill(hall.broker)
-        hall.start_broker()
-    elif role == "service":
-        hall.bed.kill(hall.bed.program)
-        hall.bed.start_program()
-    else:
-        hall.bed.kill(hall.bed.device)
-        hall.bed.start_device(*hall.device_arguments)
+def check_end(hall):
+    hall.bridge.send_signal(signal.SIGTERM)
+    check(hall.bridge.wait() == 0, f"the bridge ended with {hall.bridge.returncode}")
+    hall.expect_kept(AVAILABILITY, "offline")
+    hall.start_bridge()
 
 
 def change(hall, chance):
+    """By the device itself, by another client, by a set; or many at once. Whoever is away does nothing."""
     key, value = chance.choice(KEYS), str(chance.randrange(1000))
-    acts = [lambda: hall.control("Change", key, value, "s"), lambda: hall.kesto("write", key, value),
-            lambda: hall.publish(f"{TOPIC}/set{key}", value), lambda: hall.control("LoadSnapshot", "1"),
-            lambda: hall.kesto("multi-write", f"{key}={value}", f"{NAME}={value}")]
-    chance.choice(acts)()
+    acts = [(hall.control, "Change", key, value, "s"), (hall.kesto, "write", key, value),
+            (hall.kesto, "multi-write", f"{key}={value}", f"{NAME}={value}"),
+            (hall.publish, f"{TOPIC}/set{key}", value), (hall.control, "LoadSnapshot", "1")]
+    act, *words = chance.choice(acts)
+    with contextlib.suppress(Failure):
+        act(*words)
 
 
 def walk(hall, steps, seed):
-    """What is away in a step changes meanwhile, or does not answer, before it is back."""
-    chance = random.Random(seed)
-    roles = ["bridge", "orderly bridge", "broker", "service", "device"]
+    chance, bed = random.Random(seed), hall.bed
+    restarts = {"bridge": (lambda: hall.bridge, hall.start_bridge), "broker": (lambda: hall.broker, hall.start_broker),
+                "service": (lambda: bed.program, bed.start_program), "device": (lambda: bed.device, hall.start_device)}
     for step in range(steps):
-        role = chance.choice(roles)
-        stopped = chance.choice([hall.broker, hall.bridge, None])
-        if stopped:
-            stopped.send_signal(signal.SIGSTOP)
+        role = chance.choice(list(restarts))
+        process, start = restarts[role]
+        stopped = chance.choice([hall.broker, hall.bridge, bed.program])
+        stopped.send_signal(signal.SIGSTOP)
         for _ in range(chance.randrange(4)):
             hall.control("Change", chance.choice(KEYS), str(chance.randrange(1000)), "s")
-        if stopped:
-            stopped.send_signal(signal.SIGCONT)
+        stopped.send_signal(signal.SIGCONT)
+        bed.kill(process())
         change(hall, chance)
-        restart(hall, role)
+        start()
         change(hall, chance)
         hall.expect_equal(f"step {step} of seed {seed}, a restart of the {role}")
 
 
-def main():
-    steps, seed = int(os.environ.get("KESTO_MQTT_STEPS", "15")), int(os.environ.get("KESTO_MQTT_SEED", "1"))
-    with tempfile.TemporaryDirectory() as folder:
-        hall = Hall(sys.argv[1], folder)
-        with hall.bed:
-            for part in (check_sets, check_retained_set, check_strangers, check_away, check_second_bridge, check_alarm):
-                print(part.__name__, flush=True)
-                part(hall)
-            walk(hall, steps, seed)
-
-
-main()
+steps, seed = int(os.environ.get("KESTO_MQTT_STEPS", "15")), int(os.environ.get("KESTO_MQTT_SEED", "1"))
+with tempfile.TemporaryDirectory() as folder:
+    hall = Hall(sys.argv[1], folder)
+    with hall.bed:
+        for part in (check_sets, check_remains, check_events, check_second_bridge, check_end):
+            part(hall)
+        walk(hall, steps, seed)
