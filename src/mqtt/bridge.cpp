@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <random>
 #include <sys/signalfd.h>
 #include <system_error>
 #include <unistd.h>
@@ -26,6 +27,7 @@ static int signal_descriptor() {
 
 Bridge::Bridge(const Options &options)
     : options_(options),
+      instance_(std::to_string(std::random_device()())),
       signals_(signal_descriptor()),
       broker_(options, kesto_client_id(options), {bridge_topic(options.id, "availability"), offline, true},
               broker_callbacks()),
@@ -41,6 +43,8 @@ BrokerCallbacks Bridge::broker_callbacks() {
         availability_waits_ = true;
         counts_published_ = {};
         broker_.subscribe(device_topic("+", "bridge"));
+        broker_.subscribe_with_own(bridge_topic(options_.id, "instance"));
+        instance_known_ = instance_said_;
         for (auto &[serial, device] : devices_) device->broker().hurry();
     };
     callbacks.lost = [this](const std::string &why) {
@@ -52,8 +56,16 @@ BrokerCallbacks Bridge::broker_callbacks() {
     return callbacks;
 }
 
+/* Two programs with one id take the connection from each other, so that they never meet. */
+void Bridge::take_instance(const std::string &instance) {
+    if (!instance_known_ || instance == instance_ || instance == rival_) return;
+    rival_ = instance;
+    say("another program has used the id " + options_.id + " meanwhile; each needs one of its own");
+}
+
 /* What a broker has kept of a device may say that it is online, when broker and bridge have failed together. */
 void Bridge::take_message(const Message &message) {
+    if (message.topic == bridge_topic(options_.id, "instance")) take_instance(message.payload);
     const std::optional<std::string> serial = serial_of_topic(message.topic, "bridge");
     if (!serial || message.payload != options_.id) return;
     if (!devices_.contains(*serial) && orphans_.size() < orphans_most) orphans_.insert(*serial);
@@ -133,7 +145,9 @@ void Bridge::say_drops(std::int64_t now_ms) {
 bool Bridge::publish_next() {
     if (availability_waits_) {
         availability_waits_ = false;
+        instance_said_ = true;
         broker_.publish({bridge_topic(options_.id, "availability"), online, true});
+        broker_.publish({bridge_topic(options_.id, "instance"), instance_, true});
     } else if (!orphans_.empty()) {
         const std::string serial = orphans_.extract(orphans_.begin()).value();
         broker_.publish({device_topic(serial, "availability"), offline, true});

@@ -19,6 +19,7 @@ class Bridge {
   private:
     BrokerCallbacks broker_callbacks();
     void take_message(const Message &message);
+    void take_instance(const std::string &instance);
     void take_device(kesto::News news, const kesto::Device &device);
     MirroredDevice *device_of(const std::string &serial);
     void wait(int limit_ms);
@@ -30,6 +31,9 @@ class Bridge {
     void close();
 
     const Options &options_;
+    const std::string instance_;                           // this run of the program
+    bool instance_said_ = false, instance_known_ = false;  // by the broker, from this connection or an earlier one
+    std::string rival_;
     Counts counts_, counts_published_;
     std::uint64_t drops_said_ = 0;
     kesto::Loop loop_;

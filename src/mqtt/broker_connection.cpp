@@ -54,10 +54,7 @@ struct BrokerConnection::Listeners {
     static void disconnected(mosquitto *, void *object, int code, const mosquitto_property *) {
         BrokerConnection &connection = self(object);
         if (connection.broken_) return;
-        const bool from_broker = code >= MQTT_RC_UNSPECIFIED;
-        if (code == MQTT_RC_SESSION_TAKEN_OVER)
-            connection.broken_ = "another program has come with the client id " + connection.client_id_;
-        else connection.broken_ = from_broker ? mosquitto_reason_string(code) : text_of(code);
+        connection.broken_ = code >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(code) : text_of(code);
     }
 
     /* For instance what OpenSSL has against a certificate, which no return code tells. */

@@ -58,6 +58,7 @@ void MirroredDevice::follow(const kesto::Device &device) {
 
 /* The broker may have kept anything from earlier, or nothing. */
 void MirroredDevice::broker_connected() {
+    was_connected_ = true;
     said_.reset();
     session_.mirror().start_over();
     info_waits_ = holder_waits_ = true;
@@ -68,9 +69,12 @@ void MirroredDevice::broker_connected() {
     look_until_ms_ = clock_ms() + look_ms;
 }
 
+/* That a connection was lost is the bridge's to say, once for all devices. */
 void MirroredDevice::broker_lost(const std::string &why) {
-    if (complaint_ != why) say(serial_ + ": broker: " + why);
-    complaint_ = why;
+    const bool was_attempt = !was_connected_;
+    if (was_attempt && complaint_ != why) say(serial_ + ": broker: " + why);
+    if (was_attempt) complaint_ = why;
+    was_connected_ = false;
     look_until_ms_.reset();
     counts_.answers_dropped += answers_.size();
     answers_.clear();

@@ -60,6 +60,7 @@ class MirroredDevice {
     BrokerConnection broker_;
 
     std::optional<std::string> said_;  // of the availability, on this connection
+    bool was_connected_ = false;       // until the loss was told
     bool is_contradicted_ = false;     // by somebody else's message
     std::string info_;                 // JSON
     bool info_waits_ = false, holder_waits_ = false;
