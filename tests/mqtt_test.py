@@ -89,7 +89,7 @@ class Hall:
         try:
             wait_until(lambda: not self.differences(), f"equal after {after}", pause_s=0.2)
         except Failure as failure:
-            raise Failure(f"{failure}: {self.differences()}, {self.bed.role_log('b1')[-500:]}") from None
+            raise Failure(f"{failure}: {self.differences()}, {self.bed.role_log('b1')[-500:]!r}") from None
 
     def expect_kept(self, topic, value):
         wait_until(lambda: self.retained().get(topic) == value, f"{topic} is {value!r}")
