@@ -101,7 +101,7 @@ class Hall:
         """The answer to a set, which comes with the correlation of its request."""
         command = ["mosquitto_rr", "-p", PORT, "-V", "5", "-t", f"{TOPIC}/set{key}", "-e", "answers/1", "-m", value,
                    "-D", "publish", "correlation-data", "one", "-F", "%D %p"]
-        return json.loads(self.bed.load(command).removeprefix("one "))
+        return json.loads(self.bed.load(command).split("one ", 1)[1])
 
 
 def check_sets(hall):
