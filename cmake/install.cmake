@@ -1,32 +1,32 @@
-# What `cmake --install` puts where, beside the targets. A component is what one package holds: access, standin, tools, client
-# and client-dev, which is the client library (client/CMakeLists.txt);
+# What `cmake --install` puts where, beside the targets. A component is what one package holds: access, standin, tools, mqtt,
+# client and client-dev, which is the client library (client/CMakeLists.txt);
 # dev is for those who build against the platform's headers.
 set(install_docs ${CMAKE_INSTALL_DATAROOTDIR}/doc)
 set(install_configured ${PROJECT_BINARY_DIR}/packaging)
 
 # /etc when the prefix is /usr, else below the prefix.
-set(install_settings ${CMAKE_INSTALL_SYSCONFDIR}/default)
+set(install_etc ${CMAKE_INSTALL_SYSCONFDIR})
 cmake_path(IS_PREFIX CMAKE_INSTALL_PREFIX ${CMAKE_INSTALL_FULL_SYSCONFDIR} below_prefix)
 if(NOT below_prefix)
-  set(install_settings ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default)
+  set(install_etc ${CMAKE_INSTALL_FULL_SYSCONFDIR})
 endif()
 
-# The unit and the D-Bus file name the program where it is installed.
-function(install_template template destination)
+# The units and the D-Bus file name the program where it is installed.
+function(install_template template destination component)
   cmake_path(GET template FILENAME name)
   string(REGEX REPLACE "\\.in$" "" name ${name})
   configure_file(${PROJECT_SOURCE_DIR}/packaging/${template} ${install_configured}/${name} @ONLY)
-  install(FILES ${install_configured}/${name} DESTINATION ${destination} COMPONENT access)
+  install(FILES ${install_configured}/${name} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
 
-install_template(systemd/kesto-access.service.in lib/systemd/user)
-install_template(dbus/com.quillmont.kesto.Access.service.in ${CMAKE_INSTALL_DATADIR}/dbus-1/services)
+install_template(systemd/kesto-access.service.in lib/systemd/user access)
+install_template(dbus/com.quillmont.kesto.Access.service.in ${CMAKE_INSTALL_DATADIR}/dbus-1/services access)
 install(FILES packaging/dbus/com.quillmont.kesto.Access.xml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT access)
 install(FILES packaging/systemd/kesto-access.sysctl
   DESTINATION lib/sysctl.d RENAME 50-kesto-access.conf COMPONENT access)
 install(FILES packaging/systemd/kesto-access.environment
-  DESTINATION ${install_settings} RENAME kesto-access COMPONENT access)
+  DESTINATION ${install_etc}/default RENAME kesto-access COMPONENT access)
 install(FILES packaging/README.md docs/architecture.md
   DESTINATION ${install_docs}/kesto-access COMPONENT access)
 install(FILES docs/man/kesto-access.8
@@ -43,4 +43,13 @@ if(ACCESS_TOOLS)
     install(FILES packaging/completion/kesto-tools
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT tools OPTIONAL)
   endforeach()
+endif()
+
+if(ACCESS_MQTT)
+  install_template(systemd/kesto-mqtt.service.in lib/systemd/system mqtt)
+  # The owner's alone, since passwords are to stand there.
+  install(FILES packaging/systemd/kesto-mqtt.conf
+    DESTINATION ${install_etc} PERMISSIONS OWNER_READ OWNER_WRITE COMPONENT mqtt)
+  install(FILES docs/mqtt.md DESTINATION ${install_docs}/kesto-mqtt COMPONENT mqtt OPTIONAL)
+  install(FILES docs/man/kesto-mqtt.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT mqtt OPTIONAL)
 endif()

@@ -1,8 +1,8 @@
 # Sourced by run, test and the like: installs what is missing, configures and builds. Expects $root, the project's folder.
 
 build_packages=(g++ cmake ninja-build pkg-config libglib2.0-dev libczmq-dev libzmq3-dev libssl-dev libprotobuf-dev
-    protobuf-compiler libedit-dev nlohmann-json3-dev dbus-daemon)
-test_packages=(libgtest-dev libgmock-dev bubblewrap clang-format python3 iproute2)
+    protobuf-compiler libedit-dev libmosquitto-dev nlohmann-json3-dev dbus-daemon)
+test_packages=(libgtest-dev libgmock-dev bubblewrap clang-format mosquitto mosquitto-clients python3 iproute2)
 rack_packages=(python3 iproute2)
 bench_packages=(bubblewrap python3 valgrind strace gnuplot-nox)
 bench_peer_packages=(mosquitto libmosquitto-dev)

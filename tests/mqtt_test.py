@@ -1,0 +1,200 @@
+#!/usr/bin/python3
+"""mqtt_test.py BIN: the bridge between a simulated device and a real broker, which after whatever happens to them holds what
+the device holds.
+
+$KESTO_MQTT_STEPS: how many steps the random walk has; $KESTO_MQTT_SEED: which walk it is."""
+import contextlib
+import json
+import os
+import random
+import signal
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+sys.dont_write_bytecode = True
+from testbed.gateway import CONTROL, Failure, TestBed, check, wait_until  # noqa: E402
+
+SERIAL, PASSWORD = "QM240817", "tandrivel"
+NAME = "/Device/Config/Name"
+KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness"]
+PORT = "18830"  # not the one of a broker that the machine may have
+HIDDEN = ("Password", "Passphrase", "Secret", "Pin")
+TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
+SETS = [  # key, value, outcome, part of the reason
+    (NAME, "Hall 5", "done", ""),
+    (NAME, "", "done", ""),
+    ("/Device/Config/None", "1", "refused", "did not accept it"),
+    ("/Device/Config/EASY_SWAP_ID", "1", "refused", "may not write this key"),
+    ("/", "1", "refused", ""),
+    (NAME, os.fsdecode(b"a\xff"), "refused", "not UTF-8"),
+]
+
+
+class Hall:
+    def __init__(self, bin_dir, folder):
+        self.folder, self.fences = Path(folder), 0
+        self.bed = TestBed(bin_dir, device=None)
+        self.start_device()
+        (self.folder / "broker.conf").write_text(f"listener {PORT} 127.0.0.1\nallow_anonymous true\n")
+        self.start_broker()
+        self.start_bridge()
+
+    def start_device(self):
+        self.bed.start_device("--store", self.folder / "store")
+
+    def start_broker(self):
+        self.broker = self.bed.start("broker", ["mosquitto", "-c", self.folder / "broker.conf"])
+        wait_until(lambda: "running" in self.bed.role_log("broker"), "the broker runs")
+
+    def start_bridge(self, name="b1", *options):
+        words = ["--address=127.0.0.1", f"--port={PORT}", "--longest-pause=1", f"--id={name}", *options]
+        self.bridge = self.bed.start(name, [self.bed.bin / "kesto-mqtt", *words], {"KESTO_PASSWORD": PASSWORD})
+
+    def publish(self, topic, payload, *options):
+        self.bed.load(["mosquitto_pub", "-p", PORT, "-q", "1", "-t", topic, "-m", payload, *options])
+
+    def retained(self):
+        """All that the broker has kept, by topic; a message that is kept, too, marks the end."""
+        self.fences += 1
+        self.publish("fence", str(self.fences), "-r")
+        command = ["mosquitto_sub", "-p", PORT, "-t", "kesto/#", "-t", "fence", "-F", "%t\t%p"]
+        process = self.bed.start("sub", command, stdout=subprocess.PIPE, text=True)
+        with process.stdout as lines:
+            kept = dict(line[:-1].split("\t", 1) for line in iter(lines.readline, f"fence\t{self.fences}\n"))
+        self.bed.kill(process)
+        return kept
+
+    def kesto(self, *words):
+        return self.bed.load([self.bed.bin / "kesto-client", f"--password={PASSWORD}", *words])
+
+    def control(self, method, *arguments):
+        name, path, interface = CONTROL
+        self.bed.load(["gdbus", "call", "--session", "-d", name, "-o", path, "-m", f"{interface}.{method}", "--", *arguments])
+
+    def held(self):
+        """What the device holds, as topics; what is empty is not kept, and what is secret is not shown."""
+        values = json.loads(self.kesto("--json", "read", "-r", "/Device"))["entries"]
+        shown = {key: "********" if key.endswith(HIDDEN) else value for key, value in values.items()}
+        return {f"{TOPIC}/state{key}": value for key, value in shown.items() if value}
+
+    def differences(self):
+        held, kept = self.held(), self.retained()
+        state = {topic: value for topic, value in kept.items() if topic.startswith((f"{TOPIC}/state/", AVAILABILITY))}
+        return sorted(set(state.items()) ^ {*held.items(), (AVAILABILITY, "online")})[:4]
+
+    def expect_equal(self, after):
+        try:
+            wait_until(lambda: not self.differences(), f"equal after {after}", pause_s=0.2)
+        except Failure as failure:
+            raise Failure(f"{failure}: {self.differences()}, {self.bed.role_log('b1')[-500:]!r}") from None
+
+    def expect_kept(self, topic, value):
+        wait_until(lambda: self.retained().get(topic) == value, f"{topic} is {value!r}")
+
+    def expect_log(self, text, name="b1"):
+        wait_until(lambda: text in self.bed.role_log(name), f"{name} says {text!r}")
+
+    def set(self, key, value):
+        """The answer to a set, which comes with the correlation of its request."""
+        command = ["mosquitto_rr", "-p", PORT, "-V", "5", "-t", f"{TOPIC}/set{key}", "-e", "answers/1", "-m", value,
+                   "-D", "publish", "correlation-data", "one", "-F", "%D %p"]
+        return json.loads(self.bed.load(command).split("one ", 1)[1])
+
+
+def check_sets(hall):
+    hall.expect_equal("the start")
+    for key, value, outcome, reason in SETS:
+        answer = hall.set(key, value)
+        check(answer["outcome"] == outcome and reason in answer.get("reason", ""), f"set {key} {value!r}: {answer}")
+        hall.expect_equal(f"a set of {key}")
+
+
+def check_remains(hall):
+    """What the broker has from earlier: a key that is gone, a set, a device that this bridge had, and one that it had not."""
+    hall.bed.kill(hall.bridge)
+    hall.expect_kept(AVAILABILITY, "offline")
+    for topic, payload in [("QM0/bridge", "b1"), ("QM0/availability", "online"), ("QM1/bridge", "b2"),
+                           ("QM1/availability", "online"), (f"{SERIAL}/state/Device/Gone", "1"), (f"{SERIAL}/set{NAME}", "again")]:
+        hall.publish(f"kesto/{topic}", payload, "-r")
+    hall.start_bridge()
+    hall.expect_equal("a start with remains")
+    hall.expect_log("a retained set is not taken")
+    check("again" not in hall.held().values(), "a retained set was carried out")
+    hall.expect_kept("kesto/QM0/availability", "offline")
+    hall.expect_kept("kesto/QM1/availability", "online")
+
+
+def check_events(hall):
+    hall.bed.kill(hall.bed.program)
+    hall.expect_kept(AVAILABILITY, "offline")
+    answer = hall.set(NAME, "nobody there")
+    check(answer == {"outcome": "refused", "reason": "the device is away"}, f"a set on a device that is away: {answer}")
+    hall.bed.start_program()
+    hall.expect_equal("a restart of the service")
+    listener = hall.bed.start("alarm", ["mosquitto_sub", "-p", PORT, "-C", "1", "-t", f"{TOPIC}/alarm/3"], stdout=subprocess.PIPE)
+    while listener.poll() is None:
+        hall.control("Alarm", "40", "91.5", "3")
+    alarm = json.loads(listener.stdout.read())
+    check(alarm | {"time": ""} == {"code": 40, "active": 1, "value": 91.5, "time": ""}, f"an alarm: {alarm}")
+
+def check_second_bridge(hall):
+    """Each of the two says so; the one that goes does not take the device offline for long."""
+    (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nbranch = /Device/Config\n")
+    first = hall.bridge
+    hall.start_bridge("b2", "--config", hall.folder / "b2.conf")
+    hall.expect_log("there is no setting 'brokr'", "b2")
+    hall.expect_log("bridge b2 publishes this device, too")
+    hall.expect_log("bridge b1 publishes this device, too", "b2")
+    check(hall.set(NAME, "only b1 takes it") == {"outcome": "done"}, "a set with a second bridge that takes none")
+    hall.bed.kill(hall.bridge)
+    hall.bridge = first
+    hall.expect_equal("the end of the second bridge")
+
+
+def check_end(hall):
+    hall.bridge.send_signal(signal.SIGTERM)
+    check(hall.bridge.wait() == 0, f"the bridge ended with {hall.bridge.returncode}")
+    hall.expect_kept(AVAILABILITY, "offline")
+    hall.start_bridge()
+
+
+def change(hall, chance):
+    """By the device itself, by another client, by a set; or many at once. Whoever is away does nothing."""
+    key, value = chance.choice(KEYS), str(chance.randrange(1000))
+    acts = [(hall.control, "Change", key, value, "s"), (hall.kesto, "write", key, value),
+            (hall.kesto, "multi-write", f"{key}={value}", f"{NAME}={value}"),
+            (hall.publish, f"{TOPIC}/set{key}", value), (hall.control, "LoadSnapshot", "1")]
+    act, *words = chance.choice(acts)
+    with contextlib.suppress(Failure):
+        act(*words)
+
+
+def walk(hall, steps, seed):
+    chance, bed = random.Random(seed), hall.bed
+    restarts = {"bridge": (lambda: hall.bridge, hall.start_bridge), "broker": (lambda: hall.broker, hall.start_broker),
+                "service": (lambda: bed.program, bed.start_program), "device": (lambda: bed.device, hall.start_device)}
+    for step in range(steps):
+        role = chance.choice(list(restarts))
+        process, start = restarts[role]
+        stopped = chance.choice([hall.broker, hall.bridge, bed.program])
+        stopped.send_signal(signal.SIGSTOP)
+        for _ in range(chance.randrange(4)):
+            hall.control("Change", chance.choice(KEYS), str(chance.randrange(1000)), "s")
+        stopped.send_signal(signal.SIGCONT)
+        bed.kill(process())
+        change(hall, chance)
+        start()
+        change(hall, chance)
+        hall.expect_equal(f"step {step} of seed {seed}, a restart of the {role}")
+
+
+steps, seed = int(os.environ.get("KESTO_MQTT_STEPS", "15")), int(os.environ.get("KESTO_MQTT_SEED", "1"))
+with tempfile.TemporaryDirectory() as folder:
+    hall = Hall(sys.argv[1], folder)
+    with hall.bed:
+        for part in (check_sets, check_remains, check_events, check_second_bridge, check_end):
+            part(hall)
+        walk(hall, steps, seed)
