@@ -2,11 +2,12 @@
 // holds.
 #include <csignal>
 #include <cstring>
-#include <kesto-client/session.h>
 #include <unistd.h>
 #include <zmq.h>
 
 #include <gtest/gtest.h>
+
+#include <kesto-client/session.h>
 
 #include "harness/panel.h"
 
@@ -79,7 +80,7 @@ TEST(Restart, BeforeTheLogin) {
     Gateway gateway({.with_service = false});
     Panel panel;
     pass(panel.loop, connect_limit_ms);
-    panel.expect({"not_reachable: nothing takes connections at 127.0.0.1:60000"});
+    panel.expect({"not_reachable: no answer from 127.0.0.1:60000 within 5 s"});
     pass(panel.loop, connect_limit_ms);  // again, and not said again
     gateway.start_service();
     skip(pause_ms);
