@@ -2,6 +2,8 @@
 // holds.
 #include <csignal>
 #include <cstring>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <zmq.h>
 
@@ -10,6 +12,7 @@
 #include <kesto-client/session.h>
 
 #include "harness/panel.h"
+#include "harness/random_steps.h"
 
 static constexpr int close_limit_ms = 5000;
 static constexpr const char *here = kesto::loopback_address;
@@ -291,6 +294,33 @@ TEST(Silence, OfTheDataServiceEndsTheSessionAndNotTheClient) {
     gateway.expect_log({"free cl_id", "[panel-1] authenticating *"});  // logged out before the login
     settle(panel, gateway);
     EXPECT_EQ(panel.seen, Texts{});
+}
+
+// The loopback interface of the sandbox.
+static void plug_in(bool in) {
+    const int any = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ifreq request = {};
+    strcpy(request.ifr_name, "lo");
+    request.ifr_flags = in ? IFF_UP : 0;
+    EXPECT_EQ(ioctl(any, SIOCSIFFLAGS, &request), 0);
+    close(any);
+}
+
+// KESTO_CLIENT_CABLE_S seconds; the connection outlives a short time.
+TEST(Cable, IsPulledForAWhile) {
+    if (getenv("ACCESS_INSIDE") == nullptr) GTEST_SKIP() << "it would be the machine's own network";
+    const size_t seconds = number_from("KESTO_CLIENT_CABLE_S", 1), outlived_s = 5;
+    Connected connected;
+    auto &[gateway, panel] = connected;
+    plug_in(false);
+    panel.ask(kesto::Write{name_key, "Hall"});
+    for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;) panel.loop.wait(50);
+    gateway.control("Change", "('/Device/Config/Networking/Snmp/Secret', 'meanwhile', 's')");
+    plug_in(true);
+    panel.serve_until_answered();
+    settle(panel, gateway);
+    if (seconds < outlived_s) EXPECT_EQ(panel.seen, Texts{"done"});
+    EXPECT_EQ(panel.shown[secret_key], "meanwhile");
 }
 
 // A device that stands still, and 9 MiB for it that the network has not taken yet.
