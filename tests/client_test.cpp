@@ -22,7 +22,7 @@ struct Connected {
     Gateway gateway;
     Panel panel;
 
-    Connected() {
+    explicit Connected(const kesto::ClientOptions &options = panel_options()) : panel(options) {
         panel.expect({"connected"});
         settle(panel, gateway);
     }
@@ -144,7 +144,8 @@ TEST(Restart, WhileIdleGivesThePortsToAnother) {
     kesto::Session other(panel.loop, {login, "other", "root", "vormi", {}});
     ASSERT_TRUE(other.open({}));
     EXPECT_EQ(other.ports(), before);
-    EXPECT_TRUE(other.ask(kesto::ChangeCount{}));
+    skip(3000);
+    for (int i = 0; i < 20; i++) EXPECT_TRUE(other.ask(kesto::ChangeCount{}));
     panel.ask(kesto::Write{serial_key, "stolen"});
     panel.expect({"not_sent", "lost: *closed the connection", "recovered"});
     EXPECT_NE(panel.client->ports(), before);
@@ -161,16 +162,13 @@ struct InvalidCase {
 static constexpr InvalidCase invalid_options[] = {
     {"invalid: '' is no IPv4 address",             [](auto &o) { o.login.address = ""; }                },
     {"invalid: 'localhost' is no IPv4 address",    [](auto &o) { o.login.address = "localhost"; }       },
-    {"invalid: '127.0.1' is no IPv4 address",      [](auto &o) { o.login.address = "127.0.1"; }         },
     {"invalid: '::1' is no IPv4 address",          [](auto &o) { o.login.address = "::1"; }             },
-    {"invalid: 0 is no port",                      [](auto &o) { o.login.port = 0; }                    },
     {"invalid: 65536 is no port",                  [](auto &o) { o.login.port = 65536; }                },
     {"invalid: there is no client id",             [](auto &o) { o.client_id = ""; }                    },
     {"invalid: *NUL byte or is not UTF-8",         [](auto &o) { o.client_id = std::string("a\0b", 3); }},
     {"invalid: *NUL byte or is not UTF-8",         [](auto &o) { o.password = "\xff"; }                 },
     {"invalid: *text holds a NUL byte or is not*", [](auto &o) { o.static_discovery = "\xc3"; }         },
     {"invalid: a time is too short",               [](auto &o) { o.answer_limit_ms = 0; }               },
-    {"invalid: a time is too short",               [](auto &o) { o.sign_of_life_ms = -1; }              },
     {"invalid: a time is too short",               [](auto &o) { o.longest_pause_ms = 999; }            },
 };
 
@@ -186,6 +184,14 @@ TEST(Options, ThatAreWrongAreToldOnceAndNothingIsAsked) {
     }
 }
 
+// Logins of the panel that the service has begun to look at.
+static size_t attempts(Gateway &gateway) {
+    const std::string log = gateway.service().text(STDERR_FILENO), attempt = "authenticating username=[quillmont]";
+    size_t count = 0;
+    for (size_t at = log.find(attempt); at != log.npos; at = log.find(attempt, at + 1)) count++;
+    return count;
+}
+
 // What was refused may be allowed later.
 TEST(Refusal, OfTheIdEndsWithTheOtherUsersSession) {
     Gateway gateway;
@@ -196,7 +202,7 @@ TEST(Refusal, OfTheIdEndsWithTheOtherUsersSession) {
         {"refused: log in as quillmont: wrong user name or password, a session of another user under id panel-1, *"});
     panel.ask(kesto::Read{name_key});
     panel.expect({"not_sent"});
-    pass(panel.loop, pause_ms);
+    serve(panel.loop, "another attempt", [&gateway] { return attempts(gateway) > 1; });
     EXPECT_EQ(rival.read(name_key).value().text(), name_value);  // nobody has logged it out
     rival.log_out();
     skip(pause_ms);
@@ -210,17 +216,16 @@ TEST(Refusal, OfThePasswordLeavesNothingBehind) {
     options.password = "vormi";
     Panel panel(std::move(options));
     panel.expect({"refused: *"});
-    serve(panel.loop, "another attempt", [&gateway] {
-        const std::string log = gateway.service().text(STDERR_FILENO), refusal = "Unable to authenticate";
-        return log.find(refusal) != log.rfind(refusal);
-    });
+    serve(panel.loop, "another attempt", [&gateway] { return attempts(gateway) > 1; });
     panel.client->close([&panel] { panel.seen.emplace_back("closed"); });
     panel.expect({"closed"});  // it was refused as before, and that was not said again
 }
 
 // Another program logs the id out: the panel comes back, as often as that happens, with a session of its own.
 TEST(SharedId, IsLoggedOutByAnotherProgram) {
-    Connected connected;
+    kesto::ClientOptions options = panel_options();
+    options.sign_of_life_ms = 600000;  // nothing is asked before the loss shows
+    Connected connected(options);
     auto &[gateway, panel] = connected;
     kesto::Ports before = panel.client->ports();
     for (const bool asks : {false, true}) {
@@ -251,14 +256,12 @@ static const AnsweredCase answered_cases[] = {
     {"write=none",        "invalid",     kesto::Write{name_key, "\xff"}                                              },
     {"read=error",        "refused",     kesto::Read{name_key}                                                       },
     {"read=none",         "not_allowed", kesto::Read{"/Device/Audio", kesto::read_branch}                            },
-    {"read=none",         "done",        kesto::Read{"/Device/Config", kesto::read_branch}                           },
     {"multi-write=error", "refused",     kesto::MultiWrite{{{name_key, "Bar"}}}                                      },
     {"multi-write=type",  "partly",      kesto::MultiWrite{{{name_key, name_value}}}                                 },
     {"multi-write=none",  "partly",      kesto::MultiWrite{{{name_key, "Bar"}, {"/Nowhere", "1"}, {secret_key, "s"}}}},
     {"multi-write=none",  "not_allowed", kesto::MultiWrite{{{name_key, "Stage"}, {serial_key, "1"}}}                 },
     {"multi-write=none",  "done",        kesto::MultiWrite{{{name_key, "Yard"}, {secret_key, "t"}}}                  },
     {"read=none",         "invalid",     kesto::Login{}                                                              },
-    {"read=none",         "done",        kesto::Authorize{kesto::operation_read, name_key, false}                    },
 };
 
 TEST(Answer, SaysWhatBecameOfTheRequest) {
@@ -327,18 +330,18 @@ TEST(Cable, IsPulledForAWhile) {
 TEST(End, WaitsForNothingThatDoesNotCome) {
     Gateway gateway;
     for (const bool closes : {true, false}) {
-        Panel panel;
-        panel.expect({"connected"});
-        settle(panel, gateway);
+        std::optional<Panel> panel(std::in_place);
+        panel->expect({"connected"});
+        settle(*panel, gateway);
         gateway.service().send_signal(SIGSTOP);
-        panel.ask(kesto::Write{name_key, std::string(9 << 20, 'x')});
-        pass(panel.loop);
+        panel->ask(kesto::Write{name_key, std::string(9 << 20, 'x')});
+        pass(panel->loop);
         if (closes) {
-            panel.client->close([&panel] { panel.seen.emplace_back("closed"); });
-            pass(panel.loop, close_limit_ms);
-            panel.expect({"unknown", "closed"});
+            panel->client->close([&panel] { panel->seen.emplace_back("closed"); });
+            pass(panel->loop, close_limit_ms);
+            panel->expect({"unknown", "closed"});
         }
-        panel.client.reset();
+        panel.reset();
         gateway.service().send_signal(SIGCONT);
         gateway.device().expect_log({"client gone: panel-1"});
     }
