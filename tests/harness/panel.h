@@ -6,8 +6,9 @@
 #pragma once
 
 #include <functional>
-#include <kesto-client/client.h>
 #include <map>
+
+#include <kesto-client/client.h>
 
 #include "harness/remote_client.h"
 
