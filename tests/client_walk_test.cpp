@@ -48,7 +48,7 @@ struct Walk {
         trail += "  " + panel->seen.back() + '\n';
         if (!up && panel->client->connected())
             causes |= gap;  // what is published before the subscription stands is missed
-        up = panel->client->connected();
+        up = is_connected(notice);
         was_up = was_up || up;
     }
     void ask(kesto::Operation operation, bool allowed = true) {

@@ -65,7 +65,7 @@ Panel::Panel(kesto::ClientOptions options) {
 void Panel::take_notice(kesto::Notice notice, const std::string &sentence) {
     seen.push_back(notice_names[static_cast<size_t>(notice)] + (sentence.empty() ? "" : ": " + sentence));
     if (judge) judge(notice);
-    if (client->connected()) read_all();
+    if (is_connected(notice)) read_all();
     else if (notice != kesto::Notice::invalid) skip(pause_ms);
 }
 

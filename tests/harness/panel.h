@@ -30,6 +30,10 @@ void pass(kesto::Loop &loop, int time_ms = 0);
 /* "panel-1", as a user who is kept from some keys. */
 kesto::ClientOptions panel_options(int port = authentication_port);
 
+inline bool is_connected(kesto::Notice last) { /* as far as a program knows that was told this last */
+    return last <= kesto::Notice::read_again && last != kesto::Notice::lost;
+}
+
 struct Panel {
     kesto::Loop loop;
     std::function<void(kesto::Notice)> judge;  // hears of each notice first
