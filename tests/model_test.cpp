@@ -6,17 +6,17 @@
 // KESTO_MODEL_STEPS sets the length of a run. Steps that fail are cut down to few and printed.
 #include <algorithm>
 #include <iostream>
-#include <random>
 #include <sstream>
 
 #include <gtest/gtest-spi.h>
 
 #include "harness/discovery.h"
 #include "harness/port.h"
+#include "harness/random_steps.h"
 #include "harness/remote_client.h"
 
-static constexpr const char *usual_seed = "20261124", *default_steps = "2000";
-static constexpr size_t walk_length = 1000;  // the steps that one gateway sees
+static constexpr unsigned usual_seed = 20261124;
+static constexpr size_t default_steps = 2000, walk_length = 1000;  // a walk is what one gateway sees
 static constexpr std::chrono::seconds cutting_time{30};
 
 // The observer stays connected and writes after each step: what is heard before its echo belongs to the step.
@@ -383,17 +383,11 @@ static std::vector<Step> random_steps(std::mt19937 &random, size_t count) {
     return steps;
 }
 
-static std::string setting(const char *variable, const char *otherwise) {
-    const char *value = getenv(variable);
-    return value != nullptr ? value : otherwise;
-}
-
 TEST(Model, AgreesWithTheServiceOnRandomSteps) {
-    const std::string wanted = setting("KESTO_MODEL_SEED", usual_seed);
-    const unsigned long seed = wanted == "random" ? std::random_device{}() : std::stoul(wanted);
+    const unsigned seed = seed_from("KESTO_MODEL_SEED", usual_seed);
     std::mt19937 random(seed);
     std::cout << "KESTO_MODEL_SEED=" << seed << std::endl;
-    for (size_t left = std::stoul(setting("KESTO_MODEL_STEPS", default_steps)), count = 0; left > 0; left -= count) {
+    for (size_t left = number_from("KESTO_MODEL_STEPS", default_steps), count = 0; left > 0; left -= count) {
         count = std::min(left, walk_length);
         std::vector<Step> steps = random_steps(random, count);
         std::string difference = walk(steps);

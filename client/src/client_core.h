@@ -70,7 +70,7 @@ class Client::Core final : public Task {
     bool step_events(int64_t now); /* false: there are more */
     void take_published(const Published &published, int64_t now);
     void take_echo(const Reply &echo, int64_t now);
-    void note_written(const Reply &reply, int64_t now);
+    void note_values(Overtaken::Way way, const Reply &reply, int64_t now);
     void take_doubts();
     void step_commands(int64_t now);
     void ask_next(int64_t now);

@@ -40,23 +40,28 @@ bool Client::Core::step_events(int64_t now) {
 void Client::Core::take_published(const Published &published, int64_t now) {
     if (!std::holds_alternative<Alarm>(published)) ledger_.add_frame();
     if (callbacks_.published) tell([this, published] { callbacks_.published(published); });
-    if (const Change *change = std::get_if<Change>(&published)) overtaken_.changed(change->key, change->value, now);
-    if (const Reply *echo = std::get_if<Reply>(&published)) note_written(*echo, now);
+    if (const Change *change = std::get_if<Change>(&published))
+        overtaken_.told(Overtaken::change, change->key, change->value, now);
+    if (const Reply *echo = std::get_if<Reply>(&published)) note_values(Overtaken::echo, *echo, now);
     if (const SnapshotLoaded *loaded = std::get_if<SnapshotLoaded>(&published))
         tell_notice(Notice::read_again, "snapshot " + std::to_string(loaded->slot) + " was loaded");
     if (std::holds_alternative<SpeakerPresetLoaded>(published))
         tell_notice(Notice::read_again, "a speaker preset was loaded");
 }
 
-void Client::Core::note_written(const Reply &reply, int64_t now) {
+void Client::Core::note_values(Overtaken::Way way, const Reply &reply, int64_t now) {
     if (reply.status != Status::ok) return;
+    if (const Value *value = std::get_if<Value>(&reply.result)) {
+        if (value->signature == signature_of_text) overtaken_.told(way, value->key, value->text, now);
+        for (const Pair &entry : value->entries) overtaken_.told(way, entry.key, entry.value, now);
+    }
     if (const WriteResult *write = std::get_if<WriteResult>(&reply.result))
-        overtaken_.written(write->key, write->value, now);
+        overtaken_.told(way, write->key, write->value, now);
     const MultiWriteResult *several = std::get_if<MultiWriteResult>(&reply.result);
     if (several == nullptr) return;
     for (size_t i = 0; i < std::min(several->pairs.size(), several->results.size()); ++i) {
         const Pair &pair = several->pairs[i];
-        if (several->results[i] == pair_was_written) overtaken_.written(pair.key, pair.value, now);
+        if (several->results[i] == pair_was_written) overtaken_.told(way, pair.key, pair.value, now);
     }
 }
 
@@ -92,6 +97,7 @@ void Client::Core::ask_next(int64_t now) {
     } else {
         return;
     }
+    if (const Read *read = std::get_if<Read>(&asked_->operation)) overtaken_.ask(read->key);
     send(asked_->operation, now);
 }
 
@@ -108,7 +114,6 @@ void Client::Core::read_again(const std::string &key) {
                            tell_notice(Notice::read_again, key + " may have another value than it was said to have");
                            return;
                        }
-                       overtaken_.settled(key, value->text, now_ms());
                        if (callbacks_.value) tell([this, read = *value] { callbacks_.value(read); });
                    }};
 }
@@ -141,7 +146,8 @@ void Client::Core::take_reply(Answer answer, int64_t now) {
     } else if (inquiry_) {
         inquire(answer, now);
     } else if (asked_ && answer) {
-        note_written(answer.reply, now);
+        note_values(Overtaken::answer, answer.reply, now);
+        take_doubts();
         answer = judge(asked_->operation, std::move(answer.reply));
         std::vector<Authorize> questions = questions_after(asked_->operation, answer);
         if (questions.empty()) {
@@ -184,8 +190,10 @@ void Client::Core::finish(Answer answer) {
     if (!asked_) return;
     const Asked asked = std::move(*asked_);
     asked_.reset();
-    if (inquiry_ && answer.outcome != Outcome::not_allowed && answer.outcome != Outcome::refused)
+    if (inquiry_ && answer.outcome != Outcome::not_allowed && answer.outcome != Outcome::refused) {
         answer = std::move(inquiry_->refusal);
+        answer.sentence = "the device refused it, and the connection was lost before it said why";
+    }
     inquiry_.reset();
     if (asked.answered) asked.answered(std::move(answer));
 }

@@ -6,34 +6,25 @@ namespace kesto {
 
 static constexpr int64_t near_ms = 250;  // the tick's 33 ms, and what the network makes of them
 
-void Overtaken::compare(const ByKey &others, const std::string &key, const std::string &value, int64_t now) {
+void Overtaken::told(Way way, const std::string &key, const std::string &value, int64_t now) {
     forget_old(now);
-    const auto other = others.find(key);
-    if (other == others.end() || now - other->second.at > near_ms || other->second.value == value) return;
-    in_doubt_.insert(key);
+    for (int other = 0; other < way_count; ++other) {
+        const auto last = last_[other].find(key);
+        if (other == way || last == last_[other].end()) continue;
+        if (now - last->second.at <= near_ms && last->second.value != value) in_doubt_.insert(key);
+    }
+    last_[way][key] = {value, now};
+}
+
+void Overtaken::ask(const std::string &key) {
+    for (auto &by_key : last_) by_key.erase(key);
 }
 
 void Overtaken::forget_old(int64_t now) {
     if (now - forgotten_at_ <= near_ms) return;
     forgotten_at_ = now;
-    const auto is_old = [&](const auto &entry) { return now - entry.second.at > near_ms; };
-    std::erase_if(written_, is_old);
-    std::erase_if(changed_, is_old);
-}
-
-void Overtaken::written(const std::string &key, const std::string &value, int64_t now) {
-    compare(changed_, key, value, now);
-    written_[key] = {value, now};
-}
-
-void Overtaken::changed(const std::string &key, const std::string &value, int64_t now) {
-    compare(written_, key, value, now);
-    changed_[key] = {value, now};
-}
-
-void Overtaken::settled(const std::string &key, const std::string &value, int64_t now) {
-    changed_.erase(key);
-    written_[key] = {value, now};
+    for (auto &by_key : last_)
+        std::erase_if(by_key, [&](const auto &entry) { return now - entry.second.at > near_ms; });
 }
 
 std::set<std::string> Overtaken::take() { return std::exchange(in_doubt_, {}); }

@@ -1,6 +1,6 @@
-/* overtaken.h - keys whose value is in doubt: changed by somebody's write and by the device at nearly the same moment.
- * What the device publishes waits for its tick, what a write brings about does not, so the two can come in the wrong
- * order. */
+/* overtaken.h - keys whose value is in doubt: told about in different ways, at nearly the same moment, with different
+ * values. Only what comes the same way comes in the order in which it happened: the device's own changes wait for its
+ * tick, the echo of another client's write does not, and answers come on a connection of their own. */
 #pragma once
 
 #include <cstdint>
@@ -12,11 +12,12 @@ namespace kesto {
 
 class Overtaken {
   public:
-    void written(const std::string &key, const std::string &value, int64_t now);
-    void changed(const std::string &key, const std::string &value, int64_t now);
+    enum Way { change, echo, answer, way_count };
 
-    /* Read from the device: in no doubt until the device's next change comes. */
-    void settled(const std::string &key, const std::string &value, int64_t now);
+    void told(Way way, const std::string &key, const std::string &value, int64_t now);
+
+    /* The key is about to be read: what was told of it so far is older than the answer. */
+    void ask(const std::string &key);
 
     /* The keys that have come into doubt since the last call. */
     std::set<std::string> take();
@@ -26,12 +27,10 @@ class Overtaken {
         std::string value;
         int64_t at;
     };
-    using ByKey = std::map<std::string, Last>;
 
-    void compare(const ByKey &others, const std::string &key, const std::string &value, int64_t now);
     void forget_old(int64_t now);
 
-    ByKey written_, changed_;
+    std::map<std::string, Last> last_[way_count];  // by key
     std::set<std::string> in_doubt_;
     int64_t forgotten_at_ = 0;
 };
