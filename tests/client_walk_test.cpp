@@ -146,8 +146,8 @@ static constexpr Step steps[] = {
      }                                                                                                               },
     {"look",           20,  [](Walk &w) { w.panel->loop.wait(0); }                                                   },
     {"answers",        5,   [](Walk &w) { w.panel->serve_until_answered(); }                                         },
-    {"restart",        1.5, [](Walk &w) { w.restart(); }                                                             },
-    {"end of service", 1,   [](Walk &w) { w.end_service(); }                                                         },
+    {"restart",        1,   [](Walk &w) { w.restart(); }                                                             },
+    {"end of service", 0.5, [](Walk &w) { w.end_service(); }                                                         },
     {"log-out",        2,   [](Walk &w) { w.log_out(); }                                                             },
     {"rival",          1,   [](Walk &w) { w.begin_rival(); }                                                         },
     {"fault",          3,
@@ -156,7 +156,7 @@ static constexpr Step steps[] = {
          w.gateway.set_fault(faults[w.below(std::size(faults))]);
      }                                                                                                               },
     {"new panel",      1,   [](Walk &w) { w.begin_panel(); }                                                         },
-    {"settle",         5,   [](Walk &w) { w.settle(); }                                                              },
+    {"settle",         4,   [](Walk &w) { w.settle(); }                                                              },
 };
 
 TEST(Walk, EndsWithWhatTheDeviceHolds) {

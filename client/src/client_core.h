@@ -67,6 +67,7 @@ class Client::Core final : public Task {
     void tell_notice(Notice notice, const std::string &sentence);
 
     /* client_session.cpp */
+    void tell_read_again(const std::string &sentence);
     bool step_events(int64_t now); /* false: there are more */
     void take_published(const Published &published, int64_t now);
     void take_echo(const Reply &echo, int64_t now);

@@ -24,6 +24,11 @@ void Client::Core::ask(Operation operation, Answered answered) {
     }
 }
 
+/* Who is about to be told that the client is connected reads anyway. */
+void Client::Core::tell_read_again(const std::string &sentence) {
+    if (connected()) tell_notice(Notice::read_again, sentence);
+}
+
 bool Client::Core::step_events(int64_t now) {
     for (int count = 0; count < events_at_once; ++count) {
         const std::optional<std::string> frame = events_->receive();
@@ -44,9 +49,8 @@ void Client::Core::take_published(const Published &published, int64_t now) {
         overtaken_.told(Overtaken::change, change->key, change->value, now);
     if (const Reply *echo = std::get_if<Reply>(&published)) note_values(Overtaken::echo, *echo, now);
     if (const SnapshotLoaded *loaded = std::get_if<SnapshotLoaded>(&published))
-        tell_notice(Notice::read_again, "snapshot " + std::to_string(loaded->slot) + " was loaded");
-    if (std::holds_alternative<SpeakerPresetLoaded>(published))
-        tell_notice(Notice::read_again, "a speaker preset was loaded");
+        tell_read_again("snapshot " + std::to_string(loaded->slot) + " was loaded");
+    if (std::holds_alternative<SpeakerPresetLoaded>(published)) tell_read_again("a speaker preset was loaded");
 }
 
 void Client::Core::note_values(Overtaken::Way way, const Reply &reply, int64_t now) {
@@ -69,7 +73,7 @@ void Client::Core::take_doubts() {
     doubts_.merge(overtaken_.take());
     if (doubts_.size() <= doubts_most) return;
     doubts_.clear();
-    tell_notice(Notice::read_again, "the device and another client have changed many keys at once");
+    tell_read_again("the device and another client have changed many keys at once");
 }
 
 void Client::Core::step_commands(int64_t now) {
@@ -111,7 +115,7 @@ void Client::Core::read_again(const std::string &key) {
                        const Value *value = answer.get<Value>();
                        if (answer.reply.status == Status::unspecified) return;  // the connection is lost
                        if (!answer || value == nullptr) {
-                           tell_notice(Notice::read_again, key + " may have another value than it was said to have");
+                           tell_read_again(key + " may have another value than it was said to have");
                            return;
                        }
                        if (callbacks_.value) tell([this, read = *value] { callbacks_.value(read); });
@@ -167,7 +171,7 @@ bool Client::Core::see_counter(const Reply &reply, int64_t now) {
         std::holds_alternative<WriteResult>(reply.result) || std::holds_alternative<MultiWriteResult>(reply.result);
     if (is_write && options_.flags.discard_my_feedback) ledger_.add_frame();
     const ChangeLedger::Finding finding = ledger_.see(reply.change_count, now);
-    if (finding == ChangeLedger::Finding::lost) tell_notice(Notice::read_again, "events were lost");
+    if (finding == ChangeLedger::Finding::lost) tell_read_again("events were lost");
     const int pause_ms = ledger_.in_doubt() ? std::min(doubt_ms, options_.sign_of_life_ms) : options_.sign_of_life_ms;
     sign_of_life_at_ = now + pause_ms;
     return finding != ChangeLedger::Finding::fell;
