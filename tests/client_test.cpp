@@ -147,7 +147,7 @@ TEST(Restart, WhileIdleGivesThePortsToAnother) {
     skip(3000);
     for (int i = 0; i < 20; i++) EXPECT_TRUE(other.ask(kesto::ChangeCount{}));
     panel.ask(kesto::Write{serial_key, "stolen"});
-    panel.expect({"not_sent", "lost: *closed the connection", "recovered"});
+    panel.expect({"not_sent", "lost: the connection to * is gone", "recovered"});
     EXPECT_NE(panel.client->ports(), before);
     panel.ask(kesto::Write{serial_key, "stolen"});
     panel.expect({"not_allowed"});
@@ -182,6 +182,14 @@ TEST(Options, ThatAreWrongAreToldOnceAndNothingIsAsked) {
         panel.client->close([&panel] { panel.seen.emplace_back("closed"); });
         panel.expect({row.sentence, "not_sent", "closed"});
     }
+}
+
+TEST(AClientThatNobodyHasAnswered, IsClosedAtOnce) {
+    Panel panel;
+    pass(panel.loop);
+    panel.client->close([&panel] { panel.seen.emplace_back("closed"); });
+    pass(panel.loop);
+    EXPECT_EQ(panel.seen, Texts{"closed"}) << "there can be no session that would have to be logged out";
 }
 
 // Logins of the panel that the service has begun to look at.
@@ -233,7 +241,7 @@ TEST(SharedId, IsLoggedOutByAnotherProgram) {
         RemoteClient("panel-1").log_out();
         gateway.control("Change", "('/Device/Config/Name', 'Hall', 's')");  // nobody tells the panel
         if (asks) panel.ask(kesto::Write{secret_key, "s"});
-        panel.expect(asks ? Texts{"*", "*", "recovered"} : Texts{"lost: *closed the connection", "recovered"});
+        panel.expect(asks ? Texts{"*", "*", "recovered"} : Texts{"lost: the connection to * is gone", "recovered"});
         EXPECT_NE(panel.client->ports(), before);
         before = panel.client->ports();
     }

@@ -82,7 +82,6 @@ void Client::Core::ask_login_port(Stage stage, Operation operation, int64_t now,
         LoginFlags flags = options_.flags;
         flags.monitor = true;
         operation = Login{options_.user, options_.password, flags, options_.static_discovery};
-        may_have_session_ = true;
     }
     login_ = std::make_unique<Requester>(loop().context(), options_.login, AfterLoss::reconnect);
     if (login_->descriptor() >= 0) watch(login_->descriptor());
@@ -91,6 +90,7 @@ void Client::Core::ask_login_port(Stage stage, Operation operation, int64_t now,
 
 void Client::Core::step_login(int64_t now) {
     std::optional<Answer> answer = login_->go_on(now);
+    if (stage_ == Stage::logging_in && login_->awaits_answer()) may_have_session_ = true;
     if (!answer) return;
     drop_login();
     if (!closed_.empty() && stage_ == Stage::logging_out) end();

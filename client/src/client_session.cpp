@@ -84,7 +84,7 @@ void Client::Core::step_commands(int64_t now) {
             take_answer(std::move(*answer), now);
             continue;
         }
-        if (commands_->lost()) lose("the device has closed the connection", now);
+        if (commands_->lost()) lose("the connection to " + endpoint_text(commands_->endpoint()) + " is gone", now);
         return;
     }
 }

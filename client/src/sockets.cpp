@@ -161,9 +161,9 @@ std::optional<Requester::Raw> Requester::go_on_raw(int64_t now) {
     look();
     if (!busy()) return std::nullopt;
     if (answered_) return end(Outcome::done, "");
-    if (lost_ && stage_ == Stage::asked)
-        return end(Outcome::unknown, endpoint_text(endpoint_) + " closed the connection");
-    if (lost_) return end(Outcome::not_sent, endpoint_text(endpoint_) + " closed the connection");
+    if (lost_)
+        return end(awaits_answer() ? Outcome::unknown : Outcome::not_sent,
+                   "the connection to " + endpoint_text(endpoint_) + " is gone");
     return now >= due() ? std::optional(end_of_limit()) : std::nullopt;
 }
 

@@ -42,6 +42,7 @@ class Requester {
     std::optional<Answer> go_on(int64_t now);
 
     bool busy() const { return stage_ != Stage::idle; }
+    bool awaits_answer() const { return stage_ == Stage::asked; }
     bool lost() const { return lost_; } /* the connection stood and is gone */
     int64_t due() const;                /* when go_on is to be called at the latest, while busy */
     int descriptor() const;             /* -1: the socket could not be opened, and go_on says so */

@@ -11,7 +11,8 @@ enum class Outcome {
     done,         // carried out; of a raw exchange: a reply came, whatever it says
     partly,       // a multi-write of which not every pair was written, see its results
     not_allowed,  // the user's rights do not cover it: nothing was done
-    refused,      // by the device: no such key, a value that it does not take, a data service that is not there
+    refused,      // by the device: no such key, a value that it does not take, a data service that is not there; one
+                  // that did not answer in its time may still have carried a write out
     unsupported,  // the device does not know this request
     invalid,      // the argument is none, or the device could make nothing of the request: nothing was done
     not_sent,     // nobody to send it to: nothing was done

@@ -13,10 +13,10 @@
 namespace kesto {
 
 struct BrowserOptions {
-    bool broadcast = true;               // ask on every IPv4 interface; those that come later, too
-    std::vector<std::string> addresses;  // ask these besides: numeric IPv4, for instance behind a router
-    std::string client_id;               // without "!"; devices remember it until it logs out
-    std::string public_key;              // PEM, KeyPair::public_pem; empty: the devices wrap no key
+    bool broadcast = true;                    // ask on every IPv4 interface; those that come later, too
+    std::vector<std::string> addresses = {};  // ask these besides: numeric IPv4, for instance behind a router
+    std::string client_id = {};               // without "!", best that of the clients, who log it out at the end
+    std::string public_key = {};              // PEM, KeyPair::public_pem; empty: the devices wrap no key
 
     /* From one datagram to the next; at first there are three, half a second apart. The browser waits longer, up to 30
      * s, for known devices that have not answered yet: one whose data service is silent takes 25 s for a reply and
@@ -33,10 +33,10 @@ enum class News {
 
 struct BrowserCallbacks {
     /* A device is one by its serial, whatever its addresses; without a serial by its address. */
-    std::function<void(News news, const Device &device)> news;
+    std::function<void(News news, const Device &device)> news = {};
 
     /* Nothing could be sent, or an option is wrong: one sentence. Told when it begins; the browser goes on. */
-    std::function<void(const std::string &sentence)> trouble;
+    std::function<void(const std::string &sentence)> trouble = {};
 };
 
 class KESTO_CLIENT_API Browser {

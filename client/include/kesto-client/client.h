@@ -1,9 +1,10 @@
 /* client.h - the connection to one device, which recovers by itself.
  *
- * It logs in, keeps the session alive, and after whatever goes wrong (no answer in time, a closed port, a device that
- * was restarted) logs out and in again: first at once, then with growing pauses. It notices lost events, and a key that
- * another client and the device changed at nearly the same moment, whose events can come in the wrong order, it reads
- * again. */
+ * It keeps to the endpoint that it was given: when Browser tells that the device's login_endpoint or static_text_of has
+ * changed, make another one. It logs in, keeps the session alive, and after whatever goes wrong (no answer in time, a
+ * closed port, a device that was restarted) logs out and in again: first at once, then with growing pauses. It notices
+ * lost events, and a key that another client and the device changed at nearly the same moment, whose events can come in
+ * the wrong order, it reads again. */
 #pragma once
 
 #include <functional>
@@ -17,16 +18,16 @@
 namespace kesto {
 
 struct ClientOptions {
-    Endpoint login = {"", login_port};  // login_endpoint of a discovered device, or an address
-    std::string client_id;              // unique: for instance program, host and a number; whoever uses the same id
-                                        // shares the session and can end it
-    std::string user, password;
+    Endpoint login;              // login_endpoint of a discovered device, or an address
+    std::string client_id = {};  // unique: for instance program, host and a number; whoever uses the same id shares the
+                                 // session and can end it. Without "!" where it is to be used for discovery, too
+    std::string user = {}, password = {};
 
     /* `monitor` is always set, so that a crash leaves no session behind. */
-    LoginFlags flags;
+    LoginFlags flags = {};
 
     /* static_text_of the device that is meant; the login is refused when another one answers. */
-    std::optional<std::string> static_discovery;
+    std::optional<std::string> static_discovery = {};
 
     /* Then the answer counts as not to come. A device whose data service is slow serves nobody meanwhile, for up to
      * 65 s. That it is gone, or its cable, is noticed within 15 s whatever this says. */
@@ -47,13 +48,14 @@ enum class Notice {
 
 struct ClientCallbacks {
     /* `sentence` is for people, on one line; empty for connected and recovered. */
-    std::function<void(Notice notice, const std::string &sentence)> notice;
+    std::function<void(Notice notice, const std::string &sentence)> notice = {};
 
-    /* All that the device publishes, in its order. Applying a value twice must be harmless. */
-    std::function<void(const Published &published)> published;
+    /* All that the device publishes, in its order. Applying a value twice must be harmless. What a loaded snapshot or
+     * speaker preset calls for comes by itself, as Notice::read_again. */
+    std::function<void(const Published &published)> published = {};
 
     /* The client has read a key again: this value holds, not those that were published for the key before. */
-    std::function<void(const Value &value)> value;
+    std::function<void(const Value &value)> value = {};
 };
 
 class KESTO_CLIENT_API Client {
@@ -70,14 +72,15 @@ class KESTO_CLIENT_API Client {
     bool connected() const;
     Ports ports() const; /* of the session; 0 while not connected */
 
-    /* Asks in the order of the calls, one request at a time; `answered` is called once for each. When the client is not
-     * connected, or loses its connection before the request's turn, that is at once, with Outcome::not_sent; requests
-     * are not kept for later. A login is answered Outcome::invalid. A read without a value is Outcome::refused or
-     * Outcome::not_allowed, for which the client asks the device after a refusal. */
+    /* Asks in the order of the calls, one request at a time; `answered` is called once for each, and at once for what
+     * cannot be sent at all. When the client is not connected, or loses its connection before the request's turn, that
+     * is with Outcome::not_sent; requests are not kept for later. A login is answered Outcome::invalid. A read without
+     * a value is Outcome::refused or Outcome::not_allowed, for which the client asks the device after a refusal. */
     void ask(Operation operation, Answered answered);
 
     /* Logs out after the requests so far; then `closed` is called, within 5 s even when the device does not answer, and
-     * there are no further callbacks. A client that has not been closed logs out by being destroyed. */
+     * there are no further callbacks. No further requests are taken. A client that has not been closed logs out by
+     * being destroyed. */
     void close(std::function<void()> closed);
 
   private:

@@ -15,7 +15,7 @@ constexpr const char *loopback_address = "127.0.0.1";
 
 struct Endpoint {
     std::string address;  // numeric IPv4
-    int port = 0;
+    int port = login_port;
 
     bool operator==(const Endpoint &) const = default;
 };
