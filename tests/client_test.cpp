@@ -357,19 +357,20 @@ TEST(End, WaitsForNothingThatDoesNotCome) {
 
 TEST(End, AnswersTheRequestsSoFarAndLogsOut) {
     Connected connected;
-    auto &[gateway, panel] = connected;
+    Panel &panel = connected.panel;
     for (const char *value : {"1", "2"}) panel.ask(kesto::Write{name_key, value});
     panel.client->close([&panel] { panel.seen.emplace_back("closed"); });
     panel.ask(kesto::Write{name_key, "3"});
     panel.expect({"not_sent", "done", "done", "closed"});
-    gateway.expect_log({"free cl_id"});
-    EXPECT_EQ(device_value(gateway, name_key), "2");
+    connected.gateway.expect_log({"free cl_id"});
+    EXPECT_EQ(device_value(connected.gateway, name_key), "2");
 }
 
 // First so many that wait in the reader, then what fills the network's buffers, then those that wait in the service.
 TEST(SlowReader, IsToldThatEventsWereLost) {
     Connected connected;
-    auto &[gateway, panel] = connected;
+    Gateway &gateway = connected.gateway;
+    Panel &panel = connected.panel;
     const std::string much(1 << 20, 'x');
     const auto change = [&gateway](const char *value) {
         gateway.call("GeneralDispatch", g_variant_new("(sss)", name_key, value, "s"));

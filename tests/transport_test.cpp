@@ -245,6 +245,18 @@ TEST(ConnectionTable, HasSoManyPlacesForGuestsAndGivesThemAnew) {
     }
 }
 
+TEST(ConnectionTable, TakesSoManyInOneTurnOfACrowdThatComesAndGoes) {
+    constexpr int port = 60001;
+    connection_table_open_port(port, PortKind::command);
+    for (int times = 0; times < 2; times++, tick()) {
+        size_t taken = 0;
+        for (; taken < 1000 && connection_table_add(far_descriptor, port, INADDR_ANY); taken++)
+            connection_table_remove(far_descriptor);
+        EXPECT_EQ(taken, accepted_per_turn);
+    }
+    connection_table_close_port(port);
+}
+
 TEST(ConnectionTable, DropsWhoIsSilentWhenAnotherWasRefused) {
     const AcceptedConnection quiet(PortKind::command), silent(PortKind::login);
     if (!system_counts_bytes_of_connections()) GTEST_SKIP() << "silent connections cannot be told from others here";
