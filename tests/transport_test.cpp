@@ -1,7 +1,9 @@
 /* What the service counts of its connections: a ZeroMQ peer's bytes, and a connection from its accept to its close. */
 #include <chrono>
+#include <fstream>
 #include <netinet/in.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <tuple>
@@ -268,5 +270,25 @@ TEST(ConnectionTable, DropsWhoIsSilentWhenAnotherWasRefused) {
         for (int ticks = 0; ticks < 8; ticks++) tick();
         EXPECT_EQ(connection_table_has_live(silent.port), !refused);
         EXPECT_TRUE(connection_table_has_live(quiet.port));
+    }
+}
+
+TEST(Limits, LeaveMemoryForWhatComesInOverAConnection) {
+#if defined __SANITIZE_ADDRESS__ || defined __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizers take address space themselves";
+#endif
+    size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit before = {};
+    getrlimit(RLIMIT_AS, &before);
+    for (const auto &[mib, enough] : {
+             std::pair(2, false), {64, true}
+    }) {
+        const rlimit scarce = {pages * static_cast<size_t>(getpagesize()) + (static_cast<size_t>(mib) << 20),
+                               before.rlim_max};
+        setrlimit(RLIMIT_AS, &scarce);
+        const bool allowed = limits_leave(STDERR_FILENO, 0);
+        setrlimit(RLIMIT_AS, &before);
+        EXPECT_EQ(allowed, enough);
     }
 }
