@@ -76,7 +76,9 @@ class TestBed:
         self.bin, self.env, self.nofile = Path(bin_dir).resolve(), env or {}, nofile
         self.uid = NOBODY if as_nobody and os.geteuid() == 0 else None
         self.program_cpus, self.other_cpus = processors() if pinned else (None, None)
-        self.environment = {"PATH": os.environ["PATH"], "LD_LIBRARY_PATH": str(self.bin.parent / "lib")}  # of everything
+        sanitizers = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
+        self.environment = {"PATH": os.environ["PATH"], "LD_LIBRARY_PATH": str(self.bin.parent / "lib"),
+                            **sanitizers}  # of everything
         self.bus = self.device = self.program = self._connection = None
         self._started, self._owned_folder = [], tempfile.TemporaryDirectory(prefix="testbed-", ignore_cleanup_errors=True)
         atexit.register(self.close)
