@@ -113,19 +113,21 @@ def _unexplained(page, compared):
 
 
 def write(root, kept):
-    """Needs what ./bench has measured; what ./bench --peer, --counts and --rack have kept is shown when it is there."""
-    if "runs from" not in kept:
-        raise Failure("there is nothing to report yet; run ./bench first")
+    """Replaces the parts of the page that something was measured for."""
     path = root / "docs/performance.md"
     page = path.read_text(encoding="utf-8")
-    compared = rows.comparisons(kept["runs"])
-    parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
+    compared = rows.comparisons(kept["runs"]) if "runs from" in kept else {}
+    parts = {}
+    if compared:
+        parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
+        _draw(root / "docs/performance", compared)
     for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table)):
         if f"{what} from" in kept:
             parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
+    if not parts:
+        raise Failure("there is nothing to report yet; run ./bench first")
     for mark, text in parts.items():
         page = _replace(page, mark, text)
-    _draw(root / "docs/performance", compared)
     path.write_text(page, encoding="utf-8")
     for name in _unexplained(page, compared):
         print(f"docs/performance.md gives no reason yet for: {name}")
