@@ -4,6 +4,7 @@
 #include <kesto-client/blocking.h>
 
 #include "loop_core.h"
+#include "mark.h"
 
 namespace kesto {
 
@@ -21,18 +22,6 @@ struct BlockingClient::State {
         if (!sentence.empty()) why = sentence;
         if (callbacks.notice) callbacks.notice(notice, sentence);
     }
-};
-
-/* Marks a call as under way. */
-class Inside {
-  public:
-    explicit Inside(bool &inside) : inside_(inside) { inside_ = true; }
-    ~Inside() { inside_ = false; }
-    Inside(const Inside &) = delete;
-    Inside &operator=(const Inside &) = delete;
-
-  private:
-    bool &inside_;
 };
 
 static void wait_until(Loop &loop, int64_t until) {
@@ -58,7 +47,7 @@ BlockingClient::~BlockingClient() {
 Answer BlockingClient::ask(Operation operation) {
     State &state = *state_;
     if (state.inside) return {Outcome::not_sent, "a callback cannot wait for an answer", {}};
-    const Inside inside(state.inside);
+    const Mark mark(state.inside);
     const int64_t until = now_ms() + state.limit_ms;
     while (!state.client->connected() && !state.hopeless && now_ms() < until) wait_until(state.loop, until);
     if (!state.client->connected()) return {Outcome::not_sent, state.why, {}};
@@ -73,7 +62,7 @@ Ports BlockingClient::ports() const { return state_->client->ports(); }
 
 void BlockingClient::wait(int limit_ms) {
     if (state_->inside) return;
-    const Inside inside(state_->inside);
+    const Mark mark(state_->inside);
     const int64_t until = now_ms() + limit_ms;
     do {
         wait_until(state_->loop, until);

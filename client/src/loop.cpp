@@ -15,6 +15,7 @@
 #include <kesto-client/loop.h>
 
 #include "loop_core.h"
+#include "mark.h"
 
 namespace kesto {
 
@@ -141,18 +142,6 @@ void LoopCore::run_callbacks() {
         if (owner) callback.call();
     }
 }
-
-/* Tells that the loop is in dispatch, also when a callback throws. */
-class Mark {
-  public:
-    explicit Mark(bool &flag) : flag_(flag) { flag_ = true; }
-    ~Mark() { flag_ = false; }
-    Mark(const Mark &) = delete;
-    Mark &operator=(const Mark &) = delete;
-
-  private:
-    bool &flag_;
-};
 
 void LoopCore::dispatch() {
     if (dispatching_) return;
