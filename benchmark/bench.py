@@ -37,21 +37,21 @@ def machine():
             "date": datetime.date.today().isoformat()}
 
 
-def measure_once(bed, side, effort):
+def measure_once(bed, side, what, effort):
     bed.start_program([bed.bin / rows.PROGRAM[side]])
-    output = bed.load([bed.bin / "bench-load", "measure", bed.pid, effort])
+    output = bed.load([bed.bin / "bench-load", what, bed.pid, effort])
     bed.stop()
     return {"side": side, "figures": json.loads(output)}
 
 
-def measure(programs, round_count, effort):
+def measure(programs, round_count, effort, what, pinned):
     """The baseline and the service by turns, beginning and ending with the baseline."""
     runs = []
     sides = ["baseline"] + ["service", "baseline"] * round_count
-    with TestBed(programs, pinned=True, start=False) as bed:
+    with TestBed(programs, pinned=pinned, start=False) as bed:
         for i, side in enumerate(sides):
             print(f"\rrun {i + 1} of {len(sides)}: {side:<8}", end="", file=sys.stderr, flush=True)
-            runs.append(measure_once(bed, side, effort))
+            runs.append(measure_once(bed, side, what, effort))
     print(file=sys.stderr)
     return runs
 
@@ -75,6 +75,8 @@ def options():
                                      "the same work on the same libraries and nothing else; prints the ratio of the two.")
     parser.add_argument("--rounds", type=int, default=11, metavar="N", help="ratios per row; 11 unless told otherwise")
     parser.add_argument("--smoke", action="store_true", help="one short round, which shows only that everything runs")
+    parser.add_argument("--unpinned", action="store_true", help="compare reads and logins, with wake-ups, where the "
+                        "scheduler chooses the processors")
     parser.add_argument("--peer", action="store_true",
                         help="compare the service with an MQTT broker that passes the same events on")
     parser.add_argument("--rack", action="store_true",
@@ -109,9 +111,11 @@ def run(chosen):
         what, found = "rack", racks.measure(chosen.programs, chosen.smoke)
         print_table(*racks.table(found))
     else:
-        what = "runs"
-        found = measure(chosen.programs, 1 if chosen.smoke else chosen.rounds, 20 if chosen.smoke else 1)
-        print_comparisons(rows.comparisons(found))
+        what, load, groups = (("unpinned", "commands", rows.UNPINNED_GROUPS) if chosen.unpinned else
+                              ("runs", "measure", rows.GROUPS))
+        rounds, effort = (1, 20) if chosen.smoke else (chosen.rounds, 1)
+        found = measure(chosen.programs, rounds, effort, load, pinned=not chosen.unpinned)
+        print_comparisons(rows.comparisons(found, groups))
     if not chosen.smoke:
         kept |= {what: found, f"{what} from": machine()}
         chosen.figures.parent.mkdir(exist_ok=True)

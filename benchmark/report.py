@@ -116,11 +116,15 @@ def write(root, kept):
     """Replaces the parts of the page that something was measured for."""
     path = root / "docs/performance.md"
     page = path.read_text(encoding="utf-8")
-    compared = rows.comparisons(kept["runs"]) if "runs from" in kept else {}
+    pinned = rows.comparisons(kept["runs"], rows.GROUPS) if "runs from" in kept else {}
+    unpinned = rows.comparisons(kept["unpinned"], rows.UNPINNED_GROUPS) if "unpinned from" in kept else {}
     parts = {}
-    if compared:
-        parts = {"summary": _summary(compared), "machine": _machine(kept), "tables": _tables(compared), "over": _over(compared)}
-        _draw(root / "docs/performance", compared)
+    if pinned:
+        parts = {"summary": _summary(pinned), "machine": _machine(kept), "tables": _tables(pinned), "over": _over(pinned)}
+        _draw(root / "docs/performance", pinned)
+    if unpinned:
+        lines = [rows.cells(line) for group in unpinned.values() for line in group]
+        parts["unpinned"] = f"{_origin(kept['unpinned from'])}.\n\n{_markdown(rows.HEADINGS, lines)}"
     for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table)):
         if f"{what} from" in kept:
             parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
@@ -129,5 +133,5 @@ def write(root, kept):
     for mark, text in parts.items():
         page = _replace(page, mark, text)
     path.write_text(page, encoding="utf-8")
-    for name in _unexplained(page, compared):
+    for name in _unexplained(page, pinned | unpinned):
         print(f"docs/performance.md gives no reason yet for: {name}")

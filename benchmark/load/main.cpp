@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <map>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
@@ -19,18 +20,23 @@ static void raise_descriptor_limit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+static const std::map<std::string_view, Figures (*)(pid_t, int)> measurements = {
+    {"measure",  measure         },
+    {"commands", measure_commands},
+    {"events",   measure_events  },
+};
+
 int main(int argc, char **argv) try {
     const std::string_view mode = argc > 1 ? argv[1] : "";
     raise_descriptor_limit();
-    if ((mode == "measure" || mode == "events") && argc == 4) {
+    if (const auto measurement = measurements.find(mode); measurement != measurements.end() && argc == 4) {
         const pid_t process = std::stoi(argv[2]);
         const int effort = std::max(1, std::stoi(argv[3]));
-        const Figures figures = mode == "measure" ? measure(process, effort) : measure_events(process, effort);
-        puts(nlohmann::json(figures).dump().c_str());
+        puts(nlohmann::json(measurement->second(process, effort)).dump().c_str());
     } else if (mode == "count" && argc == 2) {
         work_in_steps();
     } else {
-        fputs("usage: bench-load measure|events PID EFFORT | bench-load count\n", stderr);
+        fputs("usage: bench-load measure|commands|events PID EFFORT | bench-load count\n", stderr);
         return EX_USAGE;
     }
     return EXIT_SUCCESS;

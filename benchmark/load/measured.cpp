@@ -32,19 +32,21 @@ static void pause_us(double us) { std::this_thread::sleep_for(std::chrono::micro
 
 static int times(const Bench &bench, int count) { return std::max(1, count / bench.effort); }
 
-static void record(Bench &bench, const std::string &row, const Cost &cost, double count) {
+static void record_work(Bench &bench, const std::string &row, const Cost &cost, double count) {
     bench.figures[row + ".cpu"] = cost.cpu_us / count;
+    bench.figures[row + ".wakes"] = cost.wakes / count;
+}
+
+static void record(Bench &bench, const std::string &row, const Cost &cost, double count) {
+    record_work(bench, row, cost, count);
     bench.figures[row + ".time"] = cost.time_us / count;
 }
 
 static void idle(Bench &bench) {
     const std::string row = "idle." + std::to_string(bench.clients.size());
     const double duration_us = 1000.0 * times(bench, idle_ms);
-    const long sleeps_before = sleep_count(bench.process);
     const Cost cost = cost_of(bench.process, [&] { pause_us(duration_us); });
-    bench.figures[row + ".cpu"] = cost.cpu_us / (cost.time_us / 1e6);
-    bench.figures[row + ".wakes"] =
-        static_cast<double>(sleep_count(bench.process) - sleeps_before) / (cost.time_us / 1e6);
+    record_work(bench, row, cost, cost.time_us / 1e6);
 }
 
 /* Each answer is timed on its own, with a pause before the next request. */
@@ -67,7 +69,7 @@ static void discover(Bench &bench, const std::string &row, bool with_key, bool k
     const Cost cost = cost_of(bench.process, [&] {
         for (int i = 0; i < count; ++i) answers.time([&] { discovery.ask(id_of(i), with_key); });
     });
-    bench.figures["discovery." + row + ".cpu"] = cost.cpu_us / count;
+    record_work(bench, "discovery." + row, cost, count);
     bench.figures["discovery." + row + ".time"] = median(answers.times_us);
     for (int i = 0; i < (known ? 1 : count); ++i) ask(bench.auth, logout_request(id_of(i)));
 }
@@ -82,7 +84,7 @@ static void log_in_and_out(Bench &bench) {
             logged_out.time([&] { ask(bench.auth, logout_request(id)); });
         }
     });
-    bench.figures["login.cpu"] = cost.cpu_us / count;
+    record_work(bench, "login", cost, count);
     bench.figures["login.time"] = median(logged_in.times_us);
     bench.figures["logout.time"] = median(logged_out.times_us);
 }
@@ -144,7 +146,7 @@ static void events(Bench &bench) {
         }
     });
     const double deliveries = static_cast<double>(bench.clients.size()) * burst_length * bursts;
-    bench.figures[row + ".cpu"] = cost.cpu_us / deliveries;
+    record_work(bench, row, cost, deliveries);
     bench.figures[row + ".time"] = delay_us / bursts;
 }
 
@@ -161,7 +163,7 @@ static void latency(Bench &bench) {
             times_us.push_back(now_us() - before);
         }
     });
-    bench.figures[row + ".cpu"] = cost.cpu_us / count;
+    record_work(bench, row, cost, count);
     bench.figures[row + ".time"] = median(times_us);
     bench.figures[row + ".memory"] = resident_kib(bench.process);
     bench.figures[row + ".descriptors"] = descriptor_count(bench.process);
@@ -181,6 +183,10 @@ static const Stage whole_ramp[] = {
     {500, {latency, events}                                       },
     {998, {latency}                                               },
 };
+static const Stage command_ramp[] = {
+    {1,  {log_in_and_out, commands}},
+    {10, {commands}                },
+};
 static const Stage event_ramp[] = {
     {1,   {events}},
     {10,  {events}},
@@ -197,6 +203,12 @@ static void climb(Bench &bench, std::span<const Stage> ramp) {
     }
 }
 
+static Figures climb_alone(pid_t process, int effort, std::span<const Stage> ramp) {
+    Bench bench{process, effort, {}, connect_auth(), {}};
+    climb(bench, ramp);
+    return bench.figures;
+}
+
 Figures measure(pid_t process, int effort) {
     Bench bench{process, effort, {}, connect_auth(), {}};
     discover(bench, "key", true, false);
@@ -207,8 +219,6 @@ Figures measure(pid_t process, int effort) {
     return bench.figures;
 }
 
-Figures measure_events(pid_t process, int effort) {
-    Bench bench{process, effort, {}, connect_auth(), {}};
-    climb(bench, event_ramp);
-    return bench.figures;
-}
+Figures measure_commands(pid_t process, int effort) { return climb_alone(process, effort, command_ramp); }
+
+Figures measure_events(pid_t process, int effort) { return climb_alone(process, effort, event_ramp); }

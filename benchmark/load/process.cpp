@@ -23,12 +23,6 @@ static double cpu_us(pid_t process) {
 
 double now_us() { return clock_us(CLOCK_MONOTONIC); }
 
-Cost cost_of(pid_t process, const std::function<void()> &work) {
-    const double cpu_before = cpu_us(process), before = now_us();
-    work();
-    return {cpu_us(process) - cpu_before, now_us() - before};
-}
-
 static fs::path folder_of(pid_t process) { return fs::path("/proc") / std::to_string(process); }
 
 // The number in the line "NAME: NUMBER" of a status file; 0 without such a line.
@@ -40,6 +34,21 @@ static long status_number(const fs::path &status, const std::string &name) {
     return 0;
 }
 
+static long sleep_count(pid_t process) {
+    long count = 0;
+    for (const fs::directory_entry &thread : fs::directory_iterator(folder_of(process) / "task"))
+        count += status_number(thread.path() / "status", "voluntary_ctxt_switches");
+    return count;
+}
+
+Cost cost_of(pid_t process, const std::function<void()> &work) {
+    const long sleeps_before = sleep_count(process);
+    const double cpu_before = cpu_us(process), before = now_us();
+    work();
+    const double cpu = cpu_us(process) - cpu_before, time = now_us() - before;
+    return {cpu, time, static_cast<double>(sleep_count(process) - sleeps_before)};
+}
+
 double resident_kib(pid_t process) {
     return static_cast<double>(status_number(folder_of(process) / "status", "VmRSS"));
 }
@@ -47,13 +56,6 @@ double resident_kib(pid_t process) {
 int descriptor_count(pid_t process) {
     const fs::directory_iterator descriptors(folder_of(process) / "fd");
     return static_cast<int>(std::distance(fs::begin(descriptors), fs::end(descriptors)));
-}
-
-long sleep_count(pid_t process) {
-    long count = 0;
-    for (const fs::directory_entry &thread : fs::directory_iterator(folder_of(process) / "task"))
-        count += status_number(thread.path() / "status", "voluntary_ctxt_switches");
-    return count;
 }
 
 double median(std::vector<double> values) {

@@ -9,6 +9,7 @@
 struct Cost {
     double cpu_us;  /* processor time of all threads of the process */
     double time_us; /* time on the clock */
+    double wakes;   /* how often its threads were woken, which is how often they had gone to sleep */
 };
 
 /* What the process spends while `work` runs in this one. */
@@ -17,8 +18,6 @@ Cost cost_of(pid_t process, const std::function<void()> &work);
 double now_us();
 double resident_kib(pid_t process);
 int descriptor_count(pid_t process);
-/* How often the process's threads have gone to sleep, which is how often they were woken. */
-long sleep_count(pid_t process);
 
 /* The middle one of the values; of an even number, the upper. */
 double median(std::vector<double> values);
