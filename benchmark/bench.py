@@ -10,6 +10,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.append(str(ROOT))
+import bridge
 import counts
 import peer
 import racks
@@ -81,6 +82,8 @@ def options():
                         help="compare the service with an MQTT broker that passes the same events on")
     parser.add_argument("--rack", action="store_true",
                         help="measure racks of devices, and a client that hears all of one, instead")
+    parser.add_argument("--bridge", action="store_true",
+                        help="measure the bridge to an MQTT broker beside mosquitto_pub, with racks of devices, instead")
     parser.add_argument("--counts", action="store_true", help="count instructions, allocations and system calls instead")
     parser.add_argument("--check", action="store_true", help="with --counts: fail when the service costs more beside the "
                         "baseline than benchmark/bounds.py allows")
@@ -110,6 +113,9 @@ def run(chosen):
     elif chosen.rack:
         what, found = "rack", racks.measure(chosen.programs, chosen.smoke)
         print_table(*racks.table(found))
+    elif chosen.bridge:
+        what, found = "bridge", bridge.measure(chosen.programs, chosen.smoke)
+        print_table(*bridge.table(found))
     else:
         what, load, groups = (("unpinned", "commands", rows.UNPINNED_GROUPS) if chosen.unpinned else
                               ("runs", "measure", rows.GROUPS))

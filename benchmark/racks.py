@@ -48,10 +48,10 @@ class RunningRack:
         self.__exit__()
         raise Failure(f"the rack of {self.count} ended before it said: {beginning}")
 
-    def enter(self, output, *command):
+    def enter(self, output, *command, stdin=subprocess.DEVNULL):
         """What it says is in that file."""
         with output.open("wb") as log:
-            return subprocess.Popen([RACK, "enter", *command], env=self.environment, stdout=log, stderr=log)
+            return subprocess.Popen([RACK, "enter", *command], env=self.environment, stdin=stdin, stdout=log, stderr=log)
 
     def services(self):
         """The process ids of its services."""

@@ -5,6 +5,7 @@ Only what stands between the page's marks is replaced; everything else on it is 
 import re
 import subprocess
 
+import bridge
 import counts
 import peer
 import racks
@@ -125,7 +126,7 @@ def write(root, kept):
     if unpinned:
         lines = [rows.cells(line) for group in unpinned.values() for line in group]
         parts["unpinned"] = f"{_origin(kept['unpinned from'])}.\n\n{_markdown(rows.HEADINGS, lines)}"
-    for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table)):
+    for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table), ("bridge", bridge.table)):
         if f"{what} from" in kept:
             parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
     if not parts:

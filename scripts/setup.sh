@@ -6,6 +6,7 @@ test_packages=(libgtest-dev libgmock-dev bubblewrap clang-format mosquitto mosqu
 rack_packages=(python3 iproute2)
 bench_packages=(bubblewrap python3 valgrind strace gnuplot-nox)
 bench_peer_packages=(mosquitto libmosquitto-dev)
+bench_bridge_packages=(mosquitto mosquitto-clients python3-gi)
 
 usage_error=64
 failure=1
