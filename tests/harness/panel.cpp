@@ -25,10 +25,6 @@ static constexpr int settled_ms = 600;  // after this time the library compares 
 const Texts shown_keys = {name_key, secret_key, serial_key};
 static constexpr BusObject data_service = {"com.quillmont.kesto.Data", "/com/quillmont/kesto/Data",
                                            "com.quillmont.kesto.Data.Service"};
-static constexpr const char *notice_names[] = {"connected",     "lost",    "recovered", "read_again",
-                                               "not_reachable", "refused", "invalid"};
-static constexpr const char *outcome_names[] = {"done",    "partly",   "not_allowed", "refused",  "unsupported",
-                                                "invalid", "not_sent", "unknown",     "nonsense", "interrupted"};
 
 kesto::ClientOptions panel_options(int port) {
     kesto::ClientOptions options;
@@ -63,7 +59,7 @@ Panel::Panel(kesto::ClientOptions options) {
 }
 
 void Panel::take_notice(kesto::Notice notice, const std::string &sentence) {
-    seen.push_back(notice_names[static_cast<size_t>(notice)] + (sentence.empty() ? "" : ": " + sentence));
+    seen.push_back(kesto::notice_name(notice) + (sentence.empty() ? "" : ": " + sentence));
     if (judge) judge(notice);
     if (is_connected(notice)) read_all();
     else if (notice != kesto::Notice::invalid) skip(pause_ms);
@@ -104,7 +100,7 @@ void Panel::ask(kesto::Operation operation, kesto::Answered judge_answer) {
 
 void Panel::ask(kesto::Operation operation) {
     ask(std::move(operation),
-        [this](const kesto::Answer &answer) { seen.emplace_back(outcome_names[static_cast<size_t>(answer.outcome)]); });
+        [this](const kesto::Answer &answer) { seen.push_back(kesto::outcome_name(answer.outcome)); });
 }
 
 void Panel::expect(const Texts &patterns, Where where) {

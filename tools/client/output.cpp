@@ -266,7 +266,7 @@ Output format_published_by(const Source &source, const kesto::Published &publish
     return format_at(source, what.json, (by_client ? "" : "device: ") + what.text);
 }
 
-Output format_notice(const Source &source, const char *event, const std::string &text) {
+Output format_notice(const Source &source, const std::string &event, const std::string &text) {
     return format_at(source,
                      {
                          {"event", event},

@@ -37,4 +37,4 @@ struct Source {
 
 /* The same, with device and causer, and what the connection to the device has come to. */
 Output format_published_by(const Source &source, const kesto::Published &published);
-Output format_notice(const Source &source, const char *event, const std::string &text);
+Output format_notice(const Source &source, const std::string &event, const std::string &text);

@@ -91,13 +91,7 @@ class WatchAll {
 };
 
 void WatchAll::show_notice(const Source &source, kesto::Notice notice, const std::string &why) const {
-    static constexpr const char *events[] = {"connected",     "lost",    "recovered", "read_again",
-                                             "not_reachable", "refused", "invalid"};
-    static constexpr const char *beginnings[] = {
-        "connected",       "connection lost: ", "connected again", "values may have changed: ",
-        "not reachable: ", "refused: ",         "wrong usage: "};
-    const auto index = static_cast<size_t>(notice);
-    print_output(options_.json, format_notice(source, events[index], beginnings[index] + why));
+    print_output(options_.json, format_notice(source, kesto::notice_name(notice), kesto::notice_text(notice, why)));
 }
 
 void WatchAll::take(kesto::News news, const kesto::Device &device) {

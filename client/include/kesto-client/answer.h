@@ -21,6 +21,9 @@ enum class Outcome {
     interrupted,  // of a blocking call: its caller asked it to stop; else as `unknown`
 };
 
+/* "not_allowed", for logs and machines. */
+KESTO_CLIENT_API std::string outcome_name(Outcome outcome);
+
 struct Answer {
     Outcome outcome = Outcome::done;
     std::string sentence;  // why, for people, on one line; empty when done

@@ -46,6 +46,12 @@ enum class Notice {
     invalid,        // an option is wrong: there are no attempts
 };
 
+/* "read_again", for logs and machines. */
+KESTO_CLIENT_API std::string notice_name(Notice notice);
+
+/* Notice and sentence as one line for people: "not reachable: ...". */
+KESTO_CLIENT_API std::string notice_text(Notice notice, const std::string &sentence);
+
 struct ClientCallbacks {
     /* `sentence` is for people, on one line; empty for connected and recovered. */
     std::function<void(Notice notice, const std::string &sentence)> notice = {};
