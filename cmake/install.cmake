@@ -51,5 +51,7 @@ if(ACCESS_MQTT)
   install(FILES packaging/systemd/kesto-mqtt.conf
     DESTINATION ${install_etc} PERMISSIONS OWNER_READ OWNER_WRITE COMPONENT mqtt)
   install(FILES docs/mqtt.md DESTINATION ${install_docs}/kesto-mqtt COMPONENT mqtt OPTIONAL)
+  install(DIRECTORY docs/mqtt DESTINATION ${install_docs}/kesto-mqtt COMPONENT mqtt OPTIONAL)  # its pictures
+  install(DIRECTORY examples/mqtt/ DESTINATION ${install_docs}/kesto-mqtt/examples COMPONENT mqtt)
   install(FILES docs/man/kesto-mqtt.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT mqtt OPTIONAL)
 endif()
