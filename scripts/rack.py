@@ -39,11 +39,11 @@ Serving until Ctrl-C. In a second terminal, at the root of the checkout ({progra
     {program} enter wireshark -k -i {bridge}       or any other program
     {program} enter build/release/bin/kesto-client discover
     {program} list                             the devices' addresses and folders
-    {program} unplug {count}                         pull a device's cable; plug {count} puts it back
-    {program} restart {count}                        switch it off and on
-    {program} fault {count} read=late:3000           make it slow; read=never: silent; read=none: as it was
-    {program} address {count} 10.77.9.9              give it another address
-    {program} log {count}                            what its service has logged
+    {program} unplug 1                         pull a device's cable; plug 1 puts it back
+    {program} restart 1                        switch it off and on
+    {program} fault 1 read=late:3000           make it slow; read=never: silent; read=none: as it was
+    {program} address 1 10.77.9.9              give it another address
+    {program} log 1                            what its service has logged
 
 What device N has in its /tmp is in {folder}/N.
 """
@@ -78,7 +78,7 @@ def serve(rack, folder):
     with socket.socket(socket.AF_UNIX) as listener:
         listener.bind(str(folder / SOCKET))
         listener.listen()
-        print(HINTS.format(program=PROGRAM, folder=folder, bridge=racks.BRIDGE, count=len(rack.devices)), flush=True)
+        print(HINTS.format(program=PROGRAM, folder=folder, bridge=racks.BRIDGE), flush=True)
         while True:
             ready, _, _ = select.select([listener], [], [], LOOK_S)
             if ready:
