@@ -80,6 +80,7 @@ void MirroredDevice::broker_lost(const std::string &why) {
     answers_.clear();
     const std::vector<Publication> alarms = broker_.take_unacknowledged();
     alarms_.insert(alarms_.begin(), alarms.begin(), alarms.end());
+    drop_old_alarms();
 }
 
 void MirroredDevice::take_message(const Message &message) {
@@ -153,9 +154,11 @@ void MirroredDevice::take_alarm(const kesto::Alarm &alarm) {
         {"time",   time_of_day_text()}
     };
     alarms_.push_back({topic("alarm/" + std::to_string(alarm.channel)), json_text(object), false, {}, true});
-    if (alarms_.size() <= alarms_most) return;
-    alarms_.pop_front();
-    ++counts_.alarms_dropped;
+    drop_old_alarms();
+}
+
+void MirroredDevice::drop_old_alarms() {
+    for (; alarms_.size() > alarms_most; ++counts_.alarms_dropped) alarms_.pop_front();
 }
 
 /* Own messages come, too, since those of an earlier run are the broker's to leave out otherwise. */

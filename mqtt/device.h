@@ -39,6 +39,7 @@ class MirroredDevice {
     void take_holder(const Message &message);
     void take_set(const std::string &key, const Message &message);
     void take_alarm(const kesto::Alarm &alarm);
+    void drop_old_alarms();
     void answer_set(const Set &set, const kesto::Answer &answer);
     void answer(const Set &set, const std::string &outcome, const std::string &reason);
 
