@@ -42,6 +42,7 @@ BrokerCallbacks Bridge::broker_callbacks() {
         trouble_.clear();
         availability_waits_ = true;
         counts_published_ = {};
+        counts_at_ms_ = 0;
         broker_.subscribe(device_topic("+", "bridge"));
         broker_.subscribe_with_own(bridge_topic(options_.id, "instance"));
         instance_known_ = instance_said_;
