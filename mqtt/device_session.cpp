@@ -107,6 +107,7 @@ void DeviceSession::write(const std::string &key, const std::string &value, kest
 }
 
 void DeviceSession::go_on(std::int64_t now_ms) {
+    if (is_fresh_ && now_ms >= read_anyway_at_ms_) read_wanted_ = true;
     if (read_wanted_ && !is_reading_ && is_connected() && now_ms >= read_at_ms_) begin_reading();
 }
 
@@ -154,6 +155,8 @@ void DeviceSession::end_reading() {
     if (is_all) problem_.clear();
     else read_wanted_ = true;
     const int pause_ms = is_all ? read_pause_ms : is_fresh_ ? partial_read_pause_ms : failed_read_pause_ms;
-    read_at_ms_ = clock_ms() + pause_ms;
+    const std::int64_t now_ms = clock_ms();
+    read_at_ms_ = now_ms + pause_ms;
+    read_anyway_at_ms_ = now_ms + std::int64_t{options_.read_every_s} * ms_per_s;
     read_.clear();
 }

@@ -55,7 +55,7 @@ class DeviceSession {
 
     Mirror mirror_;
     bool is_fresh_ = false, is_reading_ = false, read_wanted_ = false;
-    std::int64_t read_at_ms_ = 0;
+    std::int64_t read_at_ms_ = 0, read_anyway_at_ms_ = 0;  // when it is wanted, and when it is not
     std::uint64_t reading_ = 0;  // the number of the read under way; answers to former ones come late
     std::vector<kesto::Pair> read_;
     size_t branches_read_ = 0;

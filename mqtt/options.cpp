@@ -12,7 +12,7 @@
 #include "topics.h"
 
 static constexpr int usual_port = 1883, usual_tls_port = 8883, last_port = 65535;
-static constexpr int longest_pause_most_s = 3600;
+static constexpr int longest_pause_most_s = 3600, read_every_most_s = 86400;
 static constexpr int usage_status = 64;
 static constexpr const char *usual_file = "/etc/kesto-mqtt.conf";
 
@@ -58,6 +58,8 @@ static const Setting settings[] = {
     text_setting("password", "TEXT", &Options::password, "Password at the devices (default: $KESTO_PASSWORD)"),
     number_setting("longest-pause", "S", &Options::longest_pause_s, longest_pause_most_s,
                    "Seconds between two attempts to reach the broker or a device (default: 30)"),
+    number_setting("read-every", "S", &Options::read_every_s, read_every_most_s,
+                   "Seconds between two whole reads of a device (default: 600)"),
     flag_setting("read-only", &Options::read_only, "Take no sets"),
     list_setting("address", "ADDRESS", &Options::addresses,
                  "Ask this address, and do not ask by broadcast; can be repeated"),

@@ -15,6 +15,7 @@ struct Options {
     std::string user = "quillmont", password;
     bool read_only = false;
     int longest_pause_s = 30;  // between two attempts to reach the broker or a device
+    int read_every_s = 600;    // the whole device, without a sign that anything has changed
     std::vector<std::string> addresses, interfaces, serials, branches;
 };
 
