@@ -7,6 +7,7 @@ import contextlib
 import json
 import os
 import random
+import re
 import signal
 import subprocess
 import sys
@@ -15,13 +16,12 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 sys.dont_write_bytecode = True
+from testbed.broker import LEFT_OUT, PORT, Broker, topics_of  # noqa: E402
 from testbed.gateway import CONTROL, Failure, TestBed, check, wait_until  # noqa: E402
 
 SERIAL, PASSWORD = "QM240817", "tandrivel"
 NAME = "/Device/Config/Name"
 KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness"]
-PORT = "18830"  # not the one of a broker that the machine may have
-HIDDEN = ("Password", "Passphrase", "Secret", "Pin")
 TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
 SETS = [  # key, value, outcome, part of the reason
     (NAME, "Hall 5", "done", ""),
@@ -35,37 +35,20 @@ SETS = [  # key, value, outcome, part of the reason
 
 class Hall:
     def __init__(self, bin_dir, folder):
-        self.folder, self.fences = Path(folder), 0
+        self.folder = Path(folder)
         self.bed = TestBed(bin_dir, device=None)
+        (self.folder / "store").write_text(f"[Values]\n{LEFT_OUT[1]}=1\n")
         self.start_device()
-        (self.folder / "broker.conf").write_text(f"listener {PORT} 127.0.0.1\nallow_anonymous true\n")
-        self.start_broker()
+        self.broker = Broker(self.bed)
+        self.publish, self.retained = self.broker.publish, self.broker.retained
         self.start_bridge()
 
     def start_device(self):
         self.bed.start_device("--store", self.folder / "store")
 
-    def start_broker(self):
-        self.broker = self.bed.start("broker", ["mosquitto", "-c", self.folder / "broker.conf"])
-        wait_until(lambda: "running" in self.bed.role_log("broker"), "the broker runs")
-
     def start_bridge(self, name="b1", *options):
         words = ["--address=127.0.0.1", f"--port={PORT}", "--longest-pause=1", f"--id={name}", *options]
         self.bridge = self.bed.start(name, [self.bed.bin / "kesto-mqtt", *words], {"KESTO_PASSWORD": PASSWORD})
-
-    def publish(self, topic, payload, *options):
-        self.bed.load(["mosquitto_pub", "-p", PORT, "-q", "1", "-t", topic, "-m", payload, *options])
-
-    def retained(self):
-        """All that the broker has kept, by topic; a message that is kept, too, marks the end."""
-        self.fences += 1
-        self.publish("fence", str(self.fences), "-r")
-        command = ["mosquitto_sub", "-p", PORT, "-t", "kesto/#", "-t", "fence", "-F", "%t\t%p"]
-        process = self.bed.start("sub", command, stdout=subprocess.PIPE, text=True)
-        with process.stdout as lines:
-            kept = dict(line[:-1].split("\t", 1) for line in iter(lines.readline, f"fence\t{self.fences}\n"))
-        self.bed.kill(process)
-        return kept
 
     def kesto(self, *words):
         return self.bed.load([self.bed.bin / "kesto-client", f"--password={PASSWORD}", *words])
@@ -75,10 +58,7 @@ class Hall:
         self.bed.load(["gdbus", "call", "--session", "-d", name, "-o", path, "-m", f"{interface}.{method}", "--", *arguments])
 
     def held(self):
-        """What the device holds, as topics; what is empty is not kept, and what is secret is not shown."""
-        values = json.loads(self.kesto("--json", "read", "-r", "/Device"))["entries"]
-        shown = {key: "********" if key.endswith(HIDDEN) else value for key, value in values.items()}
-        return {f"{TOPIC}/state{key}": value for key, value in shown.items() if value}
+        return topics_of(SERIAL, json.loads(self.kesto("--json", "read", "-r", "/Device"))["entries"])
 
     def differences(self):
         held, kept = self.held(), self.retained()
@@ -97,6 +77,10 @@ class Hall:
     def expect_log(self, text, name="b1"):
         wait_until(lambda: text in self.bed.role_log(name), f"{name} says {text!r}")
 
+    def expect_count(self, name, count):
+        counts = "kesto/bridge/b1/counts"
+        wait_until(lambda: json.loads(self.retained().get(counts, "{}")).get(name) == count, f"{count} {name}")
+
     def set(self, key, value):
         """The answer to a set, which comes with the correlation of its request."""
         command = ["mosquitto_rr", "-p", PORT, "-V", "5", "-t", f"{TOPIC}/set{key}", "-e", "answers/1", "-m", value,
@@ -104,8 +88,17 @@ class Hall:
         return json.loads(self.bed.load(command).split("one ", 1)[1])
 
 
-def check_sets(hall):
+def check_start(hall):
+    """Before there is a broker; then with one that refuses a key, and another key that is no topic."""
+    hall.expect_log("broker: Connection refused")
+    hall.broker.start()
     hall.expect_equal("the start")
+    hall.expect_log(f"{LEFT_OUT[1]} cannot be a topic")
+    hall.expect_log("the broker refuses a message: Not authorized")
+    hall.expect_count("not_publishable", 2)
+
+
+def check_sets(hall):
     for key, value, outcome, reason in SETS:
         answer = hall.set(key, value)
         check(answer["outcome"] == outcome and reason in answer.get("reason", ""), f"set {key} {value!r}: {answer}")
@@ -140,6 +133,49 @@ def check_events(hall):
     alarm = json.loads(listener.stdout.read())
     check(alarm | {"time": ""} == {"code": 40, "active": 1, "value": 91.5, "time": ""}, f"an alarm: {alarm}")
 
+
+def check_stopped_broker(hall):
+    """What waits is bounded, what was under way is not lost, and what is dropped is counted."""
+    hall.broker.process.send_signal(signal.SIGSTOP)
+    for number in range(140):
+        hall.control("Alarm", "40", str(number), "3")
+    hall.control("LoadSnapshot", "7")
+    hall.expect_log("snapshot 7 was loaded")  # behind the alarms
+    hall.broker.kill()
+    hall.bridge.send_signal(signal.SIGSTOP)
+    hall.broker.start()
+    listener, _ = hall.broker.listen(f"{TOPIC}/alarm/3", form="%p")
+    hall.bridge.send_signal(signal.SIGCONT)
+    came = [json.loads(listener.stdout.readline())["value"] for _ in range(100)]
+    check(came == list(range(40, 140)), f"these alarms came: {came}")
+    hall.bed.kill(listener)
+    hall.expect_equal("a broker that stood still")
+    hall.expect_count("alarms_dropped", 40)
+
+
+def check_same_id(hall):
+    first = hall.bridge
+    hall.start_bridge("twin", "--id=b1")
+    hall.expect_log("another program has used the id b1")
+    hall.bed.kill(hall.bridge)
+    hall.bridge = first
+    hall.expect_equal("the end of a bridge with the same id")
+
+
+def check_other_store(hall):
+    """The service sees nothing of it, and so no client is told."""
+    hall.bed.kill(hall.bridge)
+    hall.start_bridge("b1", "--read-every=1")
+    hall.expect_equal("a start")
+    hall.bed.kill(hall.bed.device)
+    store = hall.folder / "store"
+    store.write_text(re.sub(f"{NAME}=.*", f"{NAME}=from another store", store.read_text()))
+    hall.start_device()
+    hall.expect_equal("a data service with another store")
+    hall.bed.kill(hall.bridge)
+    hall.start_bridge()
+
+
 def check_second_bridge(hall):
     """Each of the two says so; the one that goes does not take the device offline for long."""
     (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nbranch = /Device/Config\n")
@@ -157,6 +193,8 @@ def check_second_bridge(hall):
 def check_end(hall):
     hall.bridge.send_signal(signal.SIGTERM)
     check(hall.bridge.wait() == 0, f"the bridge ended with {hall.bridge.returncode}")
+    hall.expect_log("ended; ")
+    hall.expect_log(" 40 alarms dropped")
     hall.expect_kept(AVAILABILITY, "offline")
     hall.start_bridge()
 
@@ -174,12 +212,12 @@ def change(hall, chance):
 
 def walk(hall, steps, seed):
     chance, bed = random.Random(seed), hall.bed
-    restarts = {"bridge": (lambda: hall.bridge, hall.start_bridge), "broker": (lambda: hall.broker, hall.start_broker),
+    restarts = {"bridge": (lambda: hall.bridge, hall.start_bridge), "broker": (lambda: hall.broker.process, hall.broker.start),
                 "service": (lambda: bed.program, bed.start_program), "device": (lambda: bed.device, hall.start_device)}
     for step in range(steps):
         role = chance.choice(list(restarts))
         process, start = restarts[role]
-        stopped = chance.choice([hall.broker, hall.bridge, bed.program])
+        stopped = chance.choice([hall.broker.process, hall.bridge, bed.program])
         stopped.send_signal(signal.SIGSTOP)
         for _ in range(chance.randrange(4)):
             hall.control("Change", chance.choice(KEYS), str(chance.randrange(1000)), "s")
@@ -195,6 +233,7 @@ steps, seed = int(os.environ.get("KESTO_MQTT_STEPS", "15")), int(os.environ.get(
 with tempfile.TemporaryDirectory() as folder:
     hall = Hall(sys.argv[1], folder)
     with hall.bed:
-        for part in (check_sets, check_remains, check_events, check_second_bridge, check_end):
+        for part in (check_start, check_sets, check_remains, check_events, check_same_id, check_other_store, check_second_bridge,
+                     check_stopped_broker, check_end):
             part(hall)
         walk(hall, steps, seed)
