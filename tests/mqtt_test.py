@@ -21,7 +21,8 @@ from testbed.gateway import CONTROL, Failure, TestBed, check, wait_until  # noqa
 
 SERIAL, PASSWORD = "QM240817", "tandrivel"
 NAME = "/Device/Config/Name"
-KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness"]
+KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness",
+        "/Device/Config/Security/FrontPanel/Pin"]
 TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
 SETS = [  # key, value, outcome, part of the reason
     (NAME, "Hall 5", "done", ""),
@@ -37,13 +38,16 @@ class Hall:
     def __init__(self, bin_dir, folder):
         self.folder = Path(folder)
         self.bed = TestBed(bin_dir, device=None)
-        (self.folder / "store").write_text(f"[Values]\n{LEFT_OUT[1]}=1\n")
-        self.start_device()
+        self.start_device(**{LEFT_OUT[1]: "1", "/Device/Config/Gone": "soon"})
         self.broker = Broker(self.bed)
         self.publish, self.retained = self.broker.publish, self.broker.retained
         self.start_bridge()
 
-    def start_device(self):
+    def start_device(self, **values):
+        """With these in its store, or with what it kept."""
+        if values:
+            lines = (f"{key}={value}\n" for key, value in values.items())
+            (self.folder / "store").write_text("[Values]\n" + "".join(lines))
         self.bed.start_device("--store", self.folder / "store")
 
     def start_bridge(self, name="b1", *options):
@@ -96,6 +100,8 @@ def check_start(hall):
     hall.expect_log(f"{LEFT_OUT[1]} cannot be a topic")
     hall.expect_log("the broker refuses a message: Not authorized")
     hall.expect_count("not_publishable", 2)
+    info = json.loads(hall.retained()[f"{TOPIC}/info"])
+    check((info["model"], info["addresses"]) == ("KX8-3000", ["127.0.0.1"]), f"what the device says of itself: {info}")
 
 
 def check_sets(hall):
@@ -125,7 +131,12 @@ def check_events(hall):
     hall.expect_kept(AVAILABILITY, "offline")
     answer = hall.set(NAME, "nobody there")
     check(answer == {"outcome": "refused", "reason": "the device is away"}, f"a set on a device that is away: {answer}")
+    hall.control("Change", NAME, "meanwhile", "s")
+    listener, _ = hall.broker.listen(f"{TOPIC}/state{NAME}", AVAILABILITY, form="%p")
     hall.bed.start_program()
+    came = list(iter(listener.stdout.readline, "online\n"))
+    check(came[-1:] == ["meanwhile\n"], f"before it was online again it was {came}")
+    hall.bed.kill(listener)
     hall.expect_equal("a restart of the service")
     listener = hall.bed.start("alarm", ["mosquitto_sub", "-p", PORT, "-C", "1", "-t", f"{TOPIC}/alarm/3"], stdout=subprocess.PIPE)
     while listener.poll() is None:
@@ -163,14 +174,17 @@ def check_same_id(hall):
 
 
 def check_other_store(hall):
-    """The service sees nothing of it, and so no client is told."""
+    """Neither the service nor any client is told of it."""
+    def change_store(name):
+        hall.bed.kill(hall.bed.device)
+        hall.start_device(**{NAME: name})
+    change_store("seen when a snapshot is loaded")
+    hall.control("LoadSnapshot", "1")
+    hall.expect_equal("a snapshot")
     hall.bed.kill(hall.bridge)
     hall.start_bridge("b1", "--read-every=1")
     hall.expect_equal("a start")
-    hall.bed.kill(hall.bed.device)
-    store = hall.folder / "store"
-    store.write_text(re.sub(f"{NAME}=.*", f"{NAME}=from another store", store.read_text()))
-    hall.start_device()
+    change_store("seen by itself")
     hall.expect_equal("a data service with another store")
     hall.bed.kill(hall.bridge)
     hall.start_bridge()
