@@ -1,9 +1,13 @@
 """A real broker beside the programs of a test bed, and what of a device is to stand on it."""
 import subprocess
+from itertools import takewhile
 
-from testbed.gateway import wait_until
+from testbed.gateway import PATIENCE_S, wait_until
 
 PORT = "18830"  # not the one of a broker that the machine may have
+PASSWORD = "tandrivel"  # at the devices
+KEYS = ["/Device/Config/Name", "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO",
+        "/Device/Config/Panel/Brightness"]  # that may be written
 HIDDEN = ("Password", "Passphrase", "Secret", "Pin")
 LEFT_OUT = ("/Device/Status/Uptime", "/Device/Config/Odd+Key")  # the access list forbids the first, the second is no topic
 CONFIG = """listener {port} 127.0.0.1
@@ -45,12 +49,15 @@ class Broker:
         self.bed.load(["mosquitto_pub", "-p", PORT, "-q", "1", "-t", topic, "-m", payload, *options])
 
     def listen(self, *topics, form="%t\t%p"):
-        """A subscriber that has its subscription, and the lines of what it gets; a message that is kept marks the moment."""
+        """A subscriber, and the lines that it had got when its subscription stood, which a message that is kept marks. It ends
+        by itself when its patience is over."""
         self.fences += 1
         self.publish("fence", str(self.fences), "-r")
         words = [word for topic in (*topics, "fence") for word in ("-t", topic)]
-        process = self.bed.start("sub", ["mosquitto_sub", "-p", PORT, "-F", form, *words], stdout=subprocess.PIPE, text=True)
-        return process, list(iter(process.stdout.readline, form.replace("%t", "fence").replace("%p", str(self.fences)) + "\n"))
+        command = ["mosquitto_sub", "-p", PORT, "-W", PATIENCE_S, "-F", form, *words]
+        process = self.bed.start("sub", command, stdout=subprocess.PIPE, text=True)
+        mark = form.replace("%t", "fence").replace("%p", str(self.fences)) + "\n"
+        return process, list(takewhile(lambda line: line != mark, process.stdout))
 
     def retained(self):
         """All that the broker has kept, by topic."""

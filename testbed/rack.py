@@ -140,12 +140,23 @@ def start_device(rack, device):
     start_program(device, "bus", "unix:", ["unshare", "--net", "--mount", "sh", "-c", SET_UP, "sh", device.folder,
                                            rack.programs.parent, *bus])
     lay_cable(device)
-    there, environment = inside(device, "--net", "--mount"), {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/tmp/bus"}
-    start_program(device, "device", "serving", [*there, rack.programs / "kesto-device", "--store=/tmp/device.store",
-                                                *rack.device_options], **environment)
+    start_data_service(rack, device)
+    start_service(rack, device)
+
+
+def start_there(device, name, ready, command, **environment):
+    start_program(device, name, ready, [*inside(device, "--net", "--mount"), *command], **environment,
+                  DBUS_SESSION_BUS_ADDRESS="unix:path=/tmp/bus")
+
+
+def start_data_service(rack, device):
+    start_there(device, "device", "serving", [rack.programs / "kesto-device", "--store=/tmp/device.store",
+                                              *rack.device_options])
+
+
+def start_service(rack, device):
     ready, debug = ("zsys_catch_interrupts", "1") if rack.is_logged else ("", "0")
-    start_program(device, "access", ready, [*there, rack.programs / "kesto-access"], **environment, KESTO_DEBUG=debug,
-                  KESTO_AMP_NAME=device.name)
+    start_there(device, "access", ready, [rack.programs / "kesto-access"], KESTO_DEBUG=debug, KESTO_AMP_NAME=device.name)
 
 
 def stop_device(device):

@@ -12,17 +12,15 @@ import signal
 import subprocess
 import sys
 import tempfile
+from itertools import islice, takewhile
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 sys.dont_write_bytecode = True
-from testbed.broker import LEFT_OUT, PORT, Broker, topics_of  # noqa: E402
+from testbed.broker import KEYS, LEFT_OUT, PASSWORD, PORT, Broker, topics_of  # noqa: E402
 from testbed.gateway import CONTROL, Failure, TestBed, check, wait_until  # noqa: E402
 
-SERIAL, PASSWORD = "QM240817", "tandrivel"
-NAME = "/Device/Config/Name"
-KEYS = [NAME, "/Device/Status/Channels/Channel-1/OutputLevel", "/Device/Config/PROJECT_INFO", "/Device/Config/Panel/Brightness",
-        "/Device/Config/Security/FrontPanel/Pin"]
+SERIAL, NAME, PIN = "QM240817", KEYS[0], "/Device/Config/Security/FrontPanel/Pin"
 TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
 SETS = [  # key, value, outcome, part of the reason
     (NAME, "Hall 5", "done", ""),
@@ -105,6 +103,7 @@ def check_start(hall):
 
 
 def check_sets(hall):
+    hall.control("Change", PIN, "4711", "s")
     for key, value, outcome, reason in SETS:
         answer = hall.set(key, value)
         check(answer["outcome"] == outcome and reason in answer.get("reason", ""), f"set {key} {value!r}: {answer}")
@@ -134,7 +133,7 @@ def check_events(hall):
     hall.control("Change", NAME, "meanwhile", "s")
     listener, _ = hall.broker.listen(f"{TOPIC}/state{NAME}", AVAILABILITY, form="%p")
     hall.bed.start_program()
-    came = list(iter(listener.stdout.readline, "online\n"))
+    came = list(takewhile(lambda line: line != "online\n", listener.stdout))
     check(came[-1:] == ["meanwhile\n"], f"before it was online again it was {came}")
     hall.bed.kill(listener)
     hall.expect_equal("a restart of the service")
@@ -147,6 +146,9 @@ def check_events(hall):
 
 def check_stopped_broker(hall):
     """What waits is bounded, what was under way is not lost, and what is dropped is counted."""
+    hall.control("Alarm", "40", "0", "3")
+    hall.control("Change", NAME, "behind an alarm", "s")
+    hall.expect_equal("an alarm")
     hall.broker.process.send_signal(signal.SIGSTOP)
     for number in range(140):
         hall.control("Alarm", "40", str(number), "3")
@@ -157,7 +159,7 @@ def check_stopped_broker(hall):
     hall.broker.start()
     listener, _ = hall.broker.listen(f"{TOPIC}/alarm/3", form="%p")
     hall.bridge.send_signal(signal.SIGCONT)
-    came = [json.loads(listener.stdout.readline())["value"] for _ in range(100)]
+    came = [json.loads(line)["value"] for line in islice(listener.stdout, 100)]
     check(came == list(range(40, 140)), f"these alarms came: {came}")
     hall.bed.kill(listener)
     hall.expect_equal("a broker that stood still")

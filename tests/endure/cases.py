@@ -2,6 +2,7 @@
 from testbed.gateway import TestBed, check
 
 CASES = {}
+CASE_LIMIT_S = 600
 
 
 class Case(TestBed):
@@ -23,13 +24,14 @@ class Case(TestBed):
         check(seconds < longest_s, f"the stop took {seconds:.1f} s")
 
 
-def case(name, shows, alone=False, bed=Case, **settings):
+def case(name, shows, alone=False, bed=Case, limit_s=CASE_LIMIT_S, **settings):
     """Registers the decorated function under `name`; it is called with what `bed` makes of these settings. `shows` says in
     a sentence what holds when it returns. `alone`: nothing else runs beside it, because its figures are times, or because
-    threads count over the whole machine."""
+    threads count over the whole machine. `limit_s`: how long it may take."""
 
     def register(function):
-        CASES[name] = {"function": function, "shows": shows, "alone": alone, "bed": bed, "settings": settings}
+        CASES[name] = {"function": function, "shows": shows, "alone": alone, "bed": bed, "limit_s": limit_s,
+                       "settings": settings}
         return function
 
     return register

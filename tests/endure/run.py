@@ -13,15 +13,13 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.append(str(ROOT))
-import exhaustion, faults, floods, peers, strangers  # each registers its cases
+import exhaustion, faults, floods, hall, peers, strangers  # each registers its cases
 from cases import CASES
 from testbed.remote import raise_own_limits
 from testbed.gateway import Failure
 
 FIGURES = ROOT / "build" / "endure.json"
-CASE_LIMIT_S = 600
 SIDE_BY_SIDE = 2
-NO_RESULT = {"failed": f"it ended without a result, or not within {CASE_LIMIT_S} s", "figures": {}}
 
 
 def run_inside(row, bin_dir):
@@ -40,10 +38,12 @@ def run_inside(row, bin_dir):
 
 
 def run_case(name, bin_dir):
-    command = ["timeout", str(CASE_LIMIT_S), ROOT / "tests" / "sandbox", sys.executable, "-B", __file__, "--bin", bin_dir,
+    limit_s = CASES[name]["limit_s"]
+    command = ["timeout", str(limit_s), ROOT / "tests" / "sandbox", sys.executable, "-B", __file__, "--bin", bin_dir,
                "--inside", name]
     lines = subprocess.run(command, stdout=subprocess.PIPE, check=False).stdout.splitlines()
-    result = json.loads(lines[-1]) if lines else NO_RESULT
+    result = json.loads(lines[-1]) if lines else {"figures": {}}
+    result.setdefault("failed", f"it ended without a result, or not within {limit_s} s")
     words = ", ".join(f"{what} {value} {unit}".rstrip() for what, (value, unit) in result["figures"].items())
     print(f"{name:<32} {'FAILED' if result['failed'] else 'OK':<7} {words}", flush=True)
     if result["failed"]:
