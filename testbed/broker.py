@@ -10,17 +10,9 @@ KEYS = ["/Device/Config/Name", "/Device/Status/Channels/Channel-1/OutputLevel", 
         "/Device/Config/Panel/Brightness"]  # that may be written
 HIDDEN = ("Password", "Passphrase", "Secret", "Pin")
 LEFT_OUT = ("/Device/Status/Uptime", "/Device/Config/Odd+Key")  # the access list forbids the first, the second is no topic
-CONFIG = """listener {port} 127.0.0.1
-allow_anonymous true
-acl_file {folder}/access
-max_queued_messages 100000
-user root
-"""
-KEEPING = """persistence true
-persistence_file broker.store
-persistence_location {folder}/
-autosave_interval 1
-"""
+CONFIG = ("listener {port} 127.0.0.1", "allow_anonymous true", "acl_file {folder}/access", "max_queued_messages 100000",
+          "user root")
+KEEPING = ("persistence true", "persistence_file broker.store", "persistence_location {folder}/", "autosave_interval 1")
 
 
 def topics_of(serial, values):
@@ -35,7 +27,7 @@ class Broker:
     def __init__(self, bed, keeps=False):
         self.bed, self.fences, self.process = bed, 0, None
         self.config, self.store = bed.folder / "broker.conf", bed.folder / "broker.store"
-        self.config.write_text((CONFIG + KEEPING * keeps).format(port=PORT, folder=bed.folder))
+        self.config.write_text("\n".join(CONFIG + KEEPING * keeps).format(port=PORT, folder=bed.folder))
         (bed.folder / "access").write_text(f"topic readwrite #\ntopic deny kesto/+/state{LEFT_OUT[0]}\n")
 
     def start(self):

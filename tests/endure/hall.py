@@ -1,5 +1,5 @@
-"""A hall: ten devices, the bridge and a broker. Whatever happens to them, and however much at once, the broker then holds what
-the devices hold. $KESTO_HALL_STEPS: how many steps the random walk has; $KESTO_HALL_SEED: which walk it is."""
+"""Ten devices, the bridge and a broker: whatever happens to them, the broker then holds what the devices hold.
+$KESTO_HALL_STEPS: how many steps the random walk has; $KESTO_HALL_SEED: which walk it is."""
 import itertools
 import json
 import os
@@ -28,7 +28,7 @@ PATIENCE_S = 240  # the slowest: calls of a silent device, each of which is give
 FLOOR = "/Device/Status/Temperature/HeatSink"  # only set while the device is pulled
 STRIKES = {"killed": (SIGKILL, 2), "emptied": (SIGKILL, 2), "away": (SIGKILL, 20), "terminated": (SIGTERM, 2),
            "stopped": (SIGSTOP, 3), "deaf": (SIGSTOP, 30)}  # of a program, and for how many seconds at most
-TROUBLES = ["pulled", "moved", "late:1000", "never"]  # of a device
+TROUBLES = ["pulled", "moved", "slow", "silent"]  # of a device
 
 
 class Hall:
@@ -101,7 +101,7 @@ class Hall:
         number, most_s = STRIKES[name]
         process.send_signal(number)
         if number != SIGSTOP:
-            process.wait()
+            check(process.wait() in (0, -SIGKILL), f"{name}: it ended with {process.returncode}")
         if name == "emptied":
             self.broker.store.unlink(missing_ok=True)
         yield
@@ -109,17 +109,13 @@ class Hall:
         process.send_signal(SIGCONT) if number == SIGSTOP else start()
 
     @contextmanager
-    def trouble(self, fault, device):
-        if fault == "pulled":
-            racks.unplug(self.rack, device)
-        elif fault == "moved":
-            racks.change_address(self.rack, device, f"10.77.{2 + next(self.numbers) % 200}.{device.number}")
-        else:
-            racks.fault(self.rack, device, f"read={fault}")
+    def trouble(self, name, device):
+        act, *words = {"pulled": (racks.unplug,), "slow": (racks.fault, "read=late:1000"), "silent": (racks.fault, "read=never"),
+                       "moved": (racks.change_address, f"10.77.{2 + next(self.numbers) % 200}.{device.number}")}[name]
+        act(self.rack, device, *words)
         yield
-        if fault not in ("pulled", "moved"):
-            self.wait(30)
-            racks.fault(self.rack, device, "read=none")
+        self.wait(30)
+        racks.fault(self.rack, device, "read=none")
 
     def plug(self, device):
         """What it got meanwhile is the least that may be seen of it when it is online again."""
