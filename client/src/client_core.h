@@ -77,6 +77,7 @@ class Client::Core final : public Task {
     void ask_next(int64_t now);
     void send(Operation operation, int64_t now);
     void take_answer(Answer answer, int64_t now);
+    void see_standstill(int64_t now);
     void take_reply(Answer answer, int64_t now);
     bool see_counter(const Reply &reply, int64_t now); /* false: the connection was given up */
     void inquire(const Answer &told, int64_t now);
@@ -100,6 +101,7 @@ class Client::Core final : public Task {
 
     Ports ports_;
     std::uint64_t sequence_ = 0;
+    int64_t sent_at_ = 0;  // the request under way
     std::deque<Asked> queue_;
     std::set<std::string> doubts_;  // keys to be read again
     std::optional<Asked> asked_;    // under way

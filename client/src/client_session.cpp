@@ -6,9 +6,10 @@
 
 namespace kesto {
 
-static constexpr int events_at_once = 256;  // then other tasks get their turn
-static constexpr size_t doubts_most = 16;   // more than these are read at once by the caller
-static constexpr int doubt_ms = 1000;       // until the counter is asked for again when something seems missing
+static constexpr int events_at_once = 256;   // then other tasks get their turn
+static constexpr size_t doubts_most = 16;    // more than these are read at once by the caller
+static constexpr int doubt_ms = 1000;        // until the counter is asked for again when something seems missing
+static constexpr int standstill_ms = 19000;  // a call is given up after 25 s, a sign of life came up to 5 s later
 
 void Client::Core::ask(Operation operation, Answered answered) {
     const auto told = [this, answered = std::move(answered)](Answer answer) {
@@ -106,6 +107,7 @@ void Client::Core::ask_next(int64_t now) {
 }
 
 void Client::Core::send(Operation operation, int64_t now) {
+    sent_at_ = now;
     commands_->ask({options_.client_id, ++sequence_, std::move(operation)}, now, options_.answer_limit_ms);
 }
 
@@ -135,12 +137,20 @@ void Client::Core::take_answer(Answer answer, int64_t now) {
     }
 }
 
+/* What its data service has not answered in time is refused, whoever asked, but may be carried out later: nobody is
+ * told then. A read that took as long has waited behind all that. */
+void Client::Core::see_standstill(int64_t now) {
+    if (!asked_ || std::holds_alternative<Read>(asked_->operation) || now - sent_at_ < standstill_ms) return;
+    tell_read_again("the device stood still, and may have done what it refused meanwhile");
+}
+
 void Client::Core::take_reply(Answer answer, int64_t now) {
     if (answer && !see_counter(answer.reply, now)) {
         finish(std::move(answer));
         lose("the device was restarted", now);
         return;
     }
+    see_standstill(now);
     if (stage_ == Stage::opening) {
         stage_ = Stage::connected;
         connected_at_ = now;

@@ -40,7 +40,7 @@ enum class Notice {
     connected,      // requests are served: read what you show
     lost,           // the sentence says why; the client tries to get the connection back
     recovered,      // connected again: read again what you show
-    read_again,     // events were lost, or very much has changed at once: read again what you show
+    read_again,     // events were lost, much has changed at once, or the device stood still: read again what you show
     not_reachable,  // an attempt failed, nobody answered; said again only with another reason
     refused,        // an attempt failed, the device refused the login; likewise; further attempts follow
     invalid,        // an option is wrong: there are no attempts
