@@ -67,7 +67,7 @@ void Bridge::take_instance(const std::string &instance) {
 void Bridge::take_message(const Message &message) {
     if (message.topic == bridge_topic(options_.id, "instance")) take_instance(message.payload);
     const std::optional<std::string> serial = serial_of_topic(message.topic, "bridge");
-    if (!serial || message.payload != options_.id) return;
+    if (!serial || !message.retained || message.payload != options_.id) return;
     if (!devices_.contains(*serial) && orphans_.size() < orphans_most) orphans_.insert(*serial);
 }
 
