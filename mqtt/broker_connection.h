@@ -77,6 +77,7 @@ class BrokerConnection {
     void check(int result);
     void drop_when_broken(std::int64_t now_ms);
     void pause(std::int64_t now_ms);
+    int set_largest_message();
     int longest_pause_ms() const;
 
     const Options &options_;
