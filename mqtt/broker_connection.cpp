@@ -82,9 +82,10 @@ struct BrokerConnection::Listeners {
     }
 };
 
-BrokerConnection::BrokerConnection(const Options &options, std::string client_id, Publication will,
+BrokerConnection::BrokerConnection(const Options &options, NameLookup &lookup, std::string client_id, Publication will,
                                    BrokerCallbacks callbacks)
     : options_(options),
+      lookup_(lookup),
       client_id_(std::move(client_id)),
       will_(std::move(will)),
       callbacks_(std::move(callbacks)),
@@ -104,7 +105,6 @@ int BrokerConnection::set_will() {
                                  will_.payload.data(), at_least_once, true, nullptr);
 }
 
-/* Why it cannot be; empty when all is set. */
 /* Only the call that waits for its connection takes properties. They hold for the handle's further connections, and
  * with a port that is none there is nothing to wait for. */
 int BrokerConnection::set_largest_message() {
@@ -115,6 +115,7 @@ int BrokerConnection::set_largest_message() {
     return result == MOSQ_ERR_INVAL ? MOSQ_ERR_SUCCESS : result;
 }
 
+/* Why it cannot be; empty when all is set. */
 std::string BrokerConnection::set_up() {
     mosquitto *const handle = handle_.get();
     if (handle == nullptr) return strerror(errno);
@@ -144,7 +145,7 @@ std::string BrokerConnection::set_up_tls() {
 }
 
 void BrokerConnection::seek(std::int64_t now_ms) {
-    if (stage_ == Stage::away && now_ms >= retry_at_ms_) begin_attempt(now_ms);
+    if (stage_ == Stage::away && now_ms >= retry_at_ms_ && lookup_.is_quick()) begin_attempt(now_ms);
 }
 
 /* A new handle each time: the old one would send again what it holds, however old that is by now. */

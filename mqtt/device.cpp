@@ -27,12 +27,13 @@ static std::string info_json(const kesto::Device &device) {
     return json_text(object);
 }
 
-MirroredDevice::MirroredDevice(kesto::Loop &loop, const Options &options, Counts &counts, const std::string &serial)
+MirroredDevice::MirroredDevice(kesto::Loop &loop, const Options &options, NameLookup &lookup, Counts &counts,
+                               const std::string &serial)
     : options_(options),
       counts_(counts),
       serial_(serial),
       session_(loop, options, counts, serial, [this](const kesto::Alarm &alarm) { take_alarm(alarm); }),
-      broker_(options, kesto_client_id(options) + "-" + serial, {topic("availability"), offline, true},
+      broker_(options, lookup, kesto_client_id(options) + "-" + serial, {topic("availability"), offline, true},
               broker_callbacks()) {}
 
 BrokerCallbacks MirroredDevice::broker_callbacks() {
@@ -84,8 +85,8 @@ void MirroredDevice::broker_lost(const std::string &why) {
 
 void MirroredDevice::take_message(const Message &message) {
     if (const auto set_key = key_of_topic(serial_, "set", message.topic)) take_set(*set_key, message);
-    else if (message.topic == topic("availability")) take_availability(message);
     else if (message.topic == topic("set")) take_set("", message);  // which the device refuses
+    else if (message.topic == topic("availability")) take_availability(message);
     else if (message.topic == topic("bridge")) take_holder(message);
     else if (!message.retained || message.payload.empty()) return;
     else if (const auto key = key_of_topic(serial_, "state", message.topic)) session_.mirror().seen_on_broker(*key);
