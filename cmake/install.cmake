@@ -40,7 +40,7 @@ if(ACCESS_TOOLS)
     install(FILES docs/man/${program}.1
       DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
     # bash looks for a file of the command's name.
-    install(FILES packaging/completion/kesto-tools
+    install(FILES packaging/completion/kesto
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program} COMPONENT tools OPTIONAL)
   endforeach()
 endif()
@@ -54,4 +54,6 @@ if(ACCESS_MQTT)
   install(DIRECTORY docs/mqtt DESTINATION ${install_docs}/kesto-mqtt COMPONENT mqtt OPTIONAL)  # its pictures
   install(DIRECTORY examples/mqtt/ DESTINATION ${install_docs}/kesto-mqtt/examples COMPONENT mqtt)
   install(FILES docs/man/kesto-mqtt.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT mqtt OPTIONAL)
+  install(FILES packaging/completion/kesto
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME kesto-mqtt COMPONENT mqtt OPTIONAL)
 endif()

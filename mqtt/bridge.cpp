@@ -28,8 +28,9 @@ static int signal_descriptor() {
 Bridge::Bridge(const Options &options)
     : options_(options),
       instance_(std::to_string(std::random_device()())),
+      lookup_(options.broker),
       signals_(signal_descriptor()),
-      broker_(options, kesto_client_id(options), {bridge_topic(options.id, "availability"), offline, true},
+      broker_(options, lookup_, kesto_client_id(options), {bridge_topic(options.id, "availability"), offline, true},
               broker_callbacks()),
       search_(loop_, options, [this](kesto::News news, const kesto::Device &device) { take_device(news, device); }) {}
 
@@ -68,7 +69,7 @@ void Bridge::take_instance(const std::string &instance) {
 void Bridge::take_message(const Message &message) {
     if (message.topic == bridge_topic(options_.id, "instance")) take_instance(message.payload);
     const std::optional<std::string> serial = serial_of_topic(message.topic, "bridge");
-    if (!serial || message.payload != options_.id) return;
+    if (!serial || !message.retained || message.payload != options_.id) return;
     if (!devices_.contains(*serial) && orphans_.size() < orphans_most) orphans_.insert(*serial);
 }
 
@@ -94,7 +95,7 @@ MirroredDevice *Bridge::device_of(const std::string &serial) {
         return nullptr;
     }
     orphans_.erase(serial);
-    return devices_.emplace(serial, std::make_unique<MirroredDevice>(loop_, options_, counts_, serial))
+    return devices_.emplace(serial, std::make_unique<MirroredDevice>(loop_, options_, lookup_, counts_, serial))
         .first->second.get();
 }
 

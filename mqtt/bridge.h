@@ -37,6 +37,7 @@ class Bridge {
     Counts counts_, counts_published_;
     std::uint64_t drops_said_ = 0;
     kesto::Loop loop_;
+    NameLookup lookup_;  // of the broker
     int signals_ = -1;
     bool stopping_ = false;
     std::map<std::string, std::unique_ptr<MirroredDevice>> devices_;  // by serial

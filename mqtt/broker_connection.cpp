@@ -11,6 +11,8 @@
 static constexpr int keepalive_s = 15;
 static constexpr int connect_limit_ms = 20000;
 static constexpr int first_pause_ms = 1000, ms_per_s = 1000;
+static constexpr std::uint32_t largest_message_bytes = 1024 * 1024;  // else one message can take all memory
+static constexpr int no_port = -1;
 static constexpr int at_least_once = 1, at_most_once = 0;
 static constexpr const char *authorities_of_machine = "/etc/ssl/certs";
 
@@ -80,9 +82,10 @@ struct BrokerConnection::Listeners {
     }
 };
 
-BrokerConnection::BrokerConnection(const Options &options, std::string client_id, Publication will,
+BrokerConnection::BrokerConnection(const Options &options, NameLookup &lookup, std::string client_id, Publication will,
                                    BrokerCallbacks callbacks)
     : options_(options),
+      lookup_(lookup),
       client_id_(std::move(client_id)),
       will_(std::move(will)),
       callbacks_(std::move(callbacks)),
@@ -102,6 +105,16 @@ int BrokerConnection::set_will() {
                                  will_.payload.data(), at_least_once, true, nullptr);
 }
 
+/* Only the call that waits for its connection takes properties. They hold for the handle's further connections, and
+ * with a port that is none there is nothing to wait for. */
+int BrokerConnection::set_largest_message() {
+    mosquitto_property *list = nullptr;
+    mosquitto_property_add_int32(&list, MQTT_PROP_MAXIMUM_PACKET_SIZE, largest_message_bytes);
+    const Properties properties(list);
+    const int result = mosquitto_connect_bind_v5(handle_.get(), "", no_port, keepalive_s, nullptr, list);
+    return result == MOSQ_ERR_INVAL ? MOSQ_ERR_SUCCESS : result;
+}
+
 /* Why it cannot be; empty when all is set. */
 std::string BrokerConnection::set_up() {
     mosquitto *const handle = handle_.get();
@@ -113,7 +126,8 @@ std::string BrokerConnection::set_up() {
     mosquitto_message_v5_callback_set(handle, Listeners::message);
     mosquitto_publish_v5_callback_set(handle, Listeners::published);
     mosquitto_log_callback_set(handle, Listeners::logged);
-    int result = set_will();
+    int result = set_largest_message();
+    if (result == MOSQ_ERR_SUCCESS) result = set_will();
     if (result == MOSQ_ERR_SUCCESS && !options_.broker_user.empty())
         result =
             mosquitto_username_pw_set(handle, options_.broker_user.c_str(), text_or_none(options_.broker_password));
@@ -131,7 +145,7 @@ std::string BrokerConnection::set_up_tls() {
 }
 
 void BrokerConnection::seek(std::int64_t now_ms) {
-    if (stage_ == Stage::away && now_ms >= retry_at_ms_) begin_attempt(now_ms);
+    if (stage_ == Stage::away && now_ms >= retry_at_ms_ && lookup_.is_quick()) begin_attempt(now_ms);
 }
 
 /* A new handle each time: the old one would send again what it holds, however old that is by now. */

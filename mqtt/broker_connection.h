@@ -1,8 +1,8 @@
 /* broker_connection.h - one connection to the broker, as a client of its own with a last will.
  *
- * It does not wait, but for the look-up of the broker's host name. Its callbacks come from serve() and look_after()
- * alone. A message that was not acknowledged when the connection was lost is forgotten, unless it was to be kept:
- * whoever published it says anew what holds. */
+ * It does not wait, and the broker sends it no message larger than 1 MiB. Its callbacks come from serve() and
+ * look_after() alone. A message that was not acknowledged when the connection was lost is forgotten, unless it was to
+ * be kept: whoever published it says anew what holds. */
 #pragma once
 
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <string>
 
+#include "name_lookup.h"
 #include "options.h"
 
 struct mosquitto;
@@ -38,8 +39,10 @@ struct BrokerCallbacks {
 
 class BrokerConnection {
   public:
-    /* `options` must outlive it. When the connection is lost the broker publishes `will`, retained. */
-    BrokerConnection(const Options &options, std::string client_id, Publication will, BrokerCallbacks callbacks);
+    /* `options` and `lookup`, of the broker's name, must outlive it. When the connection is lost the broker publishes
+     * `will`, retained. */
+    BrokerConnection(const Options &options, NameLookup &lookup, std::string client_id, Publication will,
+                     BrokerCallbacks callbacks);
     ~BrokerConnection();
     BrokerConnection(const BrokerConnection &) = delete;
     BrokerConnection &operator=(const BrokerConnection &) = delete;
@@ -74,12 +77,14 @@ class BrokerConnection {
     std::string set_up();
     std::string set_up_tls();
     int set_will();
+    int set_largest_message();
     void check(int result);
     void drop_when_broken(std::int64_t now_ms);
     void pause(std::int64_t now_ms);
     int longest_pause_ms() const;
 
     const Options &options_;
+    NameLookup &lookup_;
     const std::string client_id_;
     const Publication will_;
     const BrokerCallbacks callbacks_;

@@ -27,12 +27,13 @@ static std::string info_json(const kesto::Device &device) {
     return json_text(object);
 }
 
-MirroredDevice::MirroredDevice(kesto::Loop &loop, const Options &options, Counts &counts, const std::string &serial)
+MirroredDevice::MirroredDevice(kesto::Loop &loop, const Options &options, NameLookup &lookup, Counts &counts,
+                               const std::string &serial)
     : options_(options),
       counts_(counts),
       serial_(serial),
       session_(loop, options, counts, serial, [this](const kesto::Alarm &alarm) { take_alarm(alarm); }),
-      broker_(options, kesto_client_id(options) + "-" + serial, {topic("availability"), offline, true},
+      broker_(options, lookup, kesto_client_id(options) + "-" + serial, {topic("availability"), offline, true},
               broker_callbacks()) {}
 
 BrokerCallbacks MirroredDevice::broker_callbacks() {
@@ -85,6 +86,7 @@ void MirroredDevice::broker_lost(const std::string &why) {
 
 void MirroredDevice::take_message(const Message &message) {
     if (const auto set_key = key_of_topic(serial_, "set", message.topic)) take_set(*set_key, message);
+    else if (message.topic == topic("set")) take_set("", message);  // which the device refuses
     else if (message.topic == topic("availability")) take_availability(message);
     else if (message.topic == topic("bridge")) take_holder(message);
     else if (!message.retained || message.payload.empty()) return;
@@ -105,8 +107,12 @@ void MirroredDevice::take_holder(const Message &message) {
 }
 
 void MirroredDevice::take_set(const std::string &key, const Message &message) {
-    const Set set = {key, message.answer_topic, message.correlation};
-    if (message.retained) {
+    Set set = {key, message.answer_topic, message.correlation};
+    if (set.answer_topic && is_below_root(*set.answer_topic)) {
+        // The answer would be taken for the bridge's own word, or for a set of another device.
+        set.answer_topic.reset();
+        answer(set, "refused", "a set whose answer is to go below kesto/ is not taken");
+    } else if (message.retained) {
         answer(set, "refused", "a retained set is not taken, it would be carried out again and again");
     } else if (sets_under_way_ >= sets_most) {
         answer(set, "refused", "too many sets are waiting");

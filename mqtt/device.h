@@ -16,7 +16,8 @@ constexpr const char *online = "online", *offline = "offline";
 class MirroredDevice {
   public:
     /* All but `serial` must outlive it. */
-    MirroredDevice(kesto::Loop &loop, const Options &options, Counts &counts, const std::string &serial);
+    MirroredDevice(kesto::Loop &loop, const Options &options, NameLookup &lookup, Counts &counts,
+                   const std::string &serial);
 
     void follow(const kesto::Device &device); /* it was found, or says something else of itself */
     DeviceSession &session() { return session_; }

@@ -42,7 +42,7 @@ void DeviceSession::follow(const kesto::Device &device) {
     kesto::ClientCallbacks callbacks;
     callbacks.notice = [this](kesto::Notice notice, const std::string &why) { take_notice(notice, why); };
     callbacks.published = [this](const kesto::Published &published) { take_published(published); };
-    callbacks.value = [this](const kesto::Value &value) { mirror_.set(value.key, value.text); };
+    callbacks.value = [this](const kesto::Value &value) { mirror_.set_read(value.key, value.text); };
     client_ = std::make_unique<kesto::Client>(loop_, std::move(client), std::move(callbacks));
 }
 
@@ -74,7 +74,7 @@ void DeviceSession::take_notice(kesto::Notice notice, const std::string &sentenc
 }
 
 void DeviceSession::take_published(const kesto::Published &published) {
-    if (const auto *change = std::get_if<kesto::Change>(&published)) mirror_.set(change->key, change->value);
+    if (const auto *change = std::get_if<kesto::Change>(&published)) take_value(change->key, change->value);
     if (const auto *alarm = std::get_if<kesto::Alarm>(&published)) alarmed_(*alarm);
     if (const auto *echo = std::get_if<kesto::Reply>(&published)) take_echo(*echo);
 }
@@ -84,13 +84,21 @@ void DeviceSession::take_echo(const kesto::Reply &echo) {
     if (const auto *write = std::get_if<kesto::WriteResult>(&echo.result)) {
         // What a lock makes of the value is the device's business.
         if ((write->type & kesto::write_is_lock) != 0) read_wanted_ = true;
-        else mirror_.set(write->key, write->value);
+        else take_value(write->key, write->value);
     }
     const auto *several = std::get_if<kesto::MultiWriteResult>(&echo.result);
     if (several == nullptr) return;
     for (size_t i = 0; i < std::min(several->pairs.size(), several->results.size()); ++i) {
-        if (several->results[i] == kesto::pair_was_written) mirror_.set(several->pairs[i].key, several->pairs[i].value);
+        if (several->results[i] == kesto::pair_was_written) take_value(several->pairs[i].key, several->pairs[i].value);
     }
+}
+
+void DeviceSession::take_value(const std::string &key, const std::string &value) {
+    if (mirror_.set(key, value) || !is_connected()) return;
+    client_->ask(kesto::Read{key}, [this, key](const kesto::Answer &answer) {
+        const auto *read = answer.get<kesto::Value>();
+        if (answer && read != nullptr) mirror_.set_read(key, read->text);
+    });
 }
 
 void DeviceSession::write(const std::string &key, const std::string &value, kesto::Answered answered) {

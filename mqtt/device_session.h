@@ -36,6 +36,7 @@ class DeviceSession {
     void take_notice(kesto::Notice notice, const std::string &sentence);
     void take_published(const kesto::Published &published);
     void take_echo(const kesto::Reply &echo);
+    void take_value(const std::string &key, const std::string &value);
     void begin_reading();
     void ask_branch(size_t index);
     void take_branch(size_t index, const kesto::Answer &answer);

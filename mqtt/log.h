@@ -3,5 +3,6 @@
 
 #include <string>
 
-/* One line; what cannot be printed shows as "?". A flood of lines is cut short, and how many were left out is said. */
+/* One line, the end of a very long one cut off; what cannot be printed shows as "?". A flood of lines is cut short, and
+ * how many were left out is said. */
 void say(const std::string &line);

@@ -16,12 +16,18 @@ bool Mirror::is_wanted(const std::string &key) const {
                        [&](const std::string &branch) { return is_below(key, branch); });
 }
 
-void Mirror::set(const std::string &key, const std::string &value) {
-    if (!is_wanted(key)) return;
+bool Mirror::set(const std::string &key, const std::string &value) {
+    if (!is_wanted(key)) return true;
     const auto known = values_.find(key);
-    if (known == values_.end() && values_.size() >= keys_most) return;
     // Hidden when read, but not in what the device says of itself.
-    if (known != values_.end() && known->second == hidden_value) return;
+    const bool may_be_hidden = known == values_.end() ? is_whole_ : known->second == hidden_value;
+    if (may_be_hidden) return false;
+    set_read(key, value);
+    return true;
+}
+
+void Mirror::set_read(const std::string &key, const std::string &value) {
+    if (!is_wanted(key) || (!values_.contains(key) && values_.size() >= keys_most)) return;
     changed_meanwhile_.insert(key);
     put(key, value);
 }
@@ -44,7 +50,7 @@ void Mirror::take_whole(const std::vector<kesto::Pair> &pairs) {
     std::set<std::string> read;
     for (const kesto::Pair &pair : pairs) {
         read.insert(pair.key);
-        if (!changed_meanwhile_.contains(pair.key)) put(pair.key, pair.value);
+        if (pair.value == hidden_value || !changed_meanwhile_.contains(pair.key)) put(pair.key, pair.value);
     }
     const auto is_gone = [&](const auto &entry) {
         return !read.contains(entry.first) && !changed_meanwhile_.contains(entry.first);

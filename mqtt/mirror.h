@@ -18,9 +18,11 @@ class Mirror {
     /* `counts` must outlive it. */
     Mirror(std::vector<std::string> branches, Counts &counts) : branches_(std::move(branches)), counts_(counts) {}
 
-    /* The device said that a key has this value. Left out: one outside the branches, one whose values are hidden, and
-     * more keys than any device has. */
-    void set(const std::string &key, const std::string &value);
+    /* The device said that a key has this value. Left out: one outside the branches, and more keys than any device has.
+     * False when the value may be one to hide, which an answer to a read alone tells; the caller has to read the key.
+     */
+    bool set(const std::string &key, const std::string &value);
+    void set_read(const std::string &key, const std::string &value); /* that answer */
 
     /* Begins a whole read: what is set from now on is newer than what that read brings. */
     void begin_reading();
@@ -34,7 +36,8 @@ class Mirror {
     /* A new connection to the broker: everything waits again. */
     void start_over();
 
-    bool waits() const { return !waiting_.empty(); }
+    /* Nothing does before the first whole read, which tells what is to be hidden. */
+    bool waits() const { return is_whole_ && !waiting_.empty(); }
 
     /* The key that has waited longest, which then waits no more, and its value; empty when it has to be removed. */
     kesto::Pair take_next();

@@ -51,7 +51,7 @@ static const Setting settings[] = {
     text_setting("broker-password", "TEXT", &Options::broker_password, "Password at the broker"),
     flag_setting("tls", &Options::tls, "Encrypt; the machine's authorities vouch for the broker"),
     text_setting("ca-file", "FILE", &Options::ca_file, "Authorities that vouch for the broker; implies --tls"),
-    text_setting("certificate", "FILE", &Options::certificate, "Certificate to show to the broker"),
+    text_setting("certificate", "FILE", &Options::certificate, "Certificate to show to the broker; implies --tls"),
     text_setting("private-key", "FILE", &Options::private_key, "Key of that certificate"),
     text_setting("id", "ID", &Options::id, "Name of this bridge, no other's (default: this host's name)"),
     text_setting("user", "NAME", &Options::user, "User name at the devices (default: quillmont)"),
@@ -86,7 +86,8 @@ static void print_line(const std::string &left, const char *help) { printf("  %-
         const std::string word = setting.word != nullptr ? "=" + std::string(setting.word) : "";
         print_line("--" + std::string(setting.name) + word, setting.help);
     }
-    printf("\nThe file has lines NAME = VALUE, with the names of the options, and comments that begin with #.\n");
+    printf(
+        "\nThe file has lines NAME = VALUE, with the names of the options, and lines of comment that begin with #.\n");
     exit(0);
 }
 
@@ -97,6 +98,11 @@ static std::optional<int> positive_number(const std::string &text, int largest) 
     return number;
 }
 
+/* One topic level, as discovery takes it: there a client id ends at its first exclamation mark. */
+static bool is_bridge_id(const std::string &text) {
+    return is_topic_level(text) && text.find('!') == std::string::npos;
+}
+
 /* Why the value is none; empty when it was taken. */
 static std::string take_value(Options &options, const Setting &setting, const std::string &value) {
     const std::string name = setting.name;
@@ -105,6 +111,8 @@ static std::string take_value(Options &options, const Setting &setting, const st
         options.*setting.flag = value == "yes";
     } else if (value.empty()) {
         return name + " has no value";
+    } else if (setting.text == &Options::id && !is_bridge_id(value)) {
+        return "'" + value + "' cannot be the bridge's id";
     } else if (setting.text != nullptr) {
         options.*setting.text = value;
     } else if (setting.list != nullptr) {
@@ -140,7 +148,7 @@ static std::string take_line(Options &options, const std::string &line) {
     return take_value(options, *setting, trimmed(line.substr(equals + 1)));
 }
 
-/* False when it cannot be read. */
+/* False when it cannot be read, to its end. */
 static bool read_file(Options &options, const std::string &path) {
     std::ifstream file(path);
     if (!file) return false;
@@ -149,7 +157,7 @@ static bool read_file(Options &options, const std::string &path) {
         const std::string problem = take_line(options, trimmed(line));
         if (!problem.empty()) say(path + ":" + std::to_string(number) + ": " + problem + "; the line is left out");
     }
-    return true;
+    return !file.bad();
 }
 
 /* A word of the command line: its name without the dashes, and its value, behind "=" or in the next word. */
@@ -197,7 +205,8 @@ static void read_files(Options &options, const std::vector<Given> &words) {
         const std::string path = word.value.value_or("");
         if (!read_file(options, path)) end_with_usage("'" + path + "' cannot be read");
     }
-    if (!given) read_file(options, usual_file);
+    if (!given && access(usual_file, F_OK) == 0 && !read_file(options, usual_file))
+        say(std::string(usual_file) + " cannot be read, and is left out");
 }
 
 static std::string host_name() {
@@ -210,9 +219,7 @@ static void complete(Options &options) {
     const char *password = getenv("KESTO_PASSWORD");
     if (options.password.empty() && password != nullptr) options.password = password;
     if (options.id.empty()) options.id = host_name();
-    // Discovery ends a client id at its first exclamation mark.
-    if (!is_topic_level(options.id) || options.id.find('!') != std::string::npos)
-        end_with_usage("'" + options.id + "' cannot be the bridge's id");
+    if (!is_bridge_id(options.id)) end_with_usage("give an id: the host's name '" + options.id + "' cannot be one");
     if (options.branches.empty()) options.branches = {"/Device"};
 }
 
@@ -227,7 +234,9 @@ Options read_options(int argc, char **argv) {
 
 std::string kesto_client_id(const Options &options) { return "kesto-mqtt-" + options.id; }
 
-bool uses_tls(const Options &options) { return options.tls || !options.ca_file.empty(); }
+bool uses_tls(const Options &options) {
+    return options.tls || !options.ca_file.empty() || !options.certificate.empty();
+}
 
 int broker_port(const Options &options) {
     if (options.port != 0) return options.port;

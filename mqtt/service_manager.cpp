@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,10 +11,11 @@
 void tell_service_manager(const std::string &lines) {
     const char *path = getenv("NOTIFY_SOCKET");
     sockaddr_un address = {};
-    if (path == nullptr || strlen(path) >= sizeof(address.sun_path)) return;
+    const size_t path_length = path == nullptr ? 0 : strlen(path);
+    if (path_length == 0 || path_length >= sizeof(address.sun_path)) return;
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, path);
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(path));
+    memcpy(address.sun_path, path, path_length);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_length);
     if (path[0] == '@') address.sun_path[0] = '\0';
     const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (socket < 0) return;

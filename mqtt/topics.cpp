@@ -4,6 +4,8 @@
 
 static constexpr const char *root = "kesto/";
 
+bool is_below_root(const std::string &topic) { return topic.starts_with(root); }
+
 bool is_topic_level(const std::string &text) {
     const bool is_utf8 = mosquitto_validate_utf8(text.c_str(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
     return !text.empty() && is_utf8 && text.find_first_of("/+#") == std::string::npos;
@@ -36,6 +38,6 @@ std::optional<std::string> serial_of_topic(const std::string &topic, const std::
     if (!topic.starts_with(beginning) || !topic.ends_with(end)) return {};
     if (topic.size() <= beginning.size() + end.size()) return {};
     std::string serial = topic.substr(beginning.size(), topic.size() - beginning.size() - end.size());
-    if (!is_topic_level(serial)) return {};
+    if (!is_topic_level(serial) || serial == bridges_level) return {};
     return serial;
 }

@@ -8,6 +8,8 @@
 /* Of the first topic level behind the root; whatever follows it belongs to a bridge, and not to a device. */
 constexpr const char *bridges_level = "bridge";
 
+bool is_below_root(const std::string &topic); /* it belongs to a bridge, or to a device */
+
 /* Whether the text can stand between two slashes of a topic. */
 bool is_topic_level(const std::string &text);
 

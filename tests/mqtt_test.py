@@ -24,6 +24,7 @@ SERIAL, NAME, PIN = "QM240817", KEYS[0], "/Device/Config/Security/FrontPanel/Pin
 TOPIC, AVAILABILITY = f"kesto/{SERIAL}", f"kesto/{SERIAL}/availability"
 SETS = [  # key, value, outcome, part of the reason
     (NAME, "Hall 5", "done", ""),
+    (NAME, "********", "done", ""),  # as a value that is hidden
     (NAME, "", "done", ""),
     ("/Device/Config/None", "1", "refused", "did not accept it"),
     ("/Device/Config/EASY_SWAP_ID", "1", "refused", "may not write this key"),
@@ -207,16 +208,43 @@ def check_late_write(hall):
 
 def check_second_bridge(hall):
     """Each of the two says so; the one that goes does not take the device offline for long."""
-    (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nbranch = /Device/Config\n")
+    (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nid = a/b\nbranch = /Device/Config\n")
     first = hall.bridge
     hall.start_bridge("b2", "--config", hall.folder / "b2.conf")
     hall.expect_log("there is no setting 'brokr'", "b2")
+    hall.expect_log("'a/b' cannot be the bridge's id; the line is left out", "b2")
     hall.expect_log("bridge b2 publishes this device, too")
     hall.expect_log("bridge b1 publishes this device, too", "b2")
     check(hall.set(NAME, "only b1 takes it") == {"outcome": "done"}, "a set with a second bridge that takes none")
     hall.bed.kill(hall.bridge)
     hall.bridge = first
     hall.expect_equal("the end of the second bridge")
+
+
+def check_strangers(hall):
+    """What somebody publishes who wants the bridge to say something in its own name, or to run out of memory."""
+    hall.publish(f"{TOPIC}/set{NAME}", "x", "-V", "5", "-D", "publish", "response-topic", AVAILABILITY)
+    hall.expect_log("below kesto/ is not taken")
+    hall.publish("kesto/QM2/bridge", "b1")
+    (hall.folder / "large").write_bytes(bytes(2 << 20))
+    hall.bed.load(["mosquitto_pub", "-p", PORT, "-q", "1", "-t", f"{TOPIC}/set{NAME}", "-f", hall.folder / "large"])
+    check(hall.set(NAME, "behind them") == {"outcome": "done"}, "a set behind a large one")
+    check("NUL" not in hall.bed.role_log("b1"), "a set of 2 MiB came")
+    check("kesto/QM2/availability" not in hall.retained(), "a device of somebody else's was said to be offline")
+
+
+def check_secret(hall):
+    """What a device reports of a password before the bridge has read it."""
+    hall.bed.kill(hall.bridge)
+    hall.control("Fault", "read:/Device=error")
+    listener = hall.bed.start("pin", ["mosquitto_sub", "-p", PORT, "-t", f"{TOPIC}/state{PIN}"])
+    hall.start_bridge()
+    hall.expect_log("/Device cannot be read")
+    hall.control("Change", PIN, "4711", "s")
+    hall.control("Fault", "read:/Device=none")
+    hall.expect_equal("a password changed before the first read")
+    hall.bed.kill(listener)
+    check("4711" not in hall.bed.role_log("pin"), "a password was published")
 
 
 def check_end(hall):
@@ -263,6 +291,6 @@ with tempfile.TemporaryDirectory() as folder:
     hall = Hall(sys.argv[1], folder)
     with hall.bed:
         for part in (check_start, check_sets, check_remains, check_events, check_same_id, check_other_store, check_late_write,
-                     check_second_bridge, check_stopped_broker, check_end):
+                     check_second_bridge, check_strangers, check_secret, check_stopped_broker, check_end):
             part(hall)
         walk(hall, steps, seed)
