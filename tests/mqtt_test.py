@@ -198,6 +198,7 @@ def check_other_store(hall):
 
 def check_late_write(hall):
     """A write that the service has given up, and refused, is done all the same when the data service goes on."""
+    hall.expect_equal("another start")
     hall.bed.device.send_signal(signal.SIGSTOP)
     with contextlib.suppress(Failure):
         hall.kesto("--timeout=60", "write", NAME, "late")

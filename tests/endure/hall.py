@@ -25,6 +25,7 @@ from testbed.gateway import Failure, check
 STEPS, SEED = int(os.environ.get("KESTO_HALL_STEPS", "300")), int(os.environ.get("KESTO_HALL_SEED", "1"))
 DEVICES, WORKERS = 10, 3
 PATIENCE_S = 240  # the slowest: calls of a silent device, each of which is given up after 25 s
+READ_EVERY_S = 60  # a data service that is killed may have done what nobody was told
 FLOOR = "/Device/Status/Temperature/HeatSink"  # only set while the device is pulled
 STRIKES = {"killed": (SIGKILL, 2), "emptied": (SIGKILL, 2), "away": (SIGKILL, 20), "terminated": (SIGTERM, 2),
            "stopped": (SIGSTOP, 3), "deaf": (SIGSTOP, 30)}  # of a program, and for how many seconds at most
@@ -45,7 +46,7 @@ class Hall:
         self.start_bridge()
 
     def start_bridge(self):
-        command = [self.bed.bin / "kesto-mqtt", f"--port={PORT}", "--longest-pause=1", "--id=b1"]
+        command = [self.bed.bin / "kesto-mqtt", f"--port={PORT}", "--longest-pause=1", f"--read-every={READ_EVERY_S}", "--id=b1"]
         self.bridge = self.bed.start("bridge", command, {"KESTO_PASSWORD": PASSWORD})
 
     def run(self, *command):
