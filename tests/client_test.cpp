@@ -287,6 +287,20 @@ TEST(Answer, SaysWhatBecameOfTheRequest) {
     }
 }
 
+// What others were refused meanwhile may be carried out all the same.
+TEST(Standstill, OfTheDeviceIsAReasonToReadAgain) {
+    kesto::ClientOptions options = panel_options();
+    options.answer_limit_ms = 70000;
+    Connected connected(options);
+    auto &[gateway, panel] = connected;
+    gateway.set_fault("write=late:300");
+    panel.ask(kesto::Write{name_key, "Hall"});
+    pass(panel.loop);
+    gateway.device().expect_log({"Write (0, '/Device/Config/Name', 'Hall')"});
+    skip(20000);
+    panel.expect({"read_again: the device stood still*", "done"});
+}
+
 // Silent: given up after the limit, and whether it was carried out is not known.
 TEST(Silence, OfTheDataServiceEndsTheSessionAndNotTheClient) {
     Connected connected;

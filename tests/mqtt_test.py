@@ -196,17 +196,6 @@ def check_other_store(hall):
     hall.start_bridge()
 
 
-def check_late_write(hall):
-    """A write that the service has given up, and refused, is done all the same when the data service goes on."""
-    hall.expect_equal("another start")
-    hall.bed.device.send_signal(signal.SIGSTOP)
-    with contextlib.suppress(Failure):
-        hall.kesto("--timeout=60", "write", NAME, "late")
-    hall.bed.device.send_signal(signal.SIGCONT)
-    hall.expect_equal("a late write")
-    check(hall.held()[f"{TOPIC}/state{NAME}"] == "late", "the write was not done late")
-
-
 def check_second_bridge(hall):
     """Each of the two says so; the one that goes does not take the device offline for long."""
     (hall.folder / "b2.conf").write_text("read-only = yes\nbrokr = 10.0.0.1\nid = a/b\nbranch = /Device/Config\n")
@@ -291,7 +280,7 @@ steps, seed = int(os.environ.get("KESTO_MQTT_STEPS", "15")), int(os.environ.get(
 with tempfile.TemporaryDirectory() as folder:
     hall = Hall(sys.argv[1], folder)
     with hall.bed:
-        for part in (check_start, check_sets, check_remains, check_events, check_same_id, check_other_store, check_late_write,
+        for part in (check_start, check_sets, check_remains, check_events, check_same_id, check_other_store,
                      check_second_bridge, check_strangers, check_secret, check_stopped_broker, check_end):
             part(hall)
         walk(hall, steps, seed)
