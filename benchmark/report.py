@@ -65,15 +65,17 @@ def _markdown(headings, lines):
 
 
 def _origin(about):
-    return f"Measured on {about['date']}, commit {about['commit']}"
+    return f"Measured on {about['date']}, commit {about['commit']}, on {about['processors']} × {about['processor']}"
+
+
+def _rounds(runs):
+    return f"{sum(run['side'] == 'service' for run in runs)} rounds"
 
 
 def _machine(kept):
     about = kept["runs from"]
     packages = ", ".join(f"{name} {version}" for name, version in about["packages"].items())
-    rounds = sum(run["side"] == "service" for run in kept["runs"])
-    return (f"{_origin(about)}, {rounds} rounds, on {about['processors']} × {about['processor']}, "
-            f"Linux {about['kernel']}; {packages}.")
+    return f"{_origin(about)}, {_rounds(kept['runs'])}, Linux {about['kernel']}; {packages}."
 
 
 def _tables(compared):
@@ -125,7 +127,7 @@ def write(root, kept):
         _draw(root / "docs/performance", pinned)
     if unpinned:
         lines = [rows.cells(line) for group in unpinned.values() for line in group]
-        parts["unpinned"] = f"{_origin(kept['unpinned from'])}.\n\n{_markdown(rows.HEADINGS, lines)}"
+        parts["unpinned"] = f"{_origin(kept['unpinned from'])}, {_rounds(kept['unpinned'])}.\n\n{_markdown(rows.HEADINGS, lines)}"
     for what, table in (("counts", counts.table), ("peer", peer.table), ("rack", racks.table), ("bridge", bridge.table)):
         if f"{what} from" in kept:
             parts[what] = f"{_origin(kept[f'{what} from'])}.\n\n{_markdown(*table(kept[what]))}"
