@@ -63,10 +63,7 @@ void DeviceSession::close(std::function<void()> closed) {
 }
 
 void DeviceSession::take_notice(kesto::Notice notice, const std::string &sentence) {
-    static constexpr const char *beginnings[] = {"connected",          "connection lost: ", "connected again",
-                                                 "reading anew: ",     "not reachable: ",   "login refused: ",
-                                                 "no login possible: "};
-    say(serial_ + ": " + beginnings[static_cast<size_t>(notice)] + sentence);
+    say(serial_ + ": " + kesto::notice_text(notice, sentence));
     const bool is_there = notice == kesto::Notice::connected || notice == kesto::Notice::recovered;
     if (notice == kesto::Notice::lost) give_up_reading();
     if (is_there) read_at_ms_ = 0;
