@@ -100,7 +100,9 @@ void MirroredDevice::take_availability(const Message &message) {
 
 /* What is retained may be from a bridge that had the device before. One that is there answers. */
 void MirroredDevice::take_holder(const Message &message) {
-    if (message.retained || message.payload == options_.id || message.payload == rival_) return;
+    if (message.retained || message.payload == options_.id) return;
+    is_contradicted_ = true;
+    if (message.payload == rival_) return;
     rival_ = message.payload;
     say(serial_ + ": bridge " + rival_ + " publishes this device, too; only one should");
     holder_waits_ = true;

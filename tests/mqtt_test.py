@@ -211,6 +211,20 @@ def check_second_bridge(hall):
     hall.expect_equal("the end of the second bridge")
 
 
+def check_short_rival(hall):
+    """Another bridge that comes and goes while this one is still reading may have removed values."""
+    hall.bed.kill(hall.bridge)
+    hall.control("Fault", "read=late:1000")
+    hall.start_bridge()
+    hall.expect_log("QM240817: connected")
+    hall.publish(f"{TOPIC}/bridge", "b9")
+    hall.expect_log("bridge b9 publishes this device, too")
+    hall.control("Fault", "read=none")
+    hall.expect_kept(AVAILABILITY, "online")
+    hall.publish(f"{TOPIC}/state{KEYS[1]}", "", "-r")
+    hall.expect_equal("a rival that was there before the first read")
+
+
 def check_strangers(hall):
     """What somebody publishes who wants the bridge to say something in its own name, or to run out of memory."""
     hall.publish(f"{TOPIC}/set{NAME}", "x", "-V", "5", "-D", "publish", "response-topic", AVAILABILITY)
@@ -281,6 +295,6 @@ with tempfile.TemporaryDirectory() as folder:
     hall = Hall(sys.argv[1], folder)
     with hall.bed:
         for part in (check_start, check_sets, check_remains, check_events, check_same_id, check_other_store,
-                     check_second_bridge, check_strangers, check_secret, check_stopped_broker, check_end):
+                     check_second_bridge, check_short_rival, check_strangers, check_secret, check_stopped_broker, check_end):
             part(hall)
         walk(hall, steps, seed)
